@@ -1,0 +1,36 @@
+# How this project's own code is compiled, and how a folder adds its sources to a target.
+
+add_library(counterfeed_options INTERFACE)
+target_include_directories(counterfeed_options INTERFACE ${CMAKE_SOURCE_DIR})
+target_compile_options(counterfeed_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+    -ffunction-sections -fdata-sections
+    # Counter values must come out the same on every target and at every optimisation level.
+    -ffp-contract=off)
+target_compile_definitions(counterfeed_options INTERFACE _GNU_SOURCE _FILE_OFFSET_BITS=64)
+find_package(Threads REQUIRED)
+target_link_libraries(counterfeed_options INTERFACE Threads::Threads ${CMAKE_DL_LIBS})
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # GCC 7 changed how some types are passed on ARM and warns of it; nothing here was built with an older one.
+    target_compile_options(counterfeed_options INTERFACE -Wno-psabi)
+endif()
+
+if(COUNTERFEED_SANITIZE)
+    add_compile_options(-fsanitize=${COUNTERFEED_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${COUNTERFEED_SANITIZE})
+endif()
+
+# counterfeed_sources(<target> <source>...)
+#
+# Adds sources of the current folder to a target. A source location names a file by its path below the root and without
+# its ending, the same in every build: "counterfeed/src/start".
+function(counterfeed_sources target)
+    foreach(source IN LISTS ARGN)
+        cmake_path(ABSOLUTE_PATH source NORMALIZE OUTPUT_VARIABLE path)
+        target_sources(${target} PRIVATE ${path})
+        cmake_path(RELATIVE_PATH path BASE_DIRECTORY ${CMAKE_SOURCE_DIR} OUTPUT_VARIABLE location)
+        cmake_path(REMOVE_EXTENSION location LAST_ONLY)
+        set_property(SOURCE ${path} TARGET_DIRECTORY ${target}
+            APPEND PROPERTY COMPILE_OPTIONS -fmacro-prefix-map=${path}=${location})
+    endforeach()
+endfunction()

@@ -1,0 +1,157 @@
+#include "logging/logging.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "logging/callback.h"
+#include "tests/support/platform_log.h"
+
+namespace {
+
+bool snprintf_fails = false;
+
+}  // namespace
+
+// Takes the place of the C library's, so that the formatting of a log line can be made to fail half-way.
+extern "C" int snprintf(char* buffer, std::size_t size, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int result = std::vsnprintf(buffer, size, format, arguments);
+    va_end(arguments);
+    if (snprintf_fails) {
+        buffer[5] = '\0';
+        return -1;
+    }
+    return result;
+}
+
+namespace {
+
+using namespace qel::vexa;  // NOLINT(google-build-using-namespace)
+using test_support::log_line;
+using test_support::take_log_lines;
+
+constexpr logging::tag test_tag("a tag");
+const logging::print::logger logger(test_tag);
+
+struct message {
+    stx::source_location location;
+    logging::priority level;
+    std::string sender;
+    std::string text;
+};
+
+// Receives all messages for as long as it lives.
+class recorder {
+public:
+    recorder()
+        : before_(
+              logging::exchange_callback([this](const stx::source_location& location, logging::priority level,
+                                                logging::tag sender, std::string_view text) {
+                  messages.push_back(
+                      {location, level, std::string(sender.text, sender.length), std::string(text)});
+              })) {}
+    ~recorder() { logging::exchange_callback(before_); }
+    recorder(const recorder&) = delete;
+    recorder& operator=(const recorder&) = delete;
+
+    std::vector<message> messages;
+
+private:
+    logging::callback before_;
+};
+
+TEST(Logging, CallbackSeesTheCallSiteAndTheTextAsWritten) {
+    recorder seen;
+    const unsigned first_line = __LINE__ + 1;
+    logger.e("number %d\n", 12);
+    logger.w("%s", "no newline");
+    logging::print::log::e(test_tag, "plain");
+    const std::vector<message>& messages = seen.messages;
+    ASSERT_EQ(messages.size(), 3U);
+    EXPECT_EQ(messages[0].text, "number 12\n");
+    EXPECT_EQ(messages[0].level, logging::priority::error);
+    EXPECT_EQ(messages[1].text, "no newline");
+    EXPECT_EQ(messages[1].level, logging::priority::warning);
+    EXPECT_EQ(messages[2].text, "plain");
+    EXPECT_EQ(messages[2].level, logging::priority::error);
+    for (unsigned i = 0; i < messages.size(); ++i) {
+        EXPECT_EQ(messages[i].sender, "a tag");
+        EXPECT_STREQ(messages[i].location.file, "tests/logging/logging_test");
+        EXPECT_STREQ(messages[i].location.function, "TestBody");
+        EXPECT_EQ(messages[i].location.line, first_line + i);
+        EXPECT_GT(messages[i].location.column, 4U);
+    }
+}
+
+TEST(Logging, LongAndUnformattableMessages) {
+    recorder seen;
+    logger.e("%s", std::string(1023, 'x').c_str());
+    logger.e("%s", std::string(2000, 'x').c_str());
+    logger.e("lost %lc", 0x20ac);  // no such character in the C locale
+    ASSERT_EQ(seen.messages.size(), 3U);
+    EXPECT_EQ(seen.messages[0].text, std::string(1023, 'x'));
+    EXPECT_EQ(seen.messages[1].text, std::string(1023, 'x'));
+    EXPECT_EQ(seen.messages[2].text, "failed to format");
+}
+
+TEST(Logging, PlatformLogGetsTheBareMessageUnlessTheLocationLineFails) {
+    take_log_lines();
+    logger.w("id %u\n", 12U);
+    snprintf_fails = true;
+    logger.e("id %u\n", 13U);
+    snprintf_fails = false;
+    EXPECT_EQ(take_log_lines(), (std::vector<log_line>{{5, "a tag", "id 12\n"}, {6, "a tag", "tests"}}));
+}
+
+TEST(Logging, MessageIsDroppedWhileTheCallbackIsBeingReplaced) {
+    recorder seen;
+    {
+        const std::unique_lock held(logging::detail::current_callback.lock);
+        std::thread([] { logger.e("dropped"); }).join();
+    }
+    logger.e("kept");
+    ASSERT_EQ(seen.messages.size(), 1U);
+    EXPECT_EQ(seen.messages[0].text, "kept");
+}
+
+TEST(LoggingDeathTest, EmptyCallbackEndsTheProcess) {
+    EXPECT_EXIT(
+        {
+            logging::exchange_callback(nullptr);
+            logger.e("nobody listens");
+        },
+        testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(Logging, ThreadsLogWhileTheCallbackChanges) {
+    std::atomic<unsigned> received = 0;
+    const auto count = [&received](const stx::source_location&, logging::priority, logging::tag,
+                                   std::string_view) { ++received; };
+    const logging::callback before = logging::exchange_callback(count);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            for (int n = 0; n < 500; ++n) {
+                logger.e("%d", n);
+            }
+        });
+    }
+    for (int i = 0; i < 100; ++i) {
+        logging::exchange_callback(count);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    logging::exchange_callback(before);
+    EXPECT_GT(received, 0U);
+    EXPECT_LE(received, 2000U);
+}
+
+}  // namespace
