@@ -1,0 +1,59 @@
+// The form of the derived counters' list.
+#pragma once
+
+#include <string_view>
+#include <tuple>
+
+#include "hwc/expression.h"
+#include "hwc/measure_unit.h"
+#include "hwc/raw_row.h"
+#include "hwc/table_set.h"
+
+namespace qel::vexa::hwc {
+
+// A counter's expression in some of the tables, with what its description adds there.
+template <expression Expression>
+struct derived_variant {
+    table_set tables;
+    Expression value;
+    std::string_view text;
+};
+
+struct units {
+    measure_unit numerator;
+    measure_unit denominator = unit_none;
+
+    constexpr units(measure_unit unit)
+        : numerator(unit) {}  // NOLINT(google-explicit-constructor): the usual case
+    constexpr units(measure_unit the_numerator, measure_unit the_denominator)
+        : numerator(the_numerator), denominator(the_denominator) {}
+};
+
+// A derived counter under one name. It has at most one variant in each table, and none in a table that lacks
+// it.
+template <typename... Variants>
+struct derived_row {
+    const char* name;
+    units in_units;
+    selection selected;
+    std::string_view body;  // the description, up to what the variant adds
+    std::tuple<Variants...> variants;
+};
+
+consteval units per(measure_unit numerator, measure_unit denominator) {
+    return {numerator, denominator};
+}
+
+template <expression Expression>
+consteval derived_variant<Expression> in(std::string_view list, Expression value,
+                                         std::string_view text = {}) {
+    return {tables(list), value, text};
+}
+
+template <typename... Variants>
+consteval derived_row<Variants...> row(const char* name, units in_units, selection selected,
+                                       std::string_view body, Variants... variants) {
+    return {name, in_units, selected, body, {variants...}};
+}
+
+}  // namespace qel::vexa::hwc

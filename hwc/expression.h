@@ -1,0 +1,168 @@
+// Derived counters as expressions over hardware names, written as C++ expressions and evaluated at run time
+// without any interpretation: the type of an expression is its whole shape.
+//
+//     inline constexpr auto fragment_utilization = (FRAG_ACTIVE / GPU_ACTIVE) * 100;
+//
+// The order of evaluation is the written one, parentheses and all, and each step is one operation of
+// saturating_double.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "hwc/counter_descriptor.h"
+#include "hwc/profiler.h"
+#include "hwc/saturating_double.h"
+
+namespace qel::vexa::hwc {
+
+struct expression_base {
+    constexpr bool operator==(const expression_base&) const = default;
+};
+template <typename T>
+concept expression = std::derived_from<T, expression_base>;
+
+template <std::size_t size>
+struct constant_text {
+    char text[size];
+
+    consteval constant_text(const char (&literal)[size]) {  // NOLINT(google-explicit-constructor)
+        std::copy_n(literal, size, text);
+    }
+    constexpr std::string_view view() const { return {text, size - 1}; }
+};
+
+// A counter by its hardware name, before the name has become an id.
+template <constant_text name>
+struct named_counter : expression_base {};
+
+// A counter by its id. It is looked up in the profiler's table, and reads as 0 when the table has no such
+// row.
+struct counter_operand : expression_base {
+    std::uint32_t id;
+
+    explicit constexpr counter_operand(std::uint32_t the_id) : id(the_id) {}
+    saturating_double evaluate(const profiler& context, const std::uint32_t* sample) const {
+        const vexa_counter_descriptor* row = context.counters.find(id);
+        return row == nullptr ? saturating_double() : context.get_value_for_counter(sample, *row);
+    }
+};
+
+// One of the GPU's own numbers.
+template <std::uint32_t profiler::*number>
+struct gpu_constant : expression_base {
+    saturating_double evaluate(const profiler& context, const std::uint32_t* /*sample*/) const {
+        return saturating_double(context.*number);
+    }
+};
+
+// A number. Held in quarters, because compilers differ in whether a floating-point value can be part of a
+// type.
+struct number_constant : expression_base {
+    std::uint32_t quarters;
+
+    consteval explicit number_constant(double value) : quarters(static_cast<std::uint32_t>(value * 4)) {
+        if (quarters / 4.0 != value) {
+            throw "constants of expressions are multiples of a quarter";
+        }
+    }
+    saturating_double evaluate(const profiler& /*context*/, const std::uint32_t* /*sample*/) const {
+        return saturating_double::from(quarters / 4.0);
+    }
+};
+
+enum class operation { add, subtract, multiply, divide, maximum };
+
+template <operation op, expression Left, expression Right>
+struct binary : expression_base {
+    Left left;
+    Right right;
+
+    constexpr binary(Left the_left, Right the_right) : left(the_left), right(the_right) {}
+    saturating_double evaluate(const profiler& context, const std::uint32_t* sample) const {
+        const saturating_double a = left.evaluate(context, sample);
+        const saturating_double b = right.evaluate(context, sample);
+        switch (op) {
+            case operation::add:
+                return a + b;
+            case operation::subtract:
+                return a - b;
+            case operation::multiply:
+                return a * b;
+            case operation::divide:
+                return a / b;
+            case operation::maximum:
+                return max(a, b);
+        }
+    }
+};
+
+consteval auto operator+(expression auto a, expression auto b) {
+    return binary<operation::add, decltype(a), decltype(b)>(a, b);
+}
+consteval auto operator-(expression auto a, expression auto b) {
+    return binary<operation::subtract, decltype(a), decltype(b)>(a, b);
+}
+consteval auto operator*(expression auto a, expression auto b) {
+    return binary<operation::multiply, decltype(a), decltype(b)>(a, b);
+}
+consteval auto operator*(expression auto a, double b) {
+    return a * number_constant(b);
+}
+consteval auto operator/(expression auto a, expression auto b) {
+    return binary<operation::divide, decltype(a), decltype(b)>(a, b);
+}
+consteval auto max(expression auto a, expression auto b) {
+    return binary<operation::maximum, decltype(a), decltype(b)>(a, b);
+}
+
+// The expression with its hardware names replaced by the ids that id_of(name) gives.
+template <typename IdOf, typename Expression>
+consteval auto resolve(IdOf /*id_of*/, Expression e) {
+    return e;
+}
+template <typename IdOf, constant_text name>
+consteval auto resolve(IdOf id_of, named_counter<name> /*counter*/) {
+    return counter_operand(id_of(name.view()));
+}
+template <typename IdOf, operation op, typename Left, typename Right>
+consteval auto resolve(IdOf id_of, binary<op, Left, Right> e) {
+    const auto left = resolve(id_of, e.left);
+    const auto right = resolve(id_of, e.right);
+    return binary<op, std::remove_const_t<decltype(left)>, std::remove_const_t<decltype(right)>>(left, right);
+}
+
+// The ids that a resolved expression reads, without repetition, in the order of their first appearance.
+struct operand_ids {
+    static constexpr std::size_t capacity = 16;
+    std::array<std::uint32_t, capacity> ids{};
+    std::size_t count = 0;
+
+    constexpr void add(std::uint32_t id) {
+        if (std::find(ids.begin(), ids.begin() + count, id) == ids.begin() + count) {
+            ids.at(count++) = id;
+        }
+    }
+};
+constexpr void collect_ids(const expression auto& /*constant*/, operand_ids& /*found*/) {}
+constexpr void collect_ids(const counter_operand& counter, operand_ids& found) {
+    found.add(counter.id);
+}
+template <operation op, typename Left, typename Right>
+constexpr void collect_ids(const binary<op, Left, Right>& e, operand_ids& found) {
+    collect_ids(e.left, found);
+    collect_ids(e.right, found);
+}
+
+// The evaluator of a resolved expression: a function with all ids and constants fixed in it. Tables in which
+// the operands have the same ids share one.
+template <expression auto resolved>
+saturating_double evaluate(const profiler& context, const std::uint32_t* sample) {
+    return resolved.evaluate(context, sample);
+}
+
+}  // namespace qel::vexa::hwc

@@ -1,0 +1,255 @@
+// Builds the counter tables from the lists of rows, and checks the lists while it is compiled.
+
+#include "hwc/hwc_names.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string_view>
+#include <tuple>
+#include <utility>
+
+#include "hwc/derived_rows.h"
+#include "hwc/job_manager_rows.h"
+#include "hwc/memory_system_rows.h"
+#include "hwc/product.h"
+#include "hwc/shader_core_rows.h"
+#include "hwc/tiler_rows.h"
+#include "stx/load_order.h"
+
+namespace qel::vexa::hwc {
+
+namespace {
+
+// One of the four lists, with its rows' full descriptions.
+template <block the_block, const auto& the_rows>
+struct block_list {
+    static constexpr block which = the_block;
+    static constexpr const auto& rows = the_rows;
+    static constexpr auto descriptions = describe<the_rows, the_block>();
+
+    static constexpr std::size_t rows_in(unsigned table) {
+        return static_cast<std::size_t>(std::count_if(
+            rows.begin(), rows.end(), [table](const raw_row& row) { return row.id_in(table).has_value(); }));
+    }
+
+    // Every id lies in the block, behind the four words that no counter has, and stands once in a table.
+    static constexpr bool ids_are_sound() {
+        constexpr std::uint32_t first_id = static_cast<std::uint32_t>(which) * counters_per_block;
+        constexpr std::uint32_t words_without_counter = 4;
+        for (unsigned table = 1; table <= table_count; ++table) {
+            std::array<bool, counters_per_block> seen{};
+            for (const raw_row& row : rows) {
+                const std::optional<std::uint32_t> id = row.id_in(table);
+                if (!id) {
+                    continue;
+                }
+                const std::uint32_t offset = *id - first_id;
+                if (*id < first_id + words_without_counter || offset >= counters_per_block || seen[offset]) {
+                    return false;
+                }
+                seen[offset] = true;
+            }
+        }
+        return true;
+    }
+    static_assert(ids_are_sound());
+
+    static void add_to(counter_table& result, unsigned table) {
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            if (const std::optional<std::uint32_t> id = rows[i].id_in(table)) {
+                result.insert({.id = *id,
+                               .name = rows[i].name,
+                               .description = descriptions[i],
+                               .numerator_units = rows[i].unit,
+                               .denominator_units = unit_none,
+                               .select_by_default = rows[i].selected == selection::by_default,
+                               .dependencies = {},
+                               .evaluator = nullptr});
+            }
+        }
+    }
+};
+
+using job_manager = block_list<block::job_manager, job_manager_rows>;
+using tiler = block_list<block::tiler, tiler_rows>;
+using memory_system = block_list<block::memory_system, memory_system_rows>;
+using shader_core = block_list<block::shader_core, shader_core_rows>;
+
+// The id of a hardware counter in a table. A name that the table lacks does not compile.
+consteval std::uint32_t id_in_table(unsigned table, std::string_view hardware_name) {
+    std::optional<std::uint32_t> found;
+    const auto search = [&](const auto& rows) {
+        for (const raw_row& row : rows) {
+            if (row.hardware_name == hardware_name && row.id_in(table)) {
+                found = row.id_in(table);
+            }
+        }
+    };
+    search(job_manager_rows);
+    search(tiler_rows);
+    search(memory_system_rows);
+    search(shader_core_rows);
+    if (!found) {
+        throw "the table has no counter with this hardware name";
+    }
+    return *found;
+}
+
+// A row of the derived list, by its place there.
+template <std::size_t row_index>
+struct derived {
+    static constexpr const auto& row = std::get<row_index>(derived_rows);
+    static constexpr std::size_t variant_count = std::tuple_size_v<decltype(row.variants)>;
+
+    template <std::size_t variant_index>
+    static constexpr const auto& variant = std::get<variant_index>(row.variants);
+
+    // How many of the row's variants a table has.
+    static constexpr std::size_t variants_in(unsigned table) {
+        return std::apply(
+            [table](const auto&... each) { return (std::size_t{each.tables.contains(table)} + ...); },
+            row.variants);
+    }
+
+    // The row's own text and the variant's, as one.
+    template <std::size_t variant_index>
+    static constexpr auto joined_text = [] {
+        constexpr std::string_view addition = variant<variant_index>.text;
+        constexpr bool both = !row.body.empty() && !addition.empty();
+        std::array<char, row.body.size() + (both ? 1 : 0) + addition.size() + 1> result{};
+        char* end = std::copy(row.body.begin(), row.body.end(), result.data());
+        if (both) {
+            *end++ = ' ';
+        }
+        std::copy(addition.begin(), addition.end(), end);
+        return result;
+    }();
+
+    template <unsigned table, std::size_t variant_index>
+    static void add_variant(counter_table& result, std::uint32_t id) {
+        if constexpr (variant<variant_index>.tables.contains(table)) {
+            constexpr auto resolved = resolve(
+                [](std::string_view name) consteval { return id_in_table(table, name); },
+                variant<variant_index>.value);
+            constexpr operand_ids dependencies = [resolved] {
+                operand_ids found;
+                collect_ids(resolved, found);
+                return found;
+            }();
+            result.insert(
+                {.id = id,
+                 .name = row.name,
+                 .description = joined_text<variant_index>.data(),
+                 .numerator_units = row.in_units.numerator,
+                 .denominator_units = row.in_units.denominator,
+                 .select_by_default = row.selected == selection::by_default,
+                 .dependencies = {dependencies.ids.begin(), dependencies.ids.begin() + dependencies.count},
+                 .evaluator = evaluate<resolved>});
+        }
+    }
+
+    template <unsigned table>
+    static void add_to(counter_table& result, std::uint32_t& next_id) {
+        static_assert(variants_in(table) <= 1);
+        if constexpr (variants_in(table) == 1) {
+            [&]<std::size_t... variant_indices>(std::index_sequence<variant_indices...>) {
+                (add_variant<table, variant_indices>(result, next_id), ...);
+            }
+            (std::make_index_sequence<variant_count>());
+            ++next_id;
+        }
+    }
+};
+
+using derived_indices = std::make_index_sequence<std::tuple_size_v<decltype(derived_rows)>>;
+
+template <std::size_t... row_indices>
+constexpr std::size_t derived_rows_in(unsigned table, std::index_sequence<row_indices...> /*all*/) {
+    return (derived<row_indices>::variants_in(table) + ...);
+}
+
+template <unsigned table, std::size_t... row_indices>
+void add_derived(counter_table& result, std::index_sequence<row_indices...> /*all*/) {
+    std::uint32_t next_id = first_derived_id;
+    (derived<row_indices>::template add_to<table>(result, next_id), ...);
+}
+
+// How many rows each table has. The lists must come out at these numbers.
+struct table_size {
+    std::size_t job_manager, tiler, memory_system, shader_core, derived;
+
+    constexpr bool operator==(const table_size&) const = default;
+    constexpr std::size_t all() const {
+        return job_manager + tiler + memory_system + shader_core + 1 + derived;
+    }
+};
+constexpr std::array<table_size, table_count> table_sizes{{
+    {29, 56, 51, 58, 80},
+    {29, 56, 51, 58, 80},
+    {29, 56, 51, 60, 83},
+    {29, 56, 51, 58, 79},
+    {29, 56, 51, 58, 79},
+    {29, 56, 51, 60, 83},
+    {29, 60, 51, 60, 88},
+    {29, 60, 51, 60, 89},
+    {60, 60, 50, 60, 90},
+}};
+constexpr bool sizes_are_right() {
+    for (unsigned table = 1; table <= table_count; ++table) {
+        if (table_sizes[table - 1] != table_size{job_manager::rows_in(table), tiler::rows_in(table),
+                                                 memory_system::rows_in(table), shader_core::rows_in(table),
+                                                 derived_rows_in(table, derived_indices())}) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(sizes_are_right());
+
+template <unsigned table>
+counter_table build_table() {
+    counter_table result;
+    result.reserve(table_sizes[table - 1].all());
+    job_manager::add_to(result, table);
+    tiler::add_to(result, table);
+    memory_system::add_to(result, table);
+    shader_core::add_to(result, table);
+    result.insert({.id = gpu_cycles_id,
+                   .name = "GPU cycles",
+                   .description = "This counter increments every clock cycle where the GPU is powered.",
+                   .numerator_units = unit_none,
+                   .denominator_units = unit_none,
+                   .select_by_default = false,
+                   .dependencies = {},
+                   .evaluator = nullptr});
+    add_derived<table>(result, derived_indices());
+    return result;
+}
+
+// The table of each product, by the product's number.
+constexpr std::array<unsigned, hardware::product_count> table_of_product{1, 2, 3, 7, 8, 4, 5,
+                                                                         6, 7, 8, 9, 9, 9, 9};
+
+}  // namespace
+
+[[gnu::init_priority(VEXA_LOAD_ORDER_TABLES)]] const std::array<counter_table, table_count> counter_tables{
+    build_table<1>(), build_table<2>(), build_table<3>(), build_table<4>(), build_table<5>(),
+    build_table<6>(), build_table<7>(), build_table<8>(), build_table<9>(),
+};
+
+// Behind the tables, by its place in this file.
+[[gnu::init_priority(
+    VEXA_LOAD_ORDER_TABLES)]] const std::map<hardware::product, std::reference_wrapper<const counter_table>>
+    product_tables = [] {
+        std::map<hardware::product, std::reference_wrapper<const counter_table>> result;
+        for (std::uint32_t number = 0; number < table_of_product.size(); ++number) {
+            result.emplace(hardware::product{number}, counter_tables[table_of_product[number] - 1]);
+        }
+        return result;
+    }();
+
+}  // namespace qel::vexa::hwc

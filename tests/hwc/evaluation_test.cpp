@@ -1,0 +1,182 @@
+// The number type and the evaluation of raw counters.
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+
+#include "hwc/profiler.h"
+#include "hwc/saturating_double.h"
+
+namespace {
+
+using namespace qel::vexa;  // NOLINT(google-build-using-namespace)
+using hwc::saturating_double;
+
+constexpr double largest = 0x1.fffffffffffffp+1023;
+constexpr double smallest = 0x1p-1022;
+constexpr double infinity = std::numeric_limits<double>::infinity();
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+
+std::uint64_t bits(double value) {
+    return std::bit_cast<std::uint64_t>(value);
+}
+saturating_double number(double value) {
+    return saturating_double::from(value);
+}
+
+TEST(SaturatingDouble, ExceptionalValues) {
+    const struct {
+        double raw, saturated;
+    } cases[] = {
+        {0.0, 0.0},         {-0.0, 0.0},          {nan, 0.0},
+        {-nan, 0.0},        {infinity, largest},  {-infinity, largest},
+        {largest, largest}, {-largest, -largest}, {-1e-310, smallest},
+        {1e-310, smallest}, {smallest, smallest}, {-smallest, -smallest},
+        {-5.0, -5.0},       {0.1, 0.1},           {std::numeric_limits<double>::denorm_min(), smallest}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(bits(number(c.raw).value()), bits(c.saturated)) << c.raw;
+    }
+}
+
+TEST(SaturatingDouble, Operators) {
+    const saturating_double zero;
+    const saturating_double big = number(1e308);
+    const saturating_double max_value = number(largest);
+    const struct {
+        saturating_double result;
+        double expected;
+    } cases[] = {
+        {big + big, largest},
+        {max_value / max_value, 1.0},
+        {(zero - big) - big, largest},  // towards negative infinity, and positive out of it
+        {(zero - big) * big, largest},
+        {number(smallest) / number(4), smallest},
+        {(zero - number(smallest)) / number(4), smallest},
+        {number(3) - number(3), 0.0},
+        {zero * (zero - big), 0.0},
+        {number(1) / zero, 0.0},
+        {zero / zero, 0.0},
+        {(zero - number(1)) / zero, 0.0},
+        {number(2) - number(7), -5.0},
+        {max(number(2), number(7)), 7.0},
+        {max(number(7), number(2)), 7.0},
+        {max(zero - number(7), zero), 0.0},
+        {saturating_double(std::uint64_t{9007199254740993}), 9007199254740992.0},
+        {saturating_double(std::numeric_limits<std::uint64_t>::max()), 0x1p64},
+        {saturating_double(std::uint32_t{0xffffffff}), 4294967295.0},
+    };
+    int number_of_case = 0;
+    for (const auto& c : cases) {
+        EXPECT_EQ(bits(c.result.value()), bits(c.expected)) << "case " << number_of_case;
+        ++number_of_case;
+    }
+}
+
+// Every result of every operator on awkward operands keeps the rule, and is the ordinary one where that is
+// allowed.
+TEST(SaturatingDouble, ResultsOfAllOperatorsAreValid) {
+    std::mt19937_64 random(2);
+    const auto is_valid = [](double value) { return bits(value) == 0 || std::isnormal(value); };
+    for (int round = 0; round < 100000; ++round) {
+        const saturating_double a = number(std::bit_cast<double>(random()));
+        const saturating_double b = number(round % 3 == 0 ? -a.value() : std::bit_cast<double>(random()));
+        const double raw[] = {a.value() + b.value(), a.value() - b.value(), a.value() * b.value(),
+                              b.value() == 0.0 ? 0.0 : a.value() / b.value()};
+        const saturating_double results[] = {a + b, a - b, a * b, a / b};
+        for (int i = 0; i < 4; ++i) {
+            ASSERT_TRUE(is_valid(results[i].value())) << i;
+            if (is_valid(raw[i])) {
+                ASSERT_EQ(bits(results[i].value()), bits(raw[i])) << i;
+            }
+        }
+    }
+}
+
+// A GPU put together by hand; it has no device behind it.
+hwc::product make_gpu(std::uint32_t core_mask, std::uint32_t l2_slices) {
+    static const hwc::counter_table no_counters;
+    std::error_code ec;
+    hwc::product gpu("/nonexistent", ec);
+    EXPECT_EQ(ec, std::error_code(ENODEV, std::generic_category()));
+    EXPECT_EQ(gpu.counters, nullptr);
+    EXPECT_EQ(gpu.shader_core_count | gpu.l2_slice_count | gpu.bus_width_bytes, 0U);
+    gpu.counters = &no_counters;
+    gpu.shader_core_mask = core_mask;
+    gpu.shader_core_count = static_cast<std::uint32_t>(std::popcount(core_mask));
+    gpu.l2_slice_count = l2_slices;
+    return gpu;
+}
+
+double value_of(const hwc::profiler& profiler, const std::vector<std::uint32_t>& sample, std::uint32_t id) {
+    hwc::vexa_counter_descriptor row{};
+    row.id = id;
+    return profiler.get_value_for_counter(sample.data(), row).value();
+}
+
+TEST(Profiler, CoreIndicesAreTheBitsOfTheMask) {
+    const struct {
+        std::uint32_t mask, version;
+        std::vector<std::uint32_t> indices;
+    } cases[] = {
+        {0b1011, 5, {0, 1, 3}}, {0x80000001, 6, {0, 31}}, {0, 5, {}}, {0b1011, 4, {}}, {0b1011, 0, {}}};
+    for (const auto& c : cases) {
+        const hwc::profiler profiler(make_gpu(c.mask, 1), c.version);
+        EXPECT_EQ(profiler.core_indices, c.indices);
+        EXPECT_EQ(profiler.shader_core_count, static_cast<std::uint32_t>(std::popcount(c.mask)));
+        EXPECT_EQ(profiler.gpu_cycles, 0U);
+    }
+}
+
+// Every id, over layouts of all shapes: each word of the sample is different, and the sample ends with the
+// last block that may be read, so that a sanitizer sees any word beyond it.
+TEST(Profiler, RawCountersOfAllLayouts) {
+    std::mt19937 random(3);
+    for (const std::uint32_t mask : {0U, 1U, 0b101U, 0b1011U, 0x80000000U, 0xffffffffU}) {
+        for (const std::uint32_t slices : {0U, 1U, 4U, 8U}) {
+            const hwc::profiler profiler(make_gpu(mask, slices), 5);
+            std::vector<std::uint32_t> sample((2 + slices + static_cast<unsigned>(std::bit_width(mask))) *
+                                              64);
+            for (std::uint32_t& word : sample) {
+                word = random() % 16 == 0 ? 0xffffffff : static_cast<std::uint32_t>(random());
+            }
+            for (std::uint32_t offset = 0; offset < 64; ++offset) {
+                ASSERT_EQ(value_of(profiler, sample, offset), sample[offset]);
+                ASSERT_EQ(value_of(profiler, sample, 64 + offset), sample[64 + offset]);
+                double sum = 0;
+                for (std::uint32_t slice = 0; slice < slices; ++slice) {
+                    sum += sample[(2 + slice) * 64 + offset];
+                }
+                ASSERT_EQ(value_of(profiler, sample, 128 + offset), sum);
+                sum = 0;
+                for (std::uint32_t core = 0; core < 32; ++core) {
+                    sum += (mask >> core & 1) != 0 ? sample[(2 + slices + core) * 64 + offset] : 0;
+                }
+                ASSERT_EQ(value_of(profiler, sample, 192 + offset),
+                          mask == 0 ? 0 : sum / std::popcount(mask));
+            }
+        }
+    }
+}
+
+TEST(Profiler, OtherIds) {
+    hwc::profiler profiler(make_gpu(0b101, 1), 5);
+    std::vector<std::uint32_t> sample(std::size_t{64} * 6);
+    sample[(3 + 0) * 64 + 5] = 1;
+    sample[(3 + 2) * 64 + 5] = 2;
+    EXPECT_EQ(value_of(profiler, sample, 192 + 5), 1.5);
+    profiler.gpu_cycles = 9007199254740993;
+    EXPECT_EQ(value_of(profiler, sample, 65535), 9007199254740992.0);
+    for (const std::uint32_t id :
+         {256U, 300U, 65534U, 65536U, 0xffffffffU}) {  // the last two are rows without evaluator
+        EXPECT_EQ(value_of(profiler, sample, id), 0.0) << id;
+    }
+    // Counter hardware whose layout of cores isn't known gives no shader core values.
+    const hwc::profiler old(make_gpu(0b101, 1), 4);
+    EXPECT_EQ(value_of(old, sample, 192 + 5), 0.0);
+}
+
+}  // namespace
