@@ -1,0 +1,39 @@
+// What a process holds, to see that nothing is left behind.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <string>
+
+namespace test_support {
+
+struct held_resources {
+    std::ptrdiff_t descriptors;
+    std::ptrdiff_t threads;
+    std::ptrdiff_t mappings;  // of files and devices; the rest is the allocator's own business
+
+    bool operator==(const held_resources&) const = default;
+
+    static held_resources now() {
+        const auto entries = [](const char* folder) {
+            return std::distance(std::filesystem::directory_iterator(folder), {});
+        };
+        held_resources result{entries("/proc/self/fd"), entries("/proc/self/task"), 0};
+        std::ifstream maps("/proc/self/maps");
+        std::string range, access, offset, device, inode, rest;
+        while (maps >> range >> access >> offset >> device >> inode && std::getline(maps, rest)) {
+            result.mappings += inode != "0" ? 1 : 0;
+        }
+        return result;
+    }
+};
+
+inline void PrintTo(const held_resources& held, std::ostream* out) {
+    *out << held.descriptors << " descriptors, " << held.threads << " threads, " << held.mappings
+         << " mappings";
+}
+
+}  // namespace test_support

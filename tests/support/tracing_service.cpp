@@ -1,0 +1,64 @@
+#include "tests/support/tracing_service.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+
+namespace test_support {
+
+namespace {
+
+// A name that no other thread of the test gets.
+std::string unused_file(const temporary_folder& folder, const char* kind) {
+    static std::atomic<unsigned> count = 0;
+    return folder.file(kind + std::to_string(count++));
+}
+
+}  // namespace
+
+tracing_service::tracing_service()
+    : service_(std::make_unique<process>(process_setup{.command = {COUNTERFEED_TRACING_SERVICE "/traced"},
+                                                       .environment = environment(),
+                                                       .preload = {},
+                                                       .output = folder.file("traced.log")})) {
+    EXPECT_TRUE(eventually([this] { return std::filesystem::exists(folder.file("consumer")); }));
+}
+
+tracing_service::~tracing_service() = default;
+
+std::vector<std::string> tracing_service::environment() const {
+    return {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("producer"),
+            "PERFETTO_CONSUMER_SOCK_NAME=" + folder.file("consumer")};
+}
+
+std::string tracing_service::query() const {
+    const std::string state = unused_file(folder, "state");
+    const int status =
+        run({.command = {"/bin/sh", "-c",
+                         "exec " COUNTERFEED_TRACING_SERVICE "/perfetto --query-raw 2>/dev/null >" + state},
+             .environment = environment(),
+             .preload = {},
+             .output = {}});
+    return status == 0 ? read_file(state) : "";
+}
+
+std::unique_ptr<process> tracing_service::start_recording(const std::string& config,
+                                                          const std::string& trace_file) const {
+    const std::string config_file = unused_file(folder, "config");
+    std::ofstream(config_file) << config;
+    return std::make_unique<process>(process_setup{
+        .command = {COUNTERFEED_TRACING_SERVICE "/perfetto", "--txt", "-c", config_file, "-o", trace_file},
+        .environment = environment(),
+        .preload = {},
+        .output = unused_file(folder, "perfetto.log")});
+}
+
+std::string tracing_service::record(const std::string& config) const {
+    const std::string trace_file = unused_file(folder, "trace");
+    EXPECT_EQ(start_recording(config, trace_file)->wait(), 0);
+    return read_file(trace_file);
+}
+
+}  // namespace test_support

@@ -1,0 +1,39 @@
+// A tracing service of a test's own, and its consumer.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/process.h"
+
+namespace test_support {
+
+// The real service, on sockets in a folder of its own.
+class tracing_service {
+public:
+    tracing_service();
+    ~tracing_service();
+    tracing_service(const tracing_service&) = delete;
+    tracing_service& operator=(const tracing_service&) = delete;
+
+    // What a producer or consumer needs to find it.
+    std::vector<std::string> environment() const;
+
+    // The state of the service, as its consumer prints it: the bytes of a TracingServiceState.
+    std::string query() const;
+
+    // Starts the recording of a session with this text config. The trace stands in the file when the process
+    // ends; a config without a duration records until the process gets SIGTERM.
+    std::unique_ptr<process> start_recording(const std::string& config, const std::string& trace_file) const;
+
+    // Records a session of a fixed duration: the trace's bytes.
+    std::string record(const std::string& config) const;
+
+    const temporary_folder folder;
+
+private:
+    std::unique_ptr<process> service_;
+};
+
+}  // namespace test_support

@@ -1,0 +1,85 @@
+// One GPU as its kernel driver shows it: what the driver reports of the hardware, and how it answers the
+// requests of a process that has opened the device node.
+//
+// Everything here stands on the far side of the kernel boundary. The numbers of the interface are written
+// down anew on purpose and not taken from the product, so that a wrong number in the product meets a right
+// one here.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace qel::vexa::virtual_gpu {
+
+struct interface_version {
+    std::uint16_t major;
+    std::uint16_t minor;
+};
+
+struct gpu_description {
+    std::uint32_t product_id = 0x9002;  // the low 16 bits, masked with 0xf00f, decide the product
+    std::uint16_t version_status = 0;
+    std::uint16_t major_revision = 0;
+    std::uint16_t minor_revision = 0;
+    std::vector<std::uint64_t> core_group_masks = {
+        0x3ff};  // up to 16 groups; bit k stands for the core with index k
+    std::optional<std::uint32_t> core_group_count =
+        std::nullopt;  // as reported; the list's length when not set
+    std::uint8_t l2_slices = 4;
+    std::uint32_t bus_width_bytes = 16;  // of the external bus; a power of two
+    std::uint64_t clock_hz = 800'000'000;
+    interface_version kernel_version = {11, 33};
+    // Given out in place of the blob that describes the above.
+    std::optional<std::vector<std::byte>> raw_properties = std::nullopt;
+
+    // All cores of all groups.
+    std::uint64_t core_mask() const;
+};
+
+// The driver's description of a GPU: packed records of a header and a value of 1, 2, 4 or 8 bytes, all
+// little-endian.
+std::vector<std::byte> property_blob(const gpu_description& gpu);
+
+// What a process can ask of the device node. Each can be logged, and made to fail, by itself.
+enum class request_kind : std::uint8_t {
+    open,
+    version_check,
+    version_check_second,  // the same request under its other number
+    set_flags,
+    get_properties,
+    reader_setup,
+    unknown,
+};
+inline constexpr std::size_t request_kind_count = 7;
+
+// The kind behind the number of an ioctl.
+request_kind kind_of(std::uint32_t number);
+
+// How many bytes the caller's record has, as the number of the ioctl says.
+std::size_t record_size(std::uint32_t number);
+
+// One opened device node. A version check must come first, then the flags, once; then the rest is open. Each
+// open node goes through these steps for itself. Not for use by two threads at a time.
+class device_context {
+public:
+    explicit device_context(std::shared_ptr<const gpu_description> gpu);
+
+    // Answers an ioctl: what the driver returns, or a negative error number. The argument is the caller's
+    // record, in the caller's memory: EFAULT when null.
+    int answer(std::uint32_t number, void* argument);
+
+private:
+    int check_version(void* argument);
+    int set_flags();
+    int get_properties(void* argument) const;
+
+    std::shared_ptr<const gpu_description> gpu_;
+    std::vector<std::byte> properties_;
+    bool version_checked_ = false;
+    bool flags_set_ = false;
+};
+
+}  // namespace qel::vexa::virtual_gpu
