@@ -1,0 +1,52 @@
+// The data source "gpu.counters": one object for each trace session that wants GPU counters.
+#pragma once
+
+#include <perfetto.h>
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "counterfeed/src/hwc_reader.h"
+#include "logging/logging.h"
+
+namespace qel::vexa::counterfeed {
+
+// Detects the GPU and offers the data source, with a description of every counter of that GPU, to the tracing
+// service. False when the GPU can't be identified. True otherwise, deliberately without a look at whether the
+// SDK took it.
+bool register_vexa_gpu_data_source();
+
+// The SDK makes the object when a session enables the data source and calls its operations on the SDK's own
+// thread, in the order OnSetup, OnStart, OnStop. None of them reports a failure to the SDK: a failed session
+// is logged and carries no data. Destroying the object while its thread runs ends the process.
+class vexa_gpu_data_source
+    : public perfetto::DataSource<vexa_gpu_data_source, perfetto::DefaultDataSourceTraits> {
+public:
+    // Reads the session's counter ids and sampling period, and makes the reader. A config may carry the
+    // address of a reader_factory in this process, for_testing.dummy_fields.field_uint64, which is then asked
+    // for the reader.
+    void OnSetup(const SetupArgs& arguments) override;
+
+    // Starts the sampling, and the thread that waits for samples.
+    void OnStart(const StartArgs& arguments) override;
+
+    // Ends both. Returns when the sample in hand, if any, is written.
+    void OnStop(const StopArgs& arguments) override;
+
+protected:
+    // The body of the sampling thread. What it reads of the object is final before the thread starts and
+    // stays so until OnStop has joined it.
+    void threadfn_periodic_counter_poll_loop() const;
+
+    std::int64_t sampling_period = 10'000'000;  // nanoseconds
+    std::set<std::uint32_t> counter_ids;
+    std::unique_ptr<hwc_reader> reader;  // held exactly when the setup has worked
+    std::thread poll_thread;
+    logging::print::logger logger{logging::tag("vexa_gpu_data_source")};
+};
+
+}  // namespace qel::vexa::counterfeed
+
+PERFETTO_DECLARE_DATA_SOURCE_STATIC_MEMBERS(qel::vexa::counterfeed::vexa_gpu_data_source);
