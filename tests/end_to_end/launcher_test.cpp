@@ -1,0 +1,133 @@
+// The library as it is shipped, in the launcher's hands: loading, exports, and start with and without a GPU.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <sstream>
+
+#include "report/trace_file.h"
+#include "tests/support/elf_symbols.h"
+#include "tests/support/tracing_service.h"
+
+namespace {
+
+using namespace qel::vexa;  // NOLINT(google-build-using-namespace)
+using test_support::eventually;
+using test_support::process;
+using test_support::process_setup;
+using test_support::read_file;
+using test_support::temporary_folder;
+using test_support::tracing_service;
+
+process_setup launcher(const std::string& gpu, const std::string& output,
+                       std::vector<std::string> environment = {}) {
+    environment.push_back("VIRTUAL_GPU=" + gpu);
+    return {.command = {COUNTERFEED_LAUNCHER, COUNTERFEED_LIBRARY},
+            .environment = std::move(environment),
+            .preload = COUNTERFEED_VIRTUAL_GPU,
+            .output = output,
+            .of_this_build = true};
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> result;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        if (!line.empty()) {
+            result.push_back(line);
+        }
+    }
+    return result;
+}
+
+// On this machine the platform's log comes out at standard error.
+TEST(Launcher, GivesUpAfterOneLogLineWithoutAGpu) {
+    const temporary_folder folder;
+    const std::string output = folder.file("output");
+    for (const char* gpu : {"none", "id=0x7004", "id=0x0ff0"}) {
+        EXPECT_EQ(test_support::run(
+                      launcher(gpu, output, {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("nobody")})),
+                  1);
+        const std::vector<std::string> lines = lines_of(read_file(output));
+        ASSERT_EQ(lines.size(), 2U) << gpu;
+        EXPECT_EQ(lines[0].rfind("counterfeed E ", 0), 0U);
+        EXPECT_NE(lines[0].find(" Failed to register vexa_gpu_data_source"), std::string::npos);
+        EXPECT_EQ(lines[1].rfind("counterfeed-launcher: ", 0), 0U);
+    }
+}
+
+TEST(Launcher, ParksInSilenceWithoutAService) {
+    const temporary_folder folder;
+    const std::string output = folder.file("output");
+    process running(launcher(
+        "", output,
+        {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("nobody"), "VIRTUAL_GPU_SEAM=" + folder.file("seam")}));
+    EXPECT_TRUE(eventually([&] { return !read_file(folder.file("seam")).empty(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_TRUE(running.is_running());
+    EXPECT_EQ(read_file(output), "");
+}
+
+TEST(Launcher, SaysWhenItHasNoLibrary) {
+    const temporary_folder folder;
+    process_setup setup = launcher("none", folder.file("output"));
+    setup.command[1] = "/nonexistent.so";
+    EXPECT_EQ(test_support::run(setup), 1);
+    EXPECT_NE(read_file(folder.file("output")).find("/nonexistent.so"), std::string::npos);
+}
+
+// Each product in a process of its own, as on a device: what the service hears of it.
+TEST(Launcher, EveryProductIsOfferedWithItsWholeTable) {
+    const struct {
+        const char* id;
+        std::size_t rows;
+    } products[] = {{"0x7003", 275}, {"0x7000", 275}, {"0x7002", 280}, {"0x9001", 289}, {"0x9004", 290},
+                    {"0x6000", 274}, {"0x6001", 274}, {"0x7001", 280}, {"0x9000", 289}, {"0x9002", 290},
+                    {"0xa004", 321}, {"0xa003", 321}, {"0xa007", 321}, {"0xa002", 321}, {"0x9003", 289}};
+    for (const auto& product : products) {
+        const tracing_service service;
+        const process running(launcher(std::string("id=") + product.id, "", service.environment()));
+        std::vector<report::counter_description> offered;
+        ASSERT_TRUE(eventually([&] {
+            offered = report::read_offered_counters(service.query());
+            return !offered.empty();
+        })) << product.id;
+        EXPECT_EQ(offered.size(), product.rows) << product.id;
+        std::set<std::uint32_t> ids;
+        for (const report::counter_description& counter : offered) {
+            ids.insert(counter.id);
+            EXPECT_FALSE(counter.name.empty() || counter.description.empty());
+        }
+        EXPECT_EQ(ids.size(), product.rows);
+    }
+}
+
+// What the library exports is the whole of its interface.
+TEST(Library, ExportsItsInterfaceAndNothingElse) {
+    std::set<std::string> exports;
+    for (const auto& [name, value] : test_support::elf_symbols(read_file(COUNTERFEED_LIBRARY), SHT_DYNSYM)) {
+        exports.insert(name);
+    }
+    EXPECT_EQ(exports, (std::set<std::string>{"start"}));
+}
+
+// The order of the load-time initialisers, from a program that does no more than load the library.
+TEST(Library, InitialisersRunInTheirOrder) {
+    const temporary_folder folder;
+    ASSERT_EQ(test_support::run({.command = {COUNTERFEED_LOAD_PROBE, COUNTERFEED_LIBRARY},
+                                 .environment = {},
+                                 .preload = {},
+                                 .output = folder.file("output"),
+                                 .of_this_build = true}),
+              0)
+        << read_file(folder.file("output"));
+    const std::vector<std::string> lines = lines_of(read_file(folder.file("output")));
+    const std::vector<std::string> expected = {"counter_tables", "product_tables", "current_callback"};
+    ASSERT_GE(lines.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_NE(lines[i].find(expected[i]), std::string::npos) << lines[i];
+    }
+}
+
+}  // namespace

@@ -1,0 +1,303 @@
+// Whole trace sessions through the real tracing service, with the product, the virtual GPU and the test in
+// one process.
+
+#include <gtest/gtest.h>
+#include <perfetto.h>
+#include <stdlib.h>
+
+#include <bit>
+#include <map>
+#include <thread>
+
+#include "counterfeed/src/hwc_reader.h"
+#include "counterfeed/src/start.h"
+#include "hwc/hwc_names.h"
+#include "hwc/product.h"
+#include "hwc/profiler.h"
+#include "report/trace_file.h"
+#include "tests/support/platform_log.h"
+#include "tests/support/resources.h"
+#include "tests/support/tracing_service.h"
+#include "tests/support/wire.h"
+#include "virtual_gpu/machine.h"
+#include "virtual_gpu/sample_source.h"
+#include "virtual_gpu/seam_reader.h"
+
+namespace {
+
+using namespace qel::vexa;           // NOLINT(google-build-using-namespace)
+using namespace test_support::wire;  // NOLINT(google-build-using-namespace)
+using counterfeed::reader_factory;
+using test_support::eventually;
+using test_support::held_resources;
+using test_support::tracing_service;
+namespace machine = virtual_gpu::machine;
+
+// A service and, in this process, the product as its producer: started once for all tests, as the SDK wants
+// it.
+const tracing_service& service() {
+    static const tracing_service* const running = [] {
+        auto* const result = new tracing_service;
+        ::setenv("PERFETTO_PRODUCER_SOCK_NAME", result->folder.file("producer").c_str(), 1);
+        machine::add_node(0, {});
+        std::thread(start).detach();  // it parks
+        EXPECT_TRUE(
+            eventually([result] { return result->query().find("gpu.counters") != std::string::npos; }));
+        return result;
+    }();
+    return *running;
+}
+
+class Sessions : public testing::Test {
+protected:
+    static void SetUpTestSuite() { service(); }
+    static void TearDownTestSuite() { delete &service(); }
+};
+
+std::string config_text(const std::vector<std::uint32_t>& ids, const reader_factory& factory,
+                        unsigned duration_ms) {
+    std::string result =
+        "buffers { size_kb: 16384 } data_sources { config { name: \"gpu.counters\" gpu_counter_config {";
+    for (const std::uint32_t id : ids) {
+        result += " counter_ids: " + std::to_string(id);
+    }
+    result += " } for_testing { dummy_fields { field_uint64: " +
+              std::to_string(reinterpret_cast<std::uintptr_t>(&factory)) + " } } } }";
+    return result + (duration_ms > 0 ? " duration_ms: " + std::to_string(duration_ms) : "");
+}
+
+// Delivers given samples at once, and then waits for the interrupt.
+struct scripted_sample {
+    std::uint64_t timestamp, delta, cycles;
+    std::vector<std::uint32_t> words;
+};
+class scripted_reader : public counterfeed::hwc_reader {
+public:
+    explicit scripted_reader(const std::vector<scripted_sample>& samples) : samples_(samples) {}
+    bool is_initialized() const override { return true; }
+    std::uint32_t get_hwver() const override { return 5; }
+    bool begin_sampling_periodic() override { return true; }
+    void process_buffers_until_interrupted(counterfeed::sample_callback callback) override {
+        for (const scripted_sample& sample : samples_) {
+            callback(sample.timestamp, sample.delta, sample.cycles, sample.words.data());
+        }
+        interrupted_.wait(false);
+    }
+    void interrupt() override {
+        interrupted_ = true;
+        interrupted_.notify_all();
+    }
+
+private:
+    const std::vector<scripted_sample> samples_;
+    std::atomic<bool> interrupted_ = false;
+};
+
+// The packets with GPU counters, as their producer wrote them: the service puts fields of its own behind
+// these.
+std::vector<std::string> counter_packets(const std::string& trace) {
+    std::vector<std::string> result;
+    protozero::ProtoDecoder file(trace.data(), trace.size());
+    for (auto field = file.ReadField(); field.valid(); field = file.ReadField()) {
+        const protozero::ConstBytes packet = field.as_bytes();
+        protozero::ProtoDecoder fields(packet);
+        for (auto inner = fields.ReadField(); inner.valid(); inner = fields.ReadField()) {
+            if (inner.id() == perfetto::protos::pbzero::TracePacket::kGpuCounterEventFieldNumber) {
+                const auto* const end = inner.as_bytes().data + inner.as_bytes().size;
+                result.emplace_back(packet.data, end);
+            }
+        }
+    }
+    return result;
+}
+
+// A row as the descriptors have it.
+std::string spec_bytes(const hwc::vexa_counter_descriptor& row) {
+    return number(1, row.id) + text(2, row.name) + text(3, row.description) +
+           number(9, row.select_by_default ? 1 : 0) + number(7, row.numerator_units) +
+           number(8, row.denominator_units) + (row.numerator_units == 37 ? real(6, 100.0) : "");
+}
+
+TEST_F(Sessions, OfferedDescriptor) {
+    perfetto::protos::gen::TracingServiceState state;
+    ASSERT_TRUE(state.ParseFromString(service().query()));
+    ASSERT_EQ(state.data_sources().size(), 1U);
+    const auto& source = state.data_sources()[0].ds_descriptor();
+    EXPECT_EQ(source.name(), "gpu.counters");
+
+    std::string expected("\x18\xC0\x84\x3D\x20\x80\x94\xEB\xDC\x03\x28\x00", 12);
+    for (const hwc::vexa_counter_descriptor& row : hwc::counter_tables[7]) {  // product 9
+        expected += nested(1, spec_bytes(row));
+    }
+    EXPECT_EQ(source.gpu_counter_descriptor_raw(), expected);
+    // One of them spelled out, so that a wrong encoder above can't hide one below.
+    const std::string triangles = text(2, "Triangle primitives");
+    const std::size_t at = expected.find("\x08\x46" + triangles);
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_NE(expected.find(std::string("\x48\x00\x38\x26\x40\x00\x0A", 7), at), std::string::npos);
+}
+
+TEST_F(Sessions, PacketsByteByByte) {
+    std::vector<std::uint32_t> words(std::size_t{64} * 16);
+    words[69] = 0xffffffff;
+    const reader_factory factory = [&words]() {
+        return std::make_unique<scripted_reader>(
+            std::vector<scripted_sample>{{0x1122334455, 7, 3, words}, {0xffffffffffffffff, 0, 0, words}});
+    };
+    // Ids in no order, one twice and one unknown.
+    const auto packets =
+        counter_packets(service().record(config_text({65535, 69, 999999, 69}, factory, 200)));
+    const hwc::counter_table& table = hwc::counter_tables[7];
+    const auto packet = [](const std::string& event) { return nested(52, event); };
+    const std::string cycles_id("\x08\xFF\xFF\x03", 4);
+    ASSERT_EQ(packets.size(), 3U);
+    EXPECT_EQ(packets[0],
+              std::string("\x40\x00", 2) + packet(nested(1, nested(1, spec_bytes(*table.find(69))) +
+                                                                nested(1, spec_bytes(*table.find(65535))))));
+    EXPECT_EQ(packets[1],
+              "\xD0\x03\x05\x40\xD5\x88\xCD\x91\x92\x02" +
+                  packet(nested(2, std::string("\x08\x45\x19\x00\x00\xE0\xFF\xFF\xFF\xEF\x41", 11)) +
+                         nested(2, cycles_id + std::string("\x19\x00\x00\x00\x00\x00\x00\x08\x40", 9))));
+    EXPECT_EQ(packets[2],
+              "\xD0\x03\x05\x40\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x01" +
+                  packet(nested(2, std::string("\x08\x45\x19\x00\x00\xE0\xFF\xFF\xFF\xEF\x41", 11)) +
+                         nested(2, cycles_id + std::string("\x19\x00\x00\x00\x00\x00\x00\x00\x00", 9))));
+    EXPECT_EQ(test_support::take_log_lines(),
+              (std::vector<test_support::log_line>{
+                  {5, "vexa_gpu_data_source", "Unexpected counter id 999999 specified, ignoring\n"}}));
+}
+
+TEST_F(Sessions, NoCountersAreASessionToo) {
+    const std::vector<std::uint32_t> words(std::size_t{64} * 16);
+    const reader_factory factory = [&words]() {
+        return std::make_unique<scripted_reader>(
+            std::vector<scripted_sample>{{1, 1, 1, words}, {2, 1, 1, words}});
+    };
+    const auto packets = counter_packets(service().record(config_text({}, factory, 200)));
+    ASSERT_EQ(packets.size(), 3U);
+    EXPECT_EQ(packets[0], std::string("\x40\x00", 2) + nested(52, nested(1, "")));
+    EXPECT_EQ(packets[1], "\xD0\x03\x05\x40\x01" + nested(52, ""));
+    EXPECT_EQ(packets[2], "\xD0\x03\x05\x40\x02" + nested(52, ""));
+}
+
+// Every product, every row of its table: the values in the trace are those of the evaluator on the same
+// words, within the limits that a session keeps.
+TEST_F(Sessions, AllRowsOfAllProducts) {
+    const std::uint32_t ids[] = {0x6000, 0x6001, 0x7000, 0x7001, 0x7002, 0x7003, 0x9000, 0x9001,
+                                 0x9002, 0x9003, 0x9004, 0xa002, 0xa003, 0xa004, 0xa007};
+    unsigned products = 0;
+    for (std::size_t i = 0; i < std::size(ids); ++i) {
+        virtual_gpu::gpu_description gpu;
+        gpu.product_id = ids[i] | 0x120;  // bits that do not count
+        gpu.core_group_masks =
+            i % 3 == 0 ? std::vector<std::uint64_t>{0b1011} : std::vector<std::uint64_t>{0x3, 0xf0};
+        gpu.l2_slices = static_cast<std::uint8_t>(i % 9);
+        gpu.bus_width_bytes = 8U << i % 3;
+        machine::remove_node(0);
+        machine::add_node(0, gpu);
+
+        std::error_code ec;
+        const hwc::product product("/dev/vexa0", ec);
+        ASSERT_FALSE(ec);
+        products |= 1U << static_cast<unsigned>(product.gpu_info::product);
+        virtual_gpu::seam_reader_options options;
+        options.free_running = true;
+        options.stop_after = 20;
+        const reader_factory factory = [&gpu, &options] {
+            return std::make_unique<virtual_gpu::seam_reader>(std::make_unique<virtual_gpu::formula_source>(),
+                                                              virtual_gpu::sample_layout(gpu), options);
+        };
+        std::vector<std::uint32_t> all_ids;
+        for (const hwc::vexa_counter_descriptor& row : *product.counters) {
+            all_ids.push_back(row.id);
+        }
+        const auto sequences = report::read_counters(service().record(config_text(all_ids, factory, 300)));
+        ASSERT_TRUE(sequences);
+        ASSERT_EQ(sequences->size(), 1U);
+        const report::counter_sequence& sequence = sequences->begin()->second;
+        ASSERT_EQ(sequence.counters.size(), product.counters->size());
+        ASSERT_EQ(sequence.samples.size(), 20U);
+
+        hwc::profiler profiler(product, 5);
+        const virtual_gpu::sample_layout layout(gpu);
+        std::vector<std::uint32_t> words(layout.word_count());
+        for (std::size_t n = 0; n < sequence.samples.size(); ++n) {
+            const std::uint64_t sample_number = n + 1;  // the first sample only sets the time base
+            for (std::size_t w = 0; w < words.size(); ++w) {
+                words[w] = virtual_gpu::formula_word(sample_number, w / 64, w % 64);
+            }
+            profiler.gpu_cycles = virtual_gpu::formula_cycles(sample_number);
+            ASSERT_EQ(sequence.samples[n].values.size(), all_ids.size());
+            for (const report::counter_value& value : sequence.samples[n].values) {
+                const hwc::vexa_counter_descriptor& row = *product.counters->find(value.id);
+                double expected = profiler.get_value_for_counter(words.data(), row).value();
+                expected = row.evaluator != nullptr ? std::max(expected, 0.0) : expected;
+                expected = row.numerator_units == 37 ? std::min(expected, 100.0) : expected;
+                ASSERT_EQ(std::bit_cast<std::uint64_t>(value.value), std::bit_cast<std::uint64_t>(expected))
+                    << row.name << " of GPU " << std::hex << ids[i];
+            }
+        }
+    }
+    EXPECT_EQ(products, 0x3fffU);
+    machine::remove_node(0);
+    machine::add_node(0, {});
+}
+
+// Each session has its own thread and selection, and receives what its neighbours write as well.
+TEST_F(Sessions, SeveralAtTheSameTime) {
+    virtual_gpu::seam_reader_options options;
+    options.period_ns = 2'000'000;
+    const reader_factory factory = [&options] {
+        return std::make_unique<virtual_gpu::seam_reader>(std::make_unique<virtual_gpu::formula_source>(),
+                                                          virtual_gpu::sample_layout({}), options);
+    };
+    std::vector<std::unique_ptr<test_support::process>> recordings;
+    constexpr unsigned session_count = 4;
+    for (unsigned i = 0; i < session_count; ++i) {
+        recordings.push_back(service().start_recording(config_text({6, 70 + i}, factory, 1500),
+                                                       service().folder.file("several" + std::to_string(i))));
+    }
+    for (const auto& recording : recordings) {
+        EXPECT_EQ(recording->wait(), 0);
+    }
+    for (unsigned i = 0; i < session_count; ++i) {
+        const auto sequences = report::read_counters(
+            test_support::read_file(service().folder.file("several" + std::to_string(i))));
+        ASSERT_TRUE(sequences);
+        std::map<std::size_t, std::size_t>
+            samples_of_counter;  // by the counter that only one session asked for
+        bool own_is_described = false;
+        for (const auto& [sequence_number, sequence] : *sequences) {
+            own_is_described |= sequence.counters.size() == 2 && sequence.counters[1].id == 70 + i;
+            for (const report::counter_sample& sample : sequence.samples) {
+                ASSERT_EQ(sample.values.size(), 2U);
+                EXPECT_EQ(sample.values[0].id, 6U);
+                ++samples_of_counter[sample.values[1].id];
+            }
+        }
+        EXPECT_TRUE(own_is_described) << i;
+        EXPECT_EQ(samples_of_counter.size(), session_count);
+        EXPECT_GT(samples_of_counter[70 + i], 50U);
+    }
+}
+
+TEST_F(Sessions, AHundredInARowLeaveNothingBehind) {
+    const reader_factory factory = [] {
+        virtual_gpu::seam_reader_options options;
+        options.period_ns = 1'000'000;
+        return std::make_unique<virtual_gpu::seam_reader>(std::make_unique<virtual_gpu::formula_source>(),
+                                                          virtual_gpu::sample_layout({}), options);
+    };
+    held_resources before{};
+    for (int session = 0; session < 104; ++session) {
+        if (session == 4) {
+            before = held_resources::now();
+        }
+        EXPECT_FALSE(counter_packets(service().record(config_text({6}, factory, 20))).empty());
+    }
+    // The last session is torn down behind its consumer's back.
+    EXPECT_TRUE(eventually([&before] { return held_resources::now() == before; }))
+        << testing::PrintToString(held_resources::now()) << " instead of " << testing::PrintToString(before);
+}
+
+}  // namespace
