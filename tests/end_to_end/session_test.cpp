@@ -7,6 +7,7 @@
 
 #include <bit>
 #include <map>
+#include <mutex>
 #include <thread>
 
 #include "counterfeed/src/hwc_reader.h"
@@ -48,22 +49,57 @@ const tracing_service& service() {
     return *running;
 }
 
+// The test's thread and the product's meet only in other processes, which no thread sanitizer sees. This lock
+// stands for that: it is held when a test arranges something, when a reader is made and when the session has
+// done with it.
+std::mutex meeting;
+reader_factory test_factory;
+
+class met_reader : public counterfeed::hwc_reader {
+public:
+    explicit met_reader(std::unique_ptr<hwc_reader> inner) : inner_(std::move(inner)) {}
+    ~met_reader() override { const std::lock_guard held(meeting); }
+    bool is_initialized() const override { return inner_->is_initialized(); }
+    std::uint32_t get_hwver() const override { return inner_->get_hwver(); }
+    bool begin_sampling_periodic() override { return inner_->begin_sampling_periodic(); }
+    void process_buffers_until_interrupted(counterfeed::sample_callback callback) override {
+        inner_->process_buffers_until_interrupted(std::move(callback));
+    }
+    void interrupt() override { inner_->interrupt(); }
+
+private:
+    const std::unique_ptr<hwc_reader> inner_;
+};
+
+// The factory that every config names: it asks the one of the test in hand.
+const reader_factory published_factory = [] {
+    const std::lock_guard held(meeting);
+    return std::make_unique<met_reader>(test_factory());
+};
+
 class Sessions : public testing::Test {
 protected:
     static void SetUpTestSuite() { service(); }
-    static void TearDownTestSuite() { delete &service(); }
+    static void TearDownTestSuite() {
+        delete &service();
+        const std::lock_guard held(meeting);
+    }
 };
 
 std::string config_text(const std::vector<std::uint32_t>& ids, const reader_factory& factory,
                         unsigned duration_ms) {
+    {
+        const std::lock_guard held(meeting);
+        test_factory = factory;
+    }
     std::string result =
         "buffers { size_kb: 16384 } data_sources { config { name: \"gpu.counters\" gpu_counter_config {";
     for (const std::uint32_t id : ids) {
         result += " counter_ids: " + std::to_string(id);
     }
-    result += " } for_testing { dummy_fields { field_uint64: " +
-              std::to_string(reinterpret_cast<std::uintptr_t>(&factory)) + " } } } }";
-    return result + (duration_ms > 0 ? " duration_ms: " + std::to_string(duration_ms) : "");
+    return result + " } for_testing { dummy_fields { field_uint64: " +
+           std::to_string(reinterpret_cast<std::uintptr_t>(&published_factory)) +
+           " } } } } duration_ms: " + std::to_string(duration_ms);
 }
 
 // Delivers given samples at once, and then waits for the interrupt.
@@ -140,7 +176,7 @@ TEST_F(Sessions, OfferedDescriptor) {
 TEST_F(Sessions, PacketsByteByByte) {
     std::vector<std::uint32_t> words(std::size_t{64} * 16);
     words[69] = 0xffffffff;
-    const reader_factory factory = [&words]() {
+    const reader_factory factory = [words]() {
         return std::make_unique<scripted_reader>(
             std::vector<scripted_sample>{{0x1122334455, 7, 3, words}, {0xffffffffffffffff, 0, 0, words}});
     };
@@ -169,7 +205,7 @@ TEST_F(Sessions, PacketsByteByByte) {
 
 TEST_F(Sessions, NoCountersAreASessionToo) {
     const std::vector<std::uint32_t> words(std::size_t{64} * 16);
-    const reader_factory factory = [&words]() {
+    const reader_factory factory = [words]() {
         return std::make_unique<scripted_reader>(
             std::vector<scripted_sample>{{1, 1, 1, words}, {2, 1, 1, words}});
     };
@@ -203,7 +239,7 @@ TEST_F(Sessions, AllRowsOfAllProducts) {
         virtual_gpu::seam_reader_options options;
         options.free_running = true;
         options.stop_after = 20;
-        const reader_factory factory = [&gpu, &options] {
+        const reader_factory factory = [gpu, options] {
             return std::make_unique<virtual_gpu::seam_reader>(std::make_unique<virtual_gpu::formula_source>(),
                                                               virtual_gpu::sample_layout(gpu), options);
         };
@@ -247,7 +283,7 @@ TEST_F(Sessions, AllRowsOfAllProducts) {
 TEST_F(Sessions, SeveralAtTheSameTime) {
     virtual_gpu::seam_reader_options options;
     options.period_ns = 2'000'000;
-    const reader_factory factory = [&options] {
+    const reader_factory factory = [options] {
         return std::make_unique<virtual_gpu::seam_reader>(std::make_unique<virtual_gpu::formula_source>(),
                                                           virtual_gpu::sample_layout({}), options);
     };

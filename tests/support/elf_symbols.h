@@ -12,7 +12,7 @@
 
 namespace test_support {
 
-// The defined symbols of one kind of table, SHT_DYNSYM or SHT_SYMTAB, by name. The bytes are the whole file.
+// The defined and named symbols of one kind of table, SHT_DYNSYM or SHT_SYMTAB, by name. The bytes are the whole file.
 inline std::map<std::string, std::uintptr_t> elf_symbols(const std::string& file, unsigned table) {
     std::map<std::string, std::uintptr_t> result;
     const auto copy = [&file](std::size_t offset, auto* records, std::size_t count) {
@@ -29,7 +29,7 @@ inline std::map<std::string, std::uintptr_t> elf_symbols(const std::string& file
         std::vector<ElfW(Sym)> symbols(section.sh_size / sizeof(ElfW(Sym)));
         copy(section.sh_offset, symbols.data(), symbols.size());
         for (const ElfW(Sym) & symbol : symbols) {
-            if (symbol.st_shndx != SHN_UNDEF) {
+            if (symbol.st_shndx != SHN_UNDEF && symbol.st_name != 0) {
                 result[file.data() + sections[section.sh_link].sh_offset + symbol.st_name] = symbol.st_value;
             }
         }
