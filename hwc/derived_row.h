@@ -40,18 +40,18 @@ struct derived_row {
     std::tuple<Variants...> variants;
 };
 
-consteval units per(measure_unit numerator, measure_unit denominator) {
+constexpr units per(measure_unit numerator, measure_unit denominator) {
     return {numerator, denominator};
 }
 
 template <expression Expression>
-consteval derived_variant<Expression> in(std::string_view list, Expression value,
+constexpr derived_variant<Expression> in(std::string_view list, Expression value,
                                          std::string_view text = {}) {
     return {tables(list), value, text};
 }
 
 template <typename... Variants>
-consteval derived_row<Variants...> row(const char* name, units in_units, selection selected,
+constexpr derived_row<Variants...> row(const char* name, units in_units, selection selected,
                                        std::string_view body, Variants... variants) {
     return {name, in_units, selected, body, {variants...}};
 }

@@ -65,7 +65,7 @@ struct gpu_constant : expression_base {
 struct number_constant : expression_base {
     std::uint32_t quarters;
 
-    consteval explicit number_constant(double value) : quarters(static_cast<std::uint32_t>(value * 4)) {
+    constexpr explicit number_constant(double value) : quarters(static_cast<std::uint32_t>(value * 4)) {
         if (quarters / 4.0 != value) {
             throw "constants of expressions are multiples of a quarter";
         }
@@ -101,36 +101,36 @@ struct binary : expression_base {
     }
 };
 
-consteval auto operator+(expression auto a, expression auto b) {
+constexpr auto operator+(expression auto a, expression auto b) {
     return binary<operation::add, decltype(a), decltype(b)>(a, b);
 }
-consteval auto operator-(expression auto a, expression auto b) {
+constexpr auto operator-(expression auto a, expression auto b) {
     return binary<operation::subtract, decltype(a), decltype(b)>(a, b);
 }
-consteval auto operator*(expression auto a, expression auto b) {
+constexpr auto operator*(expression auto a, expression auto b) {
     return binary<operation::multiply, decltype(a), decltype(b)>(a, b);
 }
-consteval auto operator*(expression auto a, double b) {
+constexpr auto operator*(expression auto a, double b) {
     return a * number_constant(b);
 }
-consteval auto operator/(expression auto a, expression auto b) {
+constexpr auto operator/(expression auto a, expression auto b) {
     return binary<operation::divide, decltype(a), decltype(b)>(a, b);
 }
-consteval auto max(expression auto a, expression auto b) {
+constexpr auto max(expression auto a, expression auto b) {
     return binary<operation::maximum, decltype(a), decltype(b)>(a, b);
 }
 
 // The expression with its hardware names replaced by the ids that id_of(name) gives.
 template <typename IdOf, typename Expression>
-consteval auto resolve(IdOf /*id_of*/, Expression e) {
+constexpr auto resolve(IdOf /*id_of*/, Expression e) {
     return e;
 }
 template <typename IdOf, constant_text name>
-consteval auto resolve(IdOf id_of, named_counter<name> /*counter*/) {
+constexpr auto resolve(IdOf id_of, named_counter<name> /*counter*/) {
     return counter_operand(id_of(name.view()));
 }
 template <typename IdOf, operation op, typename Left, typename Right>
-consteval auto resolve(IdOf id_of, binary<op, Left, Right> e) {
+constexpr auto resolve(IdOf id_of, binary<op, Left, Right> e) {
     const auto left = resolve(id_of, e.left);
     const auto right = resolve(id_of, e.right);
     return binary<op, std::remove_const_t<decltype(left)>, std::remove_const_t<decltype(right)>>(left, right);

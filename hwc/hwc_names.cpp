@@ -10,6 +10,7 @@
 #include <optional>
 #include <string_view>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 
 #include "hwc/derived_rows.h"
@@ -80,7 +81,7 @@ using memory_system = block_list<block::memory_system, memory_system_rows>;
 using shader_core = block_list<block::shader_core, shader_core_rows>;
 
 // The id of a hardware counter in a table. A name that the table lacks does not compile.
-consteval std::uint32_t id_in_table(unsigned table, std::string_view hardware_name) {
+constexpr std::uint32_t id_in_table(unsigned table, std::string_view hardware_name) {
     std::optional<std::uint32_t> found;
     const auto search = [&](const auto& rows) {
         for (const raw_row& row : rows) {
@@ -99,83 +100,89 @@ consteval std::uint32_t id_in_table(unsigned table, std::string_view hardware_na
     return *found;
 }
 
-// A row of the derived list, by its place there.
+// A row of the derived list, and one of its variants, by their places.
 template <std::size_t row_index>
-struct derived {
-    static constexpr const auto& row = std::get<row_index>(derived_rows);
-    static constexpr std::size_t variant_count = std::tuple_size_v<decltype(row.variants)>;
-
-    template <std::size_t variant_index>
-    static constexpr const auto& variant = std::get<variant_index>(row.variants);
-
-    // How many of the row's variants a table has.
-    static constexpr std::size_t variants_in(unsigned table) {
-        return std::apply(
-            [table](const auto&... each) { return (std::size_t{each.tables.contains(table)} + ...); },
-            row.variants);
-    }
-
-    // The row's own text and the variant's, as one.
-    template <std::size_t variant_index>
-    static constexpr auto joined_text = [] {
-        constexpr std::string_view addition = variant<variant_index>.text;
-        constexpr bool both = !row.body.empty() && !addition.empty();
-        std::array<char, row.body.size() + (both ? 1 : 0) + addition.size() + 1> result{};
-        char* end = std::copy(row.body.begin(), row.body.end(), result.data());
-        if (both) {
-            *end++ = ' ';
-        }
-        std::copy(addition.begin(), addition.end(), end);
-        return result;
-    }();
-
-    template <unsigned table, std::size_t variant_index>
-    static void add_variant(counter_table& result, std::uint32_t id) {
-        if constexpr (variant<variant_index>.tables.contains(table)) {
-            constexpr auto resolved = resolve(
-                [](std::string_view name) consteval { return id_in_table(table, name); },
-                variant<variant_index>.value);
-            constexpr operand_ids dependencies = [resolved] {
-                operand_ids found;
-                collect_ids(resolved, found);
-                return found;
-            }();
-            result.insert(
-                {.id = id,
-                 .name = row.name,
-                 .description = joined_text<variant_index>.data(),
-                 .numerator_units = row.in_units.numerator,
-                 .denominator_units = row.in_units.denominator,
-                 .select_by_default = row.selected == selection::by_default,
-                 .dependencies = {dependencies.ids.begin(), dependencies.ids.begin() + dependencies.count},
-                 .evaluator = evaluate<resolved>});
-        }
-    }
-
-    template <unsigned table>
-    static void add_to(counter_table& result, std::uint32_t& next_id) {
-        static_assert(variants_in(table) <= 1);
-        if constexpr (variants_in(table) == 1) {
-            [&]<std::size_t... variant_indices>(std::index_sequence<variant_indices...>) {
-                (add_variant<table, variant_indices>(result, next_id), ...);
-            }
-            (std::make_index_sequence<variant_count>());
-            ++next_id;
-        }
-    }
-};
-
-using derived_indices = std::make_index_sequence<std::tuple_size_v<decltype(derived_rows)>>;
-
-template <std::size_t... row_indices>
-constexpr std::size_t derived_rows_in(unsigned table, std::index_sequence<row_indices...> /*all*/) {
-    return (derived<row_indices>::variants_in(table) + ...);
+constexpr const auto& derived_row_at() {
+    return std::get<row_index>(derived_rows);
+}
+template <std::size_t row_index, std::size_t variant_index>
+constexpr const auto& variant_at() {
+    return std::get<variant_index>(derived_row_at<row_index>().variants);
 }
 
-template <unsigned table, std::size_t... row_indices>
-void add_derived(counter_table& result, std::index_sequence<row_indices...> /*all*/) {
+// The row's own text and the variant's, as one.
+template <std::size_t row_index, std::size_t variant_index>
+constexpr auto join_text() {
+    constexpr std::string_view body = derived_row_at<row_index>().body;
+    constexpr std::string_view addition = variant_at<row_index, variant_index>().text;
+    constexpr bool both = !body.empty() && !addition.empty();
+    std::array<char, body.size() + (both ? 1 : 0) + addition.size() + 1> result{};
+    char* end = std::copy(body.begin(), body.end(), result.data());
+    if (both) {
+        *end++ = ' ';
+    }
+    std::copy(addition.begin(), addition.end(), end);
+    return result;
+}
+template <std::size_t row_index, std::size_t variant_index>
+constexpr auto joined_text = join_text<row_index, variant_index>();
+
+template <unsigned table, std::size_t row_index, std::size_t variant_index>
+void add_variant(counter_table& result, std::uint32_t& next_id) {
+    constexpr const auto& row = derived_row_at<row_index>();
+    constexpr const auto& variant = variant_at<row_index, variant_index>();
+    if constexpr (variant.tables.contains(table)) {
+        constexpr auto resolved =
+            resolve([](std::string_view name) { return id_in_table(table, name); }, variant.value);
+        constexpr operand_ids dependencies = [](const auto& expression) {
+            operand_ids found;
+            collect_ids(expression, found);
+            return found;
+        }(resolved);
+        result.insert(
+            {.id = next_id++,
+             .name = row.name,
+             .description = joined_text<row_index, variant_index>.data(),
+             .numerator_units = row.in_units.numerator,
+             .denominator_units = row.in_units.denominator,
+             .select_by_default = row.selected == selection::by_default,
+             .dependencies = {dependencies.ids.begin(), dependencies.ids.begin() + dependencies.count},
+             .evaluator = evaluate<resolved>});
+    }
+}
+
+template <std::size_t row_index>
+using variant_indices = std::make_index_sequence<
+    std::tuple_size_v<std::remove_cvref_t<decltype(derived_row_at<row_index>().variants)>>>;
+using derived_indices = std::make_index_sequence<std::tuple_size_v<decltype(derived_rows)>>;
+
+template <std::size_t row_index, std::size_t... variants>
+constexpr std::size_t variants_in(unsigned table, std::index_sequence<variants...> /*all*/) {
+    return (std::size_t{variant_at<row_index, variants>().tables.contains(table)} + ...);
+}
+template <std::size_t... rows>
+constexpr std::size_t derived_rows_in(unsigned table, std::index_sequence<rows...> /*all*/) {
+    return (variants_in<rows>(table, variant_indices<rows>()) + ...);
+}
+template <std::size_t... rows>
+constexpr bool variants_exclude_each_other(std::index_sequence<rows...> /*all*/) {
+    for (unsigned table = 1; table <= table_count; ++table) {
+        if (((variants_in<rows>(table, variant_indices<rows>()) > 1) || ...)) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(variants_exclude_each_other(derived_indices()));
+
+template <unsigned table, std::size_t row_index, std::size_t... variants>
+void add_row(counter_table& result, std::uint32_t& next_id, std::index_sequence<variants...> /*all*/) {
+    (add_variant<table, row_index, variants>(result, next_id), ...);
+}
+template <unsigned table, std::size_t... rows>
+void add_derived(counter_table& result, std::index_sequence<rows...> /*all*/) {
     std::uint32_t next_id = first_derived_id;
-    (derived<row_indices>::template add_to<table>(result, next_id), ...);
+    (add_row<table, rows>(result, next_id, variant_indices<rows>()), ...);
 }
 
 // How many rows each table has. The lists must come out at these numbers.

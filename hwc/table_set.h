@@ -23,7 +23,7 @@ private:
 };
 
 // Reads a list of table numbers and ranges, such as "1-3, 6". A mistake in the list does not compile.
-consteval table_set tables(std::string_view list) {
+constexpr table_set tables(std::string_view list) {
     table_set result;
     unsigned first = 0;
     unsigned number = 0;
