@@ -14,11 +14,8 @@
 #include <utility>
 
 #include "hwc/derived_rows.h"
-#include "hwc/job_manager_rows.h"
-#include "hwc/memory_system_rows.h"
 #include "hwc/product.h"
-#include "hwc/shader_core_rows.h"
-#include "hwc/tiler_rows.h"
+#include "hwc/raw_rows.h"
 #include "stx/load_order.h"
 
 namespace qel::vexa::hwc {
@@ -79,26 +76,6 @@ using job_manager = block_list<block::job_manager, job_manager_rows>;
 using tiler = block_list<block::tiler, tiler_rows>;
 using memory_system = block_list<block::memory_system, memory_system_rows>;
 using shader_core = block_list<block::shader_core, shader_core_rows>;
-
-// The id of a hardware counter in a table. A name that the table lacks does not compile.
-constexpr std::uint32_t id_in_table(unsigned table, std::string_view hardware_name) {
-    std::optional<std::uint32_t> found;
-    const auto search = [&](const auto& rows) {
-        for (const raw_row& row : rows) {
-            if (row.hardware_name == hardware_name && row.id_in(table)) {
-                found = row.id_in(table);
-            }
-        }
-    };
-    search(job_manager_rows);
-    search(tiler_rows);
-    search(memory_system_rows);
-    search(shader_core_rows);
-    if (!found) {
-        throw "the table has no counter with this hardware name";
-    }
-    return *found;
-}
 
 // A row of the derived list, and one of its variants, by their places.
 template <std::size_t row_index>

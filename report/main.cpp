@@ -73,7 +73,7 @@ void print_sequence(const counter_sequence& sequence, bool all) {
     std::printf("%zu counters, %td of them selected by default; %zu samples", sequence.counters.size(),
                 by_default, sequence.samples.size());
     if (sequence.samples.size() > 1) {
-        const double nanoseconds =
+        const auto nanoseconds =
             static_cast<double>(sequence.samples.back().timestamp - sequence.samples.front().timestamp);
         std::printf(" over %.3f s, one every %.3f ms", nanoseconds / 1e9,
                     nanoseconds / 1e6 / static_cast<double>(sequence.samples.size() - 1));

@@ -1,0 +1,398 @@
+// The derived counters: cases worked out by hand, and relations between rows that hold whatever the words
+// are.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+
+#include "hwc/hwc_names.h"
+#include "hwc/measure_unit.h"
+#include "hwc/profiler.h"
+
+namespace {
+
+using namespace qel::vexa;  // NOLINT(google-build-using-namespace)
+
+// A sample of one table whose words are set by hardware name: a GPU with two cores and two L2 slices.
+class bench {
+public:
+    explicit bench(unsigned table, std::uint32_t core_mask = 0b101, std::uint32_t l2_slices = 2)
+        : bench(hwc::counter_tables[table - 1], core_mask, l2_slices) {}
+    bench(const hwc::counter_table& rows, std::uint32_t core_mask, std::uint32_t l2_slices)
+        : profiler(make_gpu(rows, core_mask, l2_slices), 5),
+          words(std::size_t{64} * (2 + l2_slices + 32)),
+          rows_(rows) {
+        for (const hwc::vexa_counter_descriptor& row : rows) {
+            by_name_.emplace(row.name, &row);
+            const std::string text = row.description;
+            const std::size_t at = text.find("Hardware name: ");
+            if (row.id < hwc::gpu_cycles_id && at != std::string::npos) {
+                const std::size_t begin = at + 15;
+                ids_.emplace(text.substr(begin, text.find('.', begin) - begin), row.id);
+            }
+        }
+    }
+
+    // In all of the blocks that hold the counter; so a sum over the slices is twice the value, and a mean is
+    // the value.
+    void set(const std::string& hardware_name, std::uint32_t value) {
+        const std::uint32_t id = ids_.at(hardware_name);
+        const std::size_t first = id < 128 ? id / 64 : id < 192 ? 2 : 2 + profiler.l2_slice_count;
+        const std::size_t last = id < 128 ? first : id < 192 ? 1 + profiler.l2_slice_count : first + 31;
+        for (std::size_t block = first; block <= last; ++block) {
+            words[block * 64 + id % 64] = value;
+        }
+    }
+    double operator[](const std::string& name) const { return value(*by_name_.at(name)); }
+    bool has(const std::string& name) const { return by_name_.contains(name); }
+    double value(const hwc::vexa_counter_descriptor& row) const {
+        return profiler.get_value_for_counter(words.data(), row).value();
+    }
+    const hwc::vexa_counter_descriptor& row(const std::string& name) const { return *by_name_.at(name); }
+    std::uint32_t id_of(const std::string& hardware_name) const { return ids_.at(hardware_name); }
+
+    hwc::profiler profiler;
+    std::vector<std::uint32_t> words;
+
+private:
+    static hwc::product make_gpu(const hwc::counter_table& rows, std::uint32_t core_mask,
+                                 std::uint32_t l2_slices) {
+        std::error_code ec;
+        hwc::product gpu("/nonexistent", ec);
+        gpu.counters = &rows;
+        gpu.shader_core_mask = core_mask;
+        gpu.shader_core_count = static_cast<std::uint32_t>(std::popcount(core_mask));
+        gpu.l2_slice_count = l2_slices;
+        gpu.bus_width_bytes = 16;
+        return gpu;
+    }
+
+    const hwc::counter_table& rows_;
+    std::map<std::string, const hwc::vexa_counter_descriptor*> by_name_;
+    std::map<std::string, std::uint32_t> ids_;
+};
+
+struct setting {
+    const char* hardware_name;
+    std::uint32_t value;
+};
+
+TEST(Derived, WorkedOutByHand) {
+    constexpr std::uint32_t most = 0xffffffff;
+    const struct {
+        unsigned table;
+        std::vector<setting> settings;
+        std::uint64_t cycles;
+        const char* name;
+        double expected;
+    } cases[] = {
+        // A ratio against the larger of two.
+        {1, {{"GPU_ACTIVE", 900}}, 1000, "GPU utilization", 90},
+        {9, {{"GPU_ACTIVE", 900}}, 0, "GPU utilization", 100},
+        {9, {}, 0, "GPU utilization", 0},
+        {5, {{"GPU_ACTIVE", 1200}}, 1000, "GPU utilization", 100},
+        // A ratio without a scale, with a divisor that is scaled.
+        {1, {{"GPU_ACTIVE", 1000000}, {"JS0_TASKS", 100}}, 0, "Cycles per pixel", 9.765625},
+        {1, {{"GPU_ACTIVE", 1000000}}, 0, "Cycles per pixel", 0},
+        {9, {{"ITER_FRAG_TASK_COMPLETED", 3}}, 0, "Pixels", 3072},
+        // A ratio, then a scale: the quotient is rounded before the product.
+        {7, {{"IRQ_ACTIVE", 1}, {"GPU_ACTIVE", 3}}, 0, "Interrupt pending utilization", (1.0 / 3.0) * 100.0},
+        {1, {{"VCACHE_HIT", 0}, {"VCACHE_MISS", 0}}, 0, "Position cache hit rate", 0},
+        {1, {{"VCACHE_HIT", 3}, {"VCACHE_MISS", 1}}, 0, "Position cache hit rate", 75},
+        // The GPU's own numbers; sums over two slices, so twice the word.
+        {3, {{"L2_EXT_READ_BEATS", 5}}, 0, "Output external read bytes", 160},
+        {3, {{"L2_EXT_AR_STALL", 5}, {"GPU_ACTIVE", 10}}, 0, "Output external read stall rate", 50},
+        // Chains of differences, also below zero, and into the divisor's own zero.
+        {8,
+         {{"L2_EXT_READ", 10}, {"L2_EXT_AR_CNT_Q1", 3}, {"L2_EXT_AR_CNT_Q2", 2}},
+         0,
+         "Output external outstanding reads 75-100%",
+         10},
+        {8,
+         {{"L2_EXT_READ", 1}, {"L2_EXT_AR_CNT_Q1", most}},
+         0,
+         "Output external outstanding reads 75-100%",
+         2 - 2.0 * most},
+        {8,
+         {{"L2_EXT_READ_BEATS", 9},
+          {"L2_EXT_RRESP_0_127", 4},
+          {"L2_EXT_RRESP_320_383", 1},
+          {"L2_EXT_READ", 100}},
+         0,
+         "Output external read latency 384+ cycles",
+         8},
+        {2,
+         {{"PRIM_CULLED", 4}, {"PRIM_CLIPPED", 2}, {"PRIM_SAT_CULLED", 1}, {"PRIM_VISIBLE", 3}},
+         0,
+         "Z plane test cull rate",
+         (2.0 / 6.0) * 100.0},
+        {2,
+         {{"PRIM_CULLED", 4}, {"PRIM_CLIPPED", 2}, {"PRIM_SAT_CULLED", 1}, {"PRIM_VISIBLE", 3}},
+         0,
+         "Sample test cull rate",
+         25},
+        {2, {{"PRIM_CULLED", 4}}, 0, "Sample test cull rate", 0},
+        {4,
+         {{"FRAG_QUADS_RAST", 5}, {"FRAG_QUADS_EZS_KILL", 5}, {"QUAD_FPK_KILLER", 7}},
+         0,
+         "FPK occluder quad percentage",
+         0},
+        // Warps as quads, as a quarter of their threads, and as threads.
+        {1,
+         {{"FRAG_QUADS_RAST", 100}, {"FRAG_QUADS_EZS_KILL", 20}, {"FRAG_WARPS", 10}},
+         0,
+         "FPK killed quads",
+         70},
+        {3,
+         {{"FRAG_QUADS_RAST", 100}, {"FRAG_QUADS_EZS_KILL", 20}, {"FRAG_WARPS", 10}},
+         0,
+         "FPK killed quads",
+         60},
+        {7,
+         {{"FRAG_QUADS_RAST", 100}, {"FRAG_QUADS_EZS_KILL", 20}, {"FRAG_WARPS", 10}},
+         0,
+         "FPK killed quad percentage",
+         40},
+        {1, {{"FRAG_WARPS", 3}}, 0, "Fragment threads", 12},
+        {6, {{"FRAG_WARPS", 3}}, 0, "Fragment threads", 24},
+        {8, {{"COMPUTE_WARPS", 3}}, 0, "Non-fragment threads", 48},
+        // Factors that differ on purpose.
+        {8, {{"FRAG_TRANS_ELIM", 1}, {"FRAG_PTILES", 2}}, 0, "Unchanged tile kill rate", 50},
+        {9, {{"FRAG_TRANS_ELIM", 1}, {"FRAG_PTILES", 2}}, 0, "Unchanged tile kill rate", 12.5},
+        {9, {{"FRAG_WARPS", 64}, {"FRAG_PTILES", 2}}, 0, "Fragments per pixel", 2},
+        // Each table's own hardware under one name.
+        {7, {{"FRAG_ACTIVE", 6}, {"GPU_ACTIVE", 8}}, 0, "Fragment utilization", 75},
+        {8,
+         {{"FRAG_ACTIVE", 6}, {"GPU_ACTIVE", 8}, {"SHADER_CORE_ACTIVE", 12}},
+         0,
+         "Fragment utilization",
+         50},
+        {1,
+         {{"TEX_TIDX_NUM_SPLIT_MIP_MAP", 1}, {"TEX_MSGI_NUM_QUADS", 4}, {"TEX_DFCH_NUM_PASSES", 100}},
+         0,
+         "Texture accesses using trilinear filter percentage",
+         25},
+        {4, {{"TEX_COORD_ISSUE", 10}, {"TEX_INSTR", 4}}, 0, "Texture filtering cycles per instruction", 2.5},
+        {7,
+         {{"TEX_FILT_NUM_OPERATIONS", 10}, {"TEX_MSGO_NUM_MSG", 5}},
+         0,
+         "Texture filtering cycles per instruction",
+         0.5},
+        {2,
+         {{"BEATS_WR_LSC_OTHER", 3},
+          {"BEATS_WR_LSC_WB", 4},
+          {"LS_MEM_WRITE_SHORT", 3},
+          {"LS_MEM_WRITE_FULL", 4}},
+         0,
+         "Load/store bytes written to L2 per access cycle",
+         16},
+        {5, {{"BEATS_WR_LSC", 3}}, 0, "Load/store write bytes", 48},
+        {7, {{"CALL_BLEND_SHADER", 10}, {"FRAG_WARPS", 40}}, 0, "Shader blend path percentage", 50},
+        {9, {{"EXEC_INSTR_SFU", 3}, {"EXEC_CORE_ACTIVE", 24}}, 0, "SFU pipe utilization", 50},
+        {9,
+         {{"EXEC_INSTR_CVT", 1}, {"EXEC_INSTR_FMA", 2}, {"EXEC_INSTR_SFU", 3}, {"EXEC_INSTR_DIVERGED", 3}},
+         0,
+         "Warp divergence percentage",
+         50},
+    };
+    for (const auto& c : cases) {
+        bench sample(c.table);
+        for (const setting& s : c.settings) {
+            sample.set(s.hardware_name, s.value);
+        }
+        sample.profiler.gpu_cycles = c.cycles;
+        EXPECT_EQ(sample[c.name], c.expected) << c.name << " in table " << c.table;
+    }
+}
+
+TEST(Derived, ConstantsReadNothing) {
+    for (unsigned table = 1; table <= hwc::table_count; ++table) {
+        bench sample(table, 0b1011, 3);
+        for (const auto& [name, expected] : {std::pair{"External bus beat size", 16.0},
+                                             {"L2 cache slice count", 3.0},
+                                             {"Shader core count", 3.0}}) {
+            const hwc::vexa_counter_descriptor& row = sample.row(name);
+            EXPECT_EQ(row.evaluator(sample.profiler, nullptr).value(), expected);
+            EXPECT_TRUE(row.dependencies.empty());
+        }
+        EXPECT_STREQ(
+            sample.row("External bus beat size").description,
+            "This configuration constant defines the number of bytes transferred per external bus beat.");
+        EXPECT_STREQ(sample.row("L2 cache slice count").description,
+                     "This configuration constant defines the number of L2 cache slices in the design. This "
+                     "increases as "
+                     "the number of shader cores increases.");
+        EXPECT_STREQ(sample.row("Shader core count").description,
+                     "This configuration constant defines the number of shader cores in the design.");
+    }
+}
+
+// Words of all kinds: ordinary ones, extreme ones, and equal ones, so that differences and divisors vanish.
+void fill(std::vector<std::uint32_t>& words, std::mt19937& random) {
+    const auto below = [&random](unsigned limit) { return static_cast<std::uint32_t>(random() % limit); };
+    const std::uint32_t kind = below(4);
+    for (std::uint32_t& word : words) {
+        const std::uint32_t choice = below(8);
+        word = kind == 0     ? below(4)
+               : choice == 0 ? 0
+               : choice == 1 ? 0xffffffff
+               : kind == 1   ? below(100000)
+                             : static_cast<std::uint32_t>(random());
+    }
+}
+
+// The value of a row moves when, and only when, one of its dependencies does.
+TEST(Derived, DependenciesAreWhatTheEvaluatorReads) {
+    std::mt19937 random(5);
+    for (unsigned table = 1; table <= hwc::table_count; ++table) {
+        bench sample(table);
+        for (const hwc::vexa_counter_descriptor& row : hwc::counter_tables[table - 1]) {
+            if (row.id < hwc::first_derived_id) {
+                continue;
+            }
+            const std::set<std::uint32_t> distinct(row.dependencies.begin(), row.dependencies.end());
+            EXPECT_EQ(distinct.size(), row.dependencies.size());
+            std::set<std::uint32_t> moving;
+            for (int round = 0; round < 4; ++round) {
+                for (std::uint32_t& word : sample.words) {
+                    word = static_cast<std::uint32_t>(1000 + random() % 1000);
+                }
+                sample.profiler.gpu_cycles = 3000;  // more than the active cycles, so that it counts
+                const double before = sample.value(row);
+                for (const hwc::vexa_counter_descriptor& raw : hwc::counter_tables[table - 1]) {
+                    if (raw.id >= hwc::first_derived_id) {
+                        continue;
+                    }
+                    const std::vector<std::uint32_t> kept = sample.words;
+                    if (raw.id == hwc::gpu_cycles_id) {
+                        sample.profiler.gpu_cycles += 7;
+                    }
+                    for (std::size_t block = 0; block * 64 < kept.size() && raw.id < 256; ++block) {
+                        const std::size_t kind = block < 2 ? block : block < 4 ? 2 : 3;
+                        sample.words[block * 64 + raw.id % 64] += kind == raw.id / 64 ? 7 : 0;
+                    }
+                    if (sample.value(row) != before) {
+                        moving.insert(raw.id);
+                    }
+                    sample.words = kept;
+                    sample.profiler.gpu_cycles = 3000;
+                }
+            }
+            // Two cull rates add what was culled earlier and take it away again.
+            std::set<std::uint32_t> expected = distinct;
+            if (row.name == std::string("Z plane test cull rate")) {
+                expected.erase(sample.id_of("PRIM_CULLED"));
+            } else if (row.name == std::string("Sample test cull rate")) {
+                expected.erase(sample.id_of("PRIM_CULLED"));
+                expected.erase(sample.id_of("PRIM_CLIPPED"));
+            }
+            EXPECT_EQ(moving, expected) << row.name << " in table " << table;
+        }
+    }
+}
+
+// Relations that hold for any words. Each side is rounded in its own way, so they are equal but for the last
+// bits.
+TEST(Derived, RelationsBetweenRows) {
+    std::mt19937 random(6);
+    // Differences of words up to 2 to the power 32 lose their last bits.
+    const auto near = [](double a, double b) {
+        return std::fabs(a - b) <= 1e-5 + 1e-9 * std::max(std::fabs(a), std::fabs(b));
+    };
+    for (unsigned table = 1; table <= hwc::table_count; ++table) {
+        bench sample(table, 0b1011, 3);
+        const double warp_size = table == 3 || table == 6 ? 8 : table >= 7 ? 16 : 4;
+        for (int round = 0; round < 300; ++round) {
+            fill(sample.words, random);
+            sample.profiler.gpu_cycles = random();
+            const auto row = [&sample](const char* name) { return sample[name]; };
+            SCOPED_TRACE(testing::Message() << "table " << table << ", round " << round);
+            // The parts of the input primitives make up the whole.
+            const double input = row("Total input primitives");
+            EXPECT_TRUE(near(row("Total culled primitives") + row("Visible primitives"), input));
+            if (input > 0) {
+                const double left_by_facing = 1 - row("Facing or XY plane test cull rate") / 100;
+                const double left_by_z = 1 - row("Z plane test cull rate") / 100;
+                const double left_by_sample = 1 - row("Sample test cull rate") / 100;
+                EXPECT_TRUE(
+                    near(left_by_facing * left_by_z * left_by_sample * input, row("Visible primitives")) ||
+                    left_by_facing == 0 || left_by_z == 0);
+            }
+            // A scaled row and its base; a mean times its count.
+            EXPECT_EQ(row("Fragment threads"), row("Fragment warps") * warp_size);
+            EXPECT_EQ(row("Non-fragment threads"), row("Non-fragment warps") * warp_size);
+            EXPECT_TRUE(near(row("Fragment cycles per thread") * row("Fragment threads"),
+                             row("Fragment threads") > 0 ? row("Fragment active cycles") : 0));
+            EXPECT_TRUE(near(row("Load/store total issues") - row("Load/store atomic issues"),
+                             row("Load/store read issues") + row("Load/store write issues")));
+            EXPECT_TRUE(near(row("Varying unit utilization") * row("Execution core active cycles"),
+                             row("Execution core active cycles") > 0 ? row("Varying cycles") * 100 : 0));
+            EXPECT_EQ(row("Texture unit utilization"), row("Texture unit filtering utilization"));
+            // What is killed, started and left makes up what was rasterised.
+            const double started =
+                sample.has("Fragment quads started") ? row("Fragment quads started") : row("Fragment warps");
+            EXPECT_TRUE(near(row("FPK killed quads") + started + row("Early ZS killed quads"),
+                             row("Rasterized quads")));
+            EXPECT_TRUE(
+                near(row("FPK non-occluder quads") + row("FPK occluder quads") + row("Early ZS killed quads"),
+                     row("Rasterized quads")));
+            if (sample.has("Processing unit utilization")) {
+                EXPECT_TRUE(near(row("Processing unit utilization"), row("FMA pipe utilization") +
+                                                                         row("CVT pipe utilization") +
+                                                                         row("SFU pipe utilization") / 4));
+            }
+            EXPECT_LE(row("GPU utilization"), 100.0);
+        }
+    }
+}
+
+// Rows of two tables that read the same ids in the same way give the same value on the same words.
+TEST(Derived, TablesThatAgreeGiveEqualValues) {
+    std::mt19937 random(7);
+    for (const auto& [a, b] : {std::pair{1U, 2U}, {3U, 6U}, {4U, 5U}}) {
+        bench left(a);
+        bench right(b);
+        for (int round = 0; round < 100; ++round) {
+            fill(left.words, random);
+            right.words = left.words;
+            for (const hwc::vexa_counter_descriptor& row : hwc::counter_tables[a - 1]) {
+                const hwc::vexa_counter_descriptor& other = *hwc::counter_tables[b - 1].find(row.id);
+                if (row.id >= hwc::first_derived_id && row.dependencies == other.dependencies) {
+                    ASSERT_EQ(left.value(row), right.value(other)) << row.name;
+                }
+            }
+        }
+    }
+}
+
+// A table with a row taken out: the operand reads as 0, wherever it stands.
+TEST(Derived, AbsentOperandsReadAsZero) {
+    std::mt19937 random(8);
+    for (unsigned table = 1; table <= hwc::table_count; ++table) {
+        bench whole(table);
+        for (const char* missing :
+             {"GPU_ACTIVE", "PRIM_CULLED", "FRAG_WARPS", "L2_EXT_READ", "EXEC_CORE_ACTIVE"}) {
+            hwc::counter_table gapped;
+            for (const hwc::vexa_counter_descriptor& row : hwc::counter_tables[table - 1]) {
+                if (row.id != whole.id_of(missing)) {
+                    gapped.insert(row);
+                }
+            }
+            fill(whole.words, random);
+            bench with_gap(gapped, 0b101, 2);
+            with_gap.words = whole.words;
+            whole.set(missing, 0);
+            for (const hwc::vexa_counter_descriptor& row : gapped) {
+                ASSERT_EQ(with_gap.value(row), whole.value(row)) << row.name << " without " << missing;
+            }
+        }
+    }
+}
+
+}  // namespace
