@@ -24,10 +24,10 @@ struct gpu_description {
     std::uint16_t version_status = 0;
     std::uint16_t major_revision = 0;
     std::uint16_t minor_revision = 0;
-    std::vector<std::uint64_t> core_group_masks = {
-        0x3ff};  // up to 16 groups; bit k stands for the core with index k
-    std::optional<std::uint32_t> core_group_count =
-        std::nullopt;  // as reported; the list's length when not set
+    // Up to 16 groups; bit k stands for the core with index k.
+    std::vector<std::uint64_t> core_group_masks = {0x3ff};
+    // How many groups the driver reports, when not as many as there are masks.
+    std::optional<std::uint32_t> core_group_count = std::nullopt;
     std::uint8_t l2_slices = 4;
     std::uint32_t bus_width_bytes = 16;  // of the external bus; a power of two
     std::uint64_t clock_hz = 800'000'000;

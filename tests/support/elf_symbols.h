@@ -12,7 +12,8 @@
 
 namespace test_support {
 
-// The defined and named symbols of one kind of table, SHT_DYNSYM or SHT_SYMTAB, by name. The bytes are the whole file.
+// The defined and named symbols of one kind of table, SHT_DYNSYM or SHT_SYMTAB, by name. The bytes are the
+// whole file.
 inline std::map<std::string, std::uintptr_t> elf_symbols(const std::string& file, unsigned table) {
     std::map<std::string, std::uintptr_t> result;
     const auto copy = [&file](std::size_t offset, auto* records, std::size_t count) {
