@@ -9,10 +9,12 @@
 //   revision=0.0         major and minor revision
 //   status=0             the hardware version's status
 //   cores=0x3ff          the mask of shader cores, up to 64 bits
-//   groups=0x3ff         the masks of up to 16 core groups, with colons between them; together they are the
-//   cores l2=4                 L2 slices, up to 255 bus=16               width of the external bus in bytes,
-//   a power of two clock=800            GPU clock in MHz, up to 10000 version=11.33        the kernel
-//   interface's version source=workload      where sample words come from: "workload" or "formula"
+//   groups=0x3ff         the masks of up to 16 core groups, with colons between them; they make up the cores
+//   l2=4                 L2 slices, up to 255
+//   bus=16               width of the external bus in bytes, a power of two
+//   clock=800            GPU clock in MHz, up to 10000
+//   version=11.33        the kernel interface's version
+//   source=workload      where sample words come from: "workload" or "formula"
 //   period=10000000      time between samples in nanoseconds, 1 to 4294967295
 #pragma once
 
