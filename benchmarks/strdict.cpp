@@ -1,0 +1,124 @@
+// The dictionary against the standard library's hash map, with the same keys, given as C texts.
+#include <benchmark/benchmark.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "benchmarks/side_by_side.h"
+#include "cutils/strdict/vexa_cutils_strdict.h"
+
+namespace {
+
+using hash_map = std::unordered_map<std::string, void*>;
+
+constexpr std::int64_t KEYS_PER_PASS = 5000;
+
+void* allocate(void* /*context*/, std::size_t size) {
+    return std::malloc(size);
+}
+
+void release(void* address) {
+    std::free(address);
+}
+
+// Names of 8 to 20 bytes, as environment variables have.
+std::vector<std::string> make_keys(std::int64_t count) {
+    std::vector<std::string> keys;
+    for (std::int64_t i = 0; i < count; ++i) {
+        std::string key = "SETTING_" + std::to_string(i) + "_OF_THE_SESSION";
+        key.resize(static_cast<std::size_t>(8 + i % 13));
+        keys.push_back(key.substr(0, key.size() - std::to_string(i).size()) + std::to_string(i));
+    }
+    return keys;
+}
+
+void fill(cutils_strdict& dictionary, std::vector<std::string>& keys) {
+    cutils_strdict_init(&dictionary, nullptr, allocate, release);
+    for (std::string& key : keys) {
+        cutils_strdict_insert(&dictionary, key.c_str(), &key, true);
+    }
+}
+
+void fill(hash_map& map, std::vector<std::string>& keys) {
+    for (std::string& key : keys) {
+        map[key.c_str()] = &key;
+    }
+}
+
+// Compares work on all the keys. It takes the thread's own processor time, because the work neither waits nor
+// shares.
+template <typename Dictionary, typename Map>
+void compare(benchmark::State& state, Dictionary dictionary_work, Map map_work) {
+    const auto now = [] {
+        timespec time;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+    };
+    const auto timed = [&](auto& work) {
+        const double start = now();
+        for (std::int64_t i = 0; i < KEYS_PER_PASS / state.range(0); ++i) {
+            work();
+        }
+        return now() - start;
+    };
+    qel::vexa::benchmarks::side_by_side(
+        state, static_cast<double>(KEYS_PER_PASS), [&] { return timed(dictionary_work); },
+        [&] { return timed(map_work); });
+}
+
+// From an empty container to a full one and back, with a copy of every key.
+void insert(benchmark::State& state) {
+    std::vector<std::string> keys = make_keys(state.range(0));
+    compare(
+        state,
+        [&] {
+            cutils_strdict dictionary;
+            fill(dictionary, keys);
+            cutils_strdict_term(&dictionary);
+        },
+        [&] {
+            hash_map map;
+            fill(map, keys);
+        });
+}
+
+void lookup(benchmark::State& state) {
+    std::vector<std::string> keys = make_keys(state.range(0));
+    cutils_strdict dictionary;
+    hash_map map;
+    fill(dictionary, keys);
+    fill(map, keys);
+    std::vector<const char*> order;
+    for (const std::string& key : keys) {
+        order.push_back(key.c_str());
+    }
+    std::shuffle(order.begin(), order.end(), std::mt19937(1));
+    compare(
+        state,
+        [&] {
+            for (const char* key : order) {
+                void* value = nullptr;
+                cutils_strdict_lookup_key(&dictionary, key, &value);
+                benchmark::DoNotOptimize(value);
+            }
+        },
+        [&] {
+            for (const char* key : order) {
+                void* value = map.find(key)->second;
+                benchmark::DoNotOptimize(value);
+            }
+        });
+    cutils_strdict_term(&dictionary);
+}
+
+BENCHMARK(insert)->Arg(20)->Arg(500)->UseManualTime();
+BENCHMARK(lookup)->Arg(20)->Arg(500)->UseManualTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
