@@ -1,4 +1,5 @@
-// The early product detection on any property bytes: a defined error or a GPU that could be, and no byte beyond them.
+// The early product detection on any property bytes: a defined error or a GPU that could be, and no byte
+// beyond them.
 
 #include <algorithm>
 #include <bit>

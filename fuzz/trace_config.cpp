@@ -1,5 +1,5 @@
-// The data source's setup on any bytes in the place of a counter config: the period keeps its limits, and each setup
-// gives the same as one by itself.
+// The data source's setup on any bytes in the place of a counter config: the period keeps its limits, and
+// each setup gives the same as one by itself.
 
 #include <android/log.h>
 
@@ -10,7 +10,9 @@
 #include "counterfeed/src/vexa_gpu_data_source.h"
 
 // The platform's log would drown the fuzzer's own lines.
-extern "C" int __android_log_write(int /*priority*/, const char* /*tag*/, const char* /*text*/) { return 1; }
+extern "C" int __android_log_write(int /*priority*/, const char* /*tag*/, const char* /*text*/) {
+    return 1;
+}
 
 namespace {
 
