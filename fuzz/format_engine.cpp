@@ -368,8 +368,7 @@ void run(session* s, ...) {
 }
 
 void* address(std::uintptr_t value) {
-    return reinterpret_cast<void*>(
-        value);  // NOLINT(performance-no-int-to-ptr): most of them are only printed
+    return reinterpret_cast<void*>(value);  // NOLINT(performance-no-int-to-ptr): mostly printed
 }
 
 // Turns the arguments into real ones, each of its own type, and makes the runs over them.
