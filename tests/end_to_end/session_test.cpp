@@ -216,8 +216,8 @@ TEST_F(Sessions, NoCountersAreASessionToo) {
     EXPECT_EQ(packets[2], "\xD0\x03\x05\x40\x02" + nested(52, ""));
 }
 
-// Every product, every row of its table: the values in the trace are those of the evaluator on the same
-// words, within the limits that a session keeps.
+// Every product, without counters and with every row of its table: the values in the trace are those of the
+// evaluator on the same words, within the limits that a session keeps.
 TEST_F(Sessions, AllRowsOfAllProducts) {
     const std::uint32_t ids[] = {0x6000, 0x6001, 0x7000, 0x7001, 0x7002, 0x7003, 0x9000, 0x9001,
                                  0x9002, 0x9003, 0x9004, 0xa002, 0xa003, 0xa004, 0xa007};
@@ -243,6 +243,12 @@ TEST_F(Sessions, AllRowsOfAllProducts) {
             return std::make_unique<virtual_gpu::seam_reader>(std::make_unique<virtual_gpu::formula_source>(),
                                                               virtual_gpu::sample_layout(gpu), options);
         };
+        const auto nothing = report::read_counters(service().record(config_text({}, factory, 100)));
+        ASSERT_TRUE(nothing);
+        ASSERT_EQ(nothing->size(), 1U);
+        EXPECT_TRUE(nothing->begin()->second.counters.empty());
+        EXPECT_EQ(nothing->begin()->second.samples.size(), 20U);
+
         std::vector<std::uint32_t> all_ids;
         for (const hwc::vexa_counter_descriptor& row : *product.counters) {
             all_ids.push_back(row.id);
