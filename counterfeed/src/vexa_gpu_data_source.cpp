@@ -69,6 +69,7 @@ std::unique_ptr<hwc_reader> ask_reader_factory(const perfetto::DataSourceConfig&
     if (address == 0) {
         return nullptr;
     }
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): a config can only carry a number
     const auto& factory = *reinterpret_cast<const reader_factory*>(address);
     if (!factory) {
         std::abort();

@@ -1,11 +1,6 @@
 // Brings operating system support up before main, as loading the library does.
 #include "osu/platform_dummy/vexa_osu_private.h"
 
-namespace {
-
-[[maybe_unused]] const bool started = [] {
+[[gnu::constructor]] static void start() {
     osup_startup();
-    return true;
-}();
-
-}  // namespace
+}
