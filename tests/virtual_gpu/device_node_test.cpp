@@ -9,6 +9,7 @@
 #include <cstring>
 #include <map>
 #include <sstream>
+#include <string>
 #include <tuple>
 
 #include "gtest/gtest.h"
@@ -97,8 +98,6 @@ TEST(DeviceNode, RequestsHaveAnOrder) {
         EXPECT_EQ(ask(fd, set_flags), EPERM);
         EXPECT_EQ(ask(fd, get_properties), 0);
         EXPECT_EQ(ask(fd, reader_setup), ENOTTY);
-        EXPECT_LT(::ioctl(fd, numbers.at(first), nullptr), 0);
-        EXPECT_EQ(errno, EFAULT);
         ::close(fd);
     }
 }
