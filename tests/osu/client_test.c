@@ -40,10 +40,10 @@ static void* ending_of_thread(void* word) {
     return ended_with;
 }
 
-/* Reads this thread's name into a buffer of `size` bytes; `stored` has what lies behind it too. */
+/* Reads this thread's name into a buffer of `size` bytes; `stored` has what lies around it too. */
 static int reads_name(size_t size, const char* stored) {
-    char buffer[] = "####################";
-    osup_thread_getname(buffer, size);
+    char buffer[] = "#####################";
+    osup_thread_getname(buffer + 1, size);
     return memcmp(buffer, stored, sizeof buffer) == 0;
 }
 
@@ -55,11 +55,11 @@ int main(void) {
     EXPECT(osup_register_new_thread_callback(&failures) == &failures);
 
     EXPECT(osup_thread_setname("0123456789abcdefgh") == OSUP_SUCCESS);
-    EXPECT(reads_name(0, "####################"));
-    EXPECT(reads_name(4, "012\0################"));
-    EXPECT(reads_name(15, "0123456789abcd\0#####"));
-    EXPECT(reads_name(16, "0123456789abcde\0####"));
-    EXPECT(reads_name(20, "0123456789abcde\0####"));
+    EXPECT(reads_name(0, "#####################"));
+    EXPECT(reads_name(4, "#012\0################"));
+    EXPECT(reads_name(15, "#0123456789abcd\0#####"));
+    EXPECT(reads_name(16, "#0123456789abcde\0####"));
+    EXPECT(reads_name(20, "#0123456789abcde\0####"));
 
     pthread_mutex_t mutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
     EXPECT(osup_mutex_lock(&mutex) == 0 && osup_spinlock_lock(&mutex) == EDEADLK);

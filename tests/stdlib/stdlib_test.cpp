@@ -26,7 +26,7 @@ extern "C" std::FILE* fopen(const char* path, const char* mode) {
     static const auto real = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen64"));
     touched = path;
     std::FILE* file = real(path, mode);
-    errno = file != nullptr ? errno_of_opened_files : errno;
+    errno = file != nullptr && errno_of_opened_files != 0 ? errno_of_opened_files : errno;
     return file;
 }
 
@@ -110,6 +110,7 @@ TEST(files, mode_errno_and_kind_of_file_decide_the_result) {
 TEST(environment, configuration_name_is_replaced_when_empty) {
     setenv("VEXA_CONFIG", "/own", 1);
     EXPECT_STREQ(stdlib_get_config_filename(), "/own");
+    EXPECT_STREQ(stdlib_config_filename.load(), "/own");
     setenv("VEXA_CONFIG", "", 1);
     EXPECT_STREQ(stdlib_get_config_filename(), "/data/data/com.vexa.testjava/.vexa_config");
 }
@@ -158,7 +159,7 @@ TEST(number, conversion_is_the_same_in_both_data_models) {
     EXPECT_EQ(convert("NAN", 10), converted(0, 0, 0));
     EXPECT_EQ(convert(" -iNfinity", 36), converted(0, 0, 0));
     EXPECT_EQ(convert(" +0X10", 16), converted(0, 0, 3));
-    EXPECT_EQ(convert("0x10", 10), converted(0, 0, 1));
+    EXPECT_EQ(convert("0x10", 0), converted(0, 16, 4));
     EXPECT_EQ(convert("10", 16), converted(0, 16, 2));
     EXPECT_EQ(convert(" 1", 37), converted(1, 0, 1));
 }
