@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <type_traits>
 
 #include "hwc/counter_descriptor.h"
 #include "hwc/profiler.h"

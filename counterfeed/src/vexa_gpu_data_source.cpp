@@ -25,7 +25,7 @@ namespace pbzero = perfetto::protos::pbzero;
 
 constexpr const char* data_source_name = "gpu.counters";
 constexpr const char* device_path = "/dev/vexa0";  // always the first instance
-constexpr std::int64_t default_sampling_period = 10'000'000;
+// Nanoseconds, as the service is told and as a session's period is limited.
 constexpr std::int64_t min_sampling_period = 1'000'000;
 constexpr std::int64_t max_sampling_period = 1'000'000'000;
 constexpr double full_percent = 100.0;

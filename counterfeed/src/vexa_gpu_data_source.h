@@ -35,12 +35,14 @@ public:
     // Ends both. Returns when the sample in hand, if any, is written.
     void OnStop(const StopArgs& arguments) override;
 
-protected:
+protected:  // and not private, so that a test can derive from the class and look
     // The body of the sampling thread. What it reads of the object is final before the thread starts and
     // stays so until OnStop has joined it.
     void threadfn_periodic_counter_poll_loop() const;
 
-    std::int64_t sampling_period = 10'000'000;  // nanoseconds
+    static constexpr std::int64_t default_sampling_period = 10'000'000;  // nanoseconds
+
+    std::int64_t sampling_period = default_sampling_period;  // nanoseconds
     std::set<std::uint32_t> counter_ids;
     std::unique_ptr<hwc_reader> reader;  // held exactly when the setup has worked
     std::thread poll_thread;
