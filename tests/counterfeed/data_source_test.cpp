@@ -219,6 +219,20 @@ TEST_F(DataSource, SetupThatFails) {
     }
 }
 
+TEST_F(DataSource, ReportsNameTheirPlace) {
+    std::vector<std::string> places;
+    const logging::callback before = logging::exchange_callback(
+        [&places](const stx::source_location& place, logging::priority, logging::tag, std::string_view) {
+            places.push_back(place.file + std::string(" ") + place.function);
+        });
+    data_source source;
+    source.set_up("", nullptr);
+    source.begin();
+    logging::exchange_callback(before);
+    EXPECT_EQ(places, (std::vector<std::string>{"counterfeed/src/vexa_gpu_data_source OnSetup",
+                                                "counterfeed/src/vexa_gpu_data_source OnStart"}));
+}
+
 TEST_F(DataSource, StartThatFails) {
     virtual_gpu::seam_reader_options broken = quick();
     broken.begin_fails = true;
