@@ -7,8 +7,8 @@
 inline constexpr std::uint32_t CDBGP_CHANNEL_ERROR = 2;
 inline constexpr const char* CDBGP_FEATURE_ERROR = "ERROR";
 
-// The numbers of the modules that report from below.
-enum cdbgp_module : std::uint32_t { CDBGP_MODULE_CUTILS = 14, CDBGP_MODULE_OSU = 20 };
+// The numbers of the modules that report.
+enum cdbgp_module : std::uint32_t { CDBGP_MODULE_CDBG = 3, CDBGP_MODULE_CUTILS = 14, CDBGP_MODULE_OSU = 20 };
 
 // The place of a report, a constant text: "In file: osu/platform_dummy/vexa_osu  line: 12".
 #define CDBGP_LOCATION_TEXT(line) "In file: " __FILE__ "  line: " #line
@@ -21,9 +21,6 @@ extern "C" {
 // module, location and function. Any thread may call it. A message that can't be printed is dropped.
 void cdbgp_print_to_important_channel(std::uint32_t channel, const char* feature, const char* module,
                                       const char* location, const char* function, const char* format, ...);
-
-// Prints one plain line. Any thread may call it. A message that can't be printed is dropped.
-void cdbg_print_to_error_channel(const char* format, ...);
 
 // The word that stands for a module in a header line.
 const char* cdbgp_module_to_str(std::uint32_t module);

@@ -1,5 +1,5 @@
 /* Operating system support, exported to the library's clients: thread data and names, mutexes, semaphores,
- * sync objects, dynamic loading and processors. For C and C++.
+ * sync objects, dynamic loading, processors and the library's unload. For C and C++.
  *
  * Any thread may call any of these. Unless a comment says otherwise the result is OSUP_SUCCESS or
  * OSUP_FAILURE. Objects are the caller's memory, and no operation takes a null address where it needs an
@@ -33,6 +33,7 @@ enum { OSUP_STATIC_MUTEX_COUNT = 19 };
 
 typedef void (*osup_thread_callback_function)(void* value);
 typedef void* (*osup_thread_function)(void* argument);
+typedef void (*osup_unload_callback_function)(void* argument);
 
 /* An event that stays set until it is cleared. */
 typedef struct osup_sync_object {
@@ -118,6 +119,17 @@ OSUP_API void osup_thread_setdeferrability(int deferrable);
 /* Keeps the calling thread on one core. If the kernel refuses, as it always does for a core above 31, an
  * error is printed and nothing changes. */
 OSUP_API void osup_set_core_id(uint32_t core);
+
+/* Callbacks at the unload of the library, or at the end of the process if that comes first: each runs once
+ * for each registration, with its argument, the last registered first, on the thread that unloads the library
+ * or ends the process. No lock is held, so that a callback may call both operations; but it cannot stop a
+ * callback that was still registered when the unload began, and what it registers is not run. After the last
+ * callback neither operation may be called any more.
+ *
+ * Registering fails when there is no memory. Deregistering removes every registration of this callback with
+ * this argument, and it is no error if there is none. */
+OSUP_API int osup_register_unload_callback(osup_unload_callback_function callback, void* argument);
+OSUP_API void osup_deregister_unload_callback(osup_unload_callback_function callback, void* argument);
 
 #ifdef __cplusplus
 }

@@ -6,3 +6,4 @@
 // macros because the attribute that takes them wants a plain number.
 #define VEXA_LOAD_ORDER_TABLES 1000
 #define VEXA_LOAD_ORDER_LOGGING 1001
+#define VEXA_LOAD_ORDER_LIBRARY_HOOKS 1002

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "cdbg/failure.h"
+#include "cdbg/print.h"
 #include "osu/platform_dummy/vexa_osu_private.h"
 
 namespace {

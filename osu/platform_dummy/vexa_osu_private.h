@@ -10,11 +10,11 @@ extern "C" {
 
 // Brings the layer up: once, at load, before any other thread uses it. A failure is reported, and the process
 // ends.
-OSUP_API void osup_startup();
+void osup_startup();
 
 // Brings the layer down at unload, on the thread that unloads the library. The callback gets this thread's
 // word, if there are both; no thread's word reaches it afterwards. The static mutexes remain.
-OSUP_API void osup_teardown();
+void osup_teardown();
 
 }  // extern "C"
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -103,13 +104,20 @@ TEST(Launcher, EveryProductIsOfferedWithItsWholeTable) {
     }
 }
 
-// What the library exports is the whole of its interface.
+// What the library exports is the whole of its interface: start, and what its clients' header declares.
 TEST(Library, ExportsItsInterfaceAndNothingElse) {
     std::set<std::string> exports;
     for (const auto& [name, value] : test_support::elf_symbols(read_file(COUNTERFEED_LIBRARY), SHT_DYNSYM)) {
         exports.insert(name);
     }
-    EXPECT_EQ(exports, (std::set<std::string>{"start"}));
+    const std::string header = read_file(COUNTERFEED_CLIENT_HEADER);
+    const std::regex operation("OSUP_API [^(]*\\b(osup_\\w+)\\(");
+    std::set<std::string> expected = {"start"};
+    for (std::sregex_iterator i(header.begin(), header.end(), operation), end; i != end; ++i) {
+        expected.insert((*i)[1]);
+    }
+    EXPECT_GT(expected.size(), 30U);
+    EXPECT_EQ(exports, expected);
 }
 
 // The order of the load-time initialisers, from a program that does no more than load the library.
@@ -123,11 +131,58 @@ TEST(Library, InitialisersRunInTheirOrder) {
               0)
         << read_file(folder.file("output"));
     const std::vector<std::string> lines = lines_of(read_file(folder.file("output")));
-    const std::vector<std::string> expected = {"counter_tables", "product_tables", "current_callback"};
+    const std::vector<std::string> expected = {"counter_tables", "product_tables", "current_callback",
+                                               "library_handler"};
     ASSERT_GE(lines.size(), expected.size());
     for (std::size_t i = 0; i < expected.size(); ++i) {
         EXPECT_NE(lines[i].find(expected[i]), std::string::npos) << lines[i];
     }
+}
+
+// What the unload probe prints.
+std::string unload(const std::vector<std::string>& words) {
+    const temporary_folder folder;
+    process_setup setup{.command = {COUNTERFEED_UNLOAD_PROBE, COUNTERFEED_LIBRARY},
+                        .environment = {},
+                        .preload = {},
+                        .output = folder.file("output"),
+                        .of_this_build = true};
+    setup.command.insert(setup.command.end(), words.begin(), words.end());
+    const int status = test_support::run(setup);
+    return read_file(setup.output) + (status == 0 ? "" : std::to_string(status));
+}
+
+// The probe's words: +A registers and -A deregisters a callback that prints A, *A another that prints (A).
+// What stands behind the letter happens when the callback runs. The thread's word comes last.
+TEST(Library, UnloadRunsTheCallbacksBackwards) {
+    const struct {
+        std::vector<std::string> words;
+        const char* printed;
+    } cases[] = {
+        {{}, "."},
+        {{"+A", "+B", "+C"}, "CBA."},
+        {{"+A", "*A", "+B", "+A", "-A", "-D"}, "B(A)."},
+        {{"+A", "+A", "*A", "+B"}, "B(A)AA."},
+        // Too late to stop A. D comes too late to be run, and is taken back.
+        {{"+A", "+B-D", "+C-A+D"}, "CBA."},
+    };
+    for (const auto& c : cases) {
+        for (const char* end : {"close", "exit"}) {
+            std::vector<std::string> words = {end};
+            words.insert(words.end(), c.words.begin(), c.words.end());
+            // Loaded twice where it is closed: a second life of the library begins with nothing.
+            const std::string printed = c.printed;
+            EXPECT_EQ(unload(words), words[0] == "close" ? printed + printed : printed);
+        }
+    }
+}
+
+TEST(Library, FailureOfTheUnloadHooksIsFatal) {
+    const std::string output = unload({"fail"});
+    const std::regex report(
+        "==>\\[ERROR\\] \\(loading\\) OSU: In file: osu/platform_dummy/vexa_osu_libhooks  line: [0-9]+ "
+        "osup_init_unload_hooks\nFailed to init unload hook mutexes\n[^]*-6");
+    EXPECT_TRUE(std::regex_match(output, report)) << output;
 }
 
 }  // namespace

@@ -78,5 +78,8 @@ int main(void) {
     EXPECT(osup_dlsym(&symbol, &handle, "ns_samename") == OSUP_SUCCESS && symbol != NULL);
     EXPECT(osup_dlsym(&symbol, &self, "osu_client_null_symbol") == OSUP_SUCCESS && symbol == NULL);
     EXPECT(osup_dlclose(&handle) == 0 && osup_dlclose(&self) == 0);
+
+    EXPECT(osup_register_unload_callback(note_end, &failures) == OSUP_SUCCESS);
+    osup_deregister_unload_callback(note_end, &failures);
     return failures == 0 ? 0 : 1;
 }

@@ -9,25 +9,34 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "osu/platform_dummy/vexa_osu_libhooks.h"
 #include "osu/platform_dummy/vexa_osu_private.h"
-#include "tests/support/fatal_report.h"
+#include "tests/support/platform_log.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-int failing_mutex_init;  // which of the next calls fails, counted from 1
+int failing_malloc, failing_mutex_init;  // which of the next calls fails, counted from 1
 std::uint32_t affinity_asked;
 void* ended_with;
 
 }  // namespace
 
 // The linker leads this program's own calls to __wrap_, and __real_ to the C library.
+extern "C" decltype(malloc) __real_malloc;
+extern "C" void* __wrap_malloc(std::size_t size) {
+    return --failing_malloc == 0 ? nullptr : __real_malloc(size);
+}
+
 extern "C" decltype(pthread_mutex_init) __real_pthread_mutex_init;
 extern "C" int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
     return --failing_mutex_init == 0 ? ENOMEM : __real_pthread_mutex_init(mutex, attributes);
@@ -47,12 +56,14 @@ TEST(osu, startup_failure_is_reported_and_fatal) {
         for (pthread_key_t key; exhaust_keys && pthread_key_create(&key, nullptr) == 0;) {
         }
         failing_mutex_init = failing;
+        osup_thread_setname("starting up");
         osup_startup();
     };
-    const std::string report = "^fatal 2 ERROR OSU In file: osu/platform_dummy/vexa_osu  line: [0-9]+ ";
+    const std::string report =
+        "^==>\\[ERROR\\] \\(starting up\\) OSU: In file: osu/platform_dummy/vexa_osu  line: [0-9]+ ";
     const testing::KilledBySignal aborted(SIGABRT);
-    EXPECT_EXIT(start(0, true), aborted, report + "osup_startup Failed to setup TLS generic key\n");
-    EXPECT_EXIT(start(19, false), aborted, report + "osup_startup Failed to init static mutexes\n");
+    EXPECT_EXIT(start(0, true), aborted, report + "osup_startup\nFailed to setup TLS generic key\n");
+    EXPECT_EXIT(start(19, false), aborted, report + "osup_startup\nFailed to init static mutexes\n");
 }
 
 TEST(osu, teardown_hands_over_the_callers_word_and_ends_thread_data) {
@@ -64,6 +75,24 @@ TEST(osu, teardown_hands_over_the_callers_word_and_ends_thread_data) {
     };
     EXPECT_EXIT(tear_down(&failing_mutex_init), testing::ExitedWithCode(0), "");
     EXPECT_EXIT(tear_down(nullptr), testing::ExitedWithCode(0), "");
+}
+
+TEST(osu, unload_happens_once_and_registration_wants_memory) {
+    static osup_unload_callback_function note = [](void* text) {
+        std::fputs(static_cast<const char*>(text), stderr);
+        osup_register_unload_callback(note, text);  // a second unload would run it
+    };
+    static char text[] = "once";
+    failing_malloc = 1;
+    EXPECT_EQ(osup_register_unload_callback(note, text), OSUP_FAILURE);
+    const auto unload = [] {
+        osup_register_unload_callback(note, text);
+        osup_constructor();  // a second load would lose it
+        osup_destructor();
+        osup_destructor();
+        std::exit(0);
+    };
+    EXPECT_EXIT(unload(), testing::ExitedWithCode(0), "^once$");
 }
 
 TEST(osu, deadline_carries_and_is_clamped) {
@@ -136,12 +165,13 @@ TEST(osu, affinity_is_asked_for_in_words_of_32_bits) {
         const auto core = static_cast<std::uint32_t>(sched_getcpu());
         osup_set_core_id(core);
         EXPECT_EQ(affinity_asked, 1U << core);
-        EXPECT_EQ(qel::vexa::tests::last_error_text(), "");
+        EXPECT_TRUE(test_support::take_log_lines().empty());
         osup_set_core_id(32 + core);
         EXPECT_EQ(affinity_asked, 0U);
-        EXPECT_EQ(
-            qel::vexa::tests::last_error_text(),
-            "Unable to set requested CPU core " + std::to_string(32 + core) + " for thread [pinned thread].");
+        const std::vector<test_support::log_line> lines = test_support::take_log_lines();
+        ASSERT_EQ(lines.size(), 1U);
+        EXPECT_EQ(lines[0].text, "Unable to set requested CPU core " + std::to_string(32 + core) +
+                                     " for thread [pinned thread].\n");
     }).join();
 }
 

@@ -360,9 +360,9 @@ TEST(text, copy) {
 TEST(text_death_test, copy_that_does_not_fit_ends_the_process) {
     char memory[3];
     EXPECT_DEATH(cutils_cstr_strncpy(memory, 3, "abc", 4),
-                 "fatal 2 ERROR CUTILS In file: .*vexa_cutils_cstr.*  line: [0-9]+ cutils_cstr_strncpy "
-                 "The destination buffer is not big enough to copy \"abc\"");
-    EXPECT_DEATH(cutils_cstr_strncpy(memory, 2, "abc", 3), "fatal 2 ERROR CUTILS");
+                 "^==>\\[ERROR\\] \\(.*\\) CUTILS: In file: cutils/cstr/src/vexa_cutils_cstr  line: [0-9]+ "
+                 "cutils_cstr_strncpy\nThe destination buffer is not big enough to copy \"abc\"\n");
+    EXPECT_DEATH(cutils_cstr_strncpy(memory, 2, "abc", 3), "CUTILS");
 }
 
 }  // namespace

@@ -1,0 +1,104 @@
+// A client of the library's unload: unload_probe <library> close|exit|fail <word>... registers callbacks as
+// the words say, and unloads the library, twice, or exits; "fail" lets the library's last mutex fail when it
+// loads. +A registers and -A deregisters a callback that prints "A" and does what stands behind the letter,
+// *A another one that prints "(A)". What unloading does at the end prints ".".
+
+#include <dlfcn.h>
+#include <sys/prctl.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "osu/vexa_osu.h"
+
+namespace {
+
+int failing_mutex_init;  // which of the next calls fails, counted from 1
+decltype(osup_register_unload_callback)* register_callback;
+decltype(osup_deregister_unload_callback)* deregister_callback;
+
+void print(void* word);
+void print_in_brackets(void* word);
+
+// A word of its own for each letter, so that equal letters are equal arguments. What a letter does is told by
+// the first word that has it.
+const char* word_of(const char* word) {
+    static const char* words[128];
+    const char*& known = words[static_cast<unsigned char>(*word) % 128];
+    return known = known != nullptr ? known : word;
+}
+
+// Does what one word says.
+void follow(const char* word) {
+    void* const argument = const_cast<char*>(word_of(word + 1));
+    if (*word == '-') {
+        deregister_callback(print, argument);
+    } else if (register_callback(*word == '+' ? print : print_in_brackets, argument) != OSUP_SUCCESS) {
+        std::exit(3);
+    }
+}
+
+void print(void* word) {
+    const char* const letter = static_cast<const char*>(word);
+    std::putchar(*letter);
+    for (const char* next = letter + 1; *next != '\0'; next += 2) {
+        follow(next);
+    }
+}
+
+void print_in_brackets(void* word) {
+    std::printf("(%c)", *static_cast<const char*>(word));
+}
+
+template <typename Operation>
+void find(void* library, const char* name, Operation*& operation) {
+    operation = reinterpret_cast<Operation*>(dlsym(library, name));
+    if (operation == nullptr) {
+        std::exit(2);
+    }
+}
+
+}  // namespace
+
+// In the place of the C library's, also for the library.
+extern "C" __attribute__((visibility("default"))) int pthread_mutex_init(
+    pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) noexcept {
+    static const auto real =
+        reinterpret_cast<decltype(&pthread_mutex_init)>(dlsym(RTLD_NEXT, "pthread_mutex_init"));
+    return --failing_mutex_init == 0 ? ENOMEM : real(mutex, attributes);
+}
+
+int main(int argument_count, char** arguments) {
+    if (argument_count < 3) {
+        return 2;
+    }
+    const bool closes = std::strcmp(arguments[2], "close") == 0;
+    if (std::strcmp(arguments[2], "fail") == 0) {
+        prctl(PR_SET_NAME, "loading");
+        failing_mutex_init = OSUP_STATIC_MUTEX_COUNT + 1;
+    }
+    for (int round = 0; round < (closes ? 2 : 1); ++round) {
+        void* const library = dlopen(arguments[1], RTLD_NOW | RTLD_LOCAL);
+        if (library == nullptr) {
+            std::fprintf(stderr, "%s\n", dlerror());
+            return 1;
+        }
+        find(library, "osup_register_unload_callback", register_callback);
+        find(library, "osup_deregister_unload_callback", deregister_callback);
+        decltype(osup_thread_callback_set)* set_callback = nullptr;
+        decltype(osup_thread_data_set)* set_data = nullptr;
+        find(library, "osup_thread_callback_set", set_callback);
+        find(library, "osup_thread_data_set", set_data);
+        set_callback([](void* word) { std::printf("%s", static_cast<const char*>(word)); });
+        static char end[] = ".";
+        set_data(end);
+        for (int i = 3; i < argument_count; ++i) {
+            follow(arguments[i]);
+        }
+        if (closes && (dlclose(library) != 0 || dlopen(arguments[1], RTLD_NOW | RTLD_NOLOAD) != nullptr)) {
+            return 4;
+        }
+    }
+}
