@@ -1,9 +1,10 @@
-// The text that describes a virtual GPU to the preloaded form, as the environment variable VIRTUAL_GPU holds
-// it.
+// The text that describes the virtual GPUs to the preloaded form, as the environment variable VIRTUAL_GPU
+// holds it.
 //
-// Empty or absent: the default GPU. "none": a machine without a GPU. Otherwise a list of items with commas
-// between them, in any order, each at most once; what is left out has its default. Numbers are decimal, or
-// hexadecimal behind "0x".
+// Empty or absent: the default GPU. "none": a machine without a GPU. Otherwise a list of GPUs with semicolons
+// between them, the first being that of "/dev/vexa0". Each is a list of items with commas between them, in
+// any order, each at most once; what is left out has its default. Numbers are decimal, or hexadecimal behind
+// "0x".
 //
 //   id=0x9002            the product id word
 //   revision=0.0         major and minor revision
@@ -14,8 +15,16 @@
 //   bus=16               width of the external bus in bytes, a power of two
 //   clock=800            GPU clock in MHz, up to 10000
 //   version=11.33        the kernel interface's version
+//   features=3           the counter readers' feature bits, 0 to 3
+//   legacy=0             1: the driver knows the legacy API version request alone
+//   hwver=5              the counter hardware's version
+//   late=0               when the node appears, in milliseconds from the program's start, up to 60000
 //   source=workload      where sample words come from: "workload" or "formula"
-//   period=10000000      time between samples in nanoseconds, 1 to 4294967295
+//   period=10000000      time between samples in nanoseconds, 1 to 4294967295; of the seam's reader only
+//   failures=            requests that fail, with colons between them: "get_buffer@5=EIO", the fifth one of
+//   all
+//                        GPUs, or "stat=ENOENT", every one. The kinds are those of request_kind; in place of
+//                        an error's name its number will do.
 #pragma once
 
 #include <cstdint>
@@ -23,20 +32,16 @@
 #include <string>
 #include <string_view>
 
-#include "virtual_gpu/device_model.h"
+#include "virtual_gpu/machine.h"
 
 namespace qel::vexa::virtual_gpu {
 
 // How a process ends when its environment describes no GPU that there could be.
 inline constexpr int bad_environment_status = 2;
 
-enum class source_kind : std::uint8_t { workload, formula };
-
 struct configuration {
-    bool present = true;  // there is a GPU at all
-    gpu_description gpu;
-    source_kind source = source_kind::workload;
-    std::uint64_t period_ns = 10'000'000;
+    machine_setup machine;                 // its nodes are the GPUs in order
+    std::uint64_t period_ns = 10'000'000;  // of the seam's reader, over the first GPU
 };
 
 // Reads a description. On a mistake nothing, and the error is one line without its end that names the bad

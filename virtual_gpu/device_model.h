@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -18,6 +19,22 @@ struct interface_version {
     std::uint16_t major;
     std::uint16_t minor;
 };
+
+class sample_source;
+struct gpu_description;
+
+// Where the words of a GPU's samples come from.
+enum class source_kind : std::uint8_t {
+    formula,   // every value is known beforehand: sample_source.h
+    workload,  // an imagined scene: workload.h
+};
+
+// Makes the source of one counter reader. Called when the reader is set up.
+using source_factory = std::function<std::unique_ptr<sample_source>(const gpu_description&)>;
+
+// Bits of the counter readers' features: which cycle counts a sample comes with.
+inline constexpr std::uint32_t feature_top_cycles = 1;
+inline constexpr std::uint32_t feature_shader_cycles = 2;
 
 struct gpu_description {
     std::uint32_t product_id = 0x9002;  // the low 16 bits, masked with 0xf00f, decide the product
@@ -35,6 +52,17 @@ struct gpu_description {
     // Given out in place of the blob that describes the above.
     std::optional<std::vector<std::byte>> raw_properties = std::nullopt;
 
+    // The counter readers.
+    std::uint32_t reader_api_version = 1;
+    std::uint32_t reader_features = feature_top_cycles | feature_shader_cycles;
+    // Knows the legacy API version request alone, and the short metadata alone.
+    bool is_legacy = false;
+    std::uint32_t counter_hardware_version = 5;
+    source_kind source = source_kind::formula;
+    source_factory own_source = {};  // in place of the two
+    // False: the cycle counts that the features promise are 0 in every sample.
+    bool has_cycles = true;
+
     // All cores of all groups.
     std::uint64_t core_mask() const;
 };
@@ -43,19 +71,38 @@ struct gpu_description {
 // little-endian.
 std::vector<std::byte> property_blob(const gpu_description& gpu);
 
-// What a process can ask of the device node. Each can be logged, and made to fail, by itself.
+// What a process can ask of a GPU, by ioctl unless told otherwise. Each can be logged, and made to fail, by
+// itself.
 enum class request_kind : std::uint8_t {
+    // Of the path of a device node, by the calls of these names.
     open,
+    stat,
+    // Of an open device node.
+    fstat,  // the call
     version_check,
     version_check_second,  // the same request under its other number
     set_flags,
     get_properties,
     reader_setup,
+    map_tracking_page,  // a call of mmap, also one with wrong arguments
+    // Of a counter reader.
+    get_hardware_version,
+    get_sample_size,
+    dump,
+    clear,
+    get_buffer,  // with short or long metadata
+    put_buffer,
+    set_interval,
+    get_api_version,                // the legacy form
+    get_api_version_with_features,  // the other
+    map_ring,                       // a call of mmap, also one with wrong arguments
+    poll,                           // a call of poll, with the reader among its descriptors
+    // Of either, with a number that it does not know.
     unknown,
 };
-inline constexpr std::size_t request_kind_count = 7;
+inline constexpr std::size_t request_kind_count = static_cast<std::size_t>(request_kind::unknown) + 1;
 
-// The kind behind the number of an ioctl.
+// The kind behind the number of an ioctl on a device node.
 request_kind kind_of(std::uint32_t number);
 
 // How many bytes the caller's record has, as the number of the ioctl says.
