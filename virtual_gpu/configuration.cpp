@@ -2,11 +2,15 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <iterator>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -18,8 +22,11 @@ namespace {
 constexpr std::size_t core_group_capacity = 16;
 constexpr std::uint64_t hertz_per_megahertz = 1'000'000;
 
+// What the items of one GPU are read into.
 struct parse_state {
-    configuration result;
+    configuration& result;
+    std::uint64_t& period_ns;
+    initial_node node;
     std::optional<std::uint64_t> cores;
     bool has_groups = false;
 };
@@ -71,6 +78,64 @@ bool read_groups(std::string_view text, std::vector<std::uint64_t>& masks) {
     }
 }
 
+constexpr const char* kind_names[] = {"open",
+                                      "stat",
+                                      "fstat",
+                                      "version_check",
+                                      "version_check_second",
+                                      "set_flags",
+                                      "get_properties",
+                                      "reader_setup",
+                                      "map_tracking_page",
+                                      "get_hardware_version",
+                                      "get_sample_size",
+                                      "dump",
+                                      "clear",
+                                      "get_buffer",
+                                      "put_buffer",
+                                      "set_interval",
+                                      "get_api_version",
+                                      "get_api_version_with_features",
+                                      "map_ring",
+                                      "poll",
+                                      "unknown"};
+static_assert(std::size(kind_names) == request_kind_count);
+
+bool read_kind(std::string_view text, request_kind& kind) {
+    const auto* found = std::find(std::begin(kind_names), std::end(kind_names), text);
+    kind = static_cast<request_kind>(found - std::begin(kind_names));
+    return found != std::end(kind_names);
+}
+
+bool read_error(std::string_view text, int& error) {
+    constexpr int largest = 133;
+    for (int candidate = 1; candidate <= largest; ++candidate) {
+        const char* name = ::strerrorname_np(candidate);
+        if (name != nullptr && text == name) {
+            error = candidate;
+            return true;
+        }
+    }
+    return read(text, error, 1, largest);
+}
+
+bool read_failures(std::string_view text, std::vector<initial_failure>& failures) {
+    for (;;) {
+        const piece one = take(text, ':');
+        std::string_view error = one.text;
+        std::string_view which = take(error, '=').text;
+        const piece kind = take(which, '@');
+        initial_failure& next = failures.emplace_back();
+        if (!read_kind(kind.text, next.kind) || !read_error(error, next.error) ||
+            !(kind.is_last || read(which, next.nth, 1))) {
+            return false;
+        }
+        if (one.is_last) {
+            return true;
+        }
+    }
+}
+
 struct item {
     std::string_view name;
     std::string_view takes;
@@ -79,64 +144,83 @@ struct item {
 
 constexpr auto items = std::to_array<item>({
     {"id", "a number of 32 bits",
-     [](std::string_view value, parse_state& state) { return read(value, state.result.gpu.product_id); }},
+     [](std::string_view value, parse_state& state) { return read(value, state.node.gpu.product_id); }},
     {"revision", "two numbers of 16 bits with a point between them",
      [](std::string_view value, parse_state& state) {
-         return read_pair(value, state.result.gpu.major_revision, state.result.gpu.minor_revision);
+         return read_pair(value, state.node.gpu.major_revision, state.node.gpu.minor_revision);
      }},
     {"status", "a number of 16 bits",
-     [](std::string_view value, parse_state& state) { return read(value, state.result.gpu.version_status); }},
+     [](std::string_view value, parse_state& state) { return read(value, state.node.gpu.version_status); }},
     {"cores", "a mask of 64 bits",
      [](std::string_view value, parse_state& state) { return read(value, state.cores.emplace()); }},
     {"groups", "1 to 16 masks of 64 bits with colons between them",
      [](std::string_view value, parse_state& state) {
          state.has_groups = true;
-         return read_groups(value, state.result.gpu.core_group_masks);
+         return read_groups(value, state.node.gpu.core_group_masks);
      }},
     {"l2", "a number up to 255",
-     [](std::string_view value, parse_state& state) { return read(value, state.result.gpu.l2_slices); }},
+     [](std::string_view value, parse_state& state) { return read(value, state.node.gpu.l2_slices); }},
     {"bus", "a power of two up to 1024",
      [](std::string_view value, parse_state& state) {
-         std::uint32_t& width = state.result.gpu.bus_width_bytes;
+         std::uint32_t& width = state.node.gpu.bus_width_bytes;
          return read(value, width, 1, 1024) && std::has_single_bit(width);
      }},
     {"clock", "a number from 1 to 10000",
      [](std::string_view value, parse_state& state) {
-         std::uint64_t& clock = state.result.gpu.clock_hz;
+         std::uint64_t& clock = state.node.gpu.clock_hz;
          const bool is_valid = read(value, clock, 1, 10'000);
          clock *= hertz_per_megahertz;
          return is_valid;
      }},
     {"version", "two numbers of 16 bits with a point between them",
      [](std::string_view value, parse_state& state) {
-         interface_version& version = state.result.gpu.kernel_version;
+         interface_version& version = state.node.gpu.kernel_version;
          return read_pair(value, version.major, version.minor);
+     }},
+    {"features", "a number up to 3",
+     [](std::string_view value, parse_state& state) {
+         return read(value, state.node.gpu.reader_features, 0, 3);
+     }},
+    {"legacy", "0 or 1",
+     [](std::string_view value, parse_state& state) { return read(value, state.node.gpu.is_legacy, 0, 1); }},
+    {"hwver", "a number of 32 bits",
+     [](std::string_view value, parse_state& state) {
+         return read(value, state.node.gpu.counter_hardware_version);
+     }},
+    {"late", "a number up to 60000",
+     [](std::string_view value, parse_state& state) {
+         std::uint16_t milliseconds = 0;
+         const bool is_valid = read(value, milliseconds, 0, 60'000);
+         state.node.delay = std::chrono::milliseconds(milliseconds);
+         return is_valid;
+     }},
+    {"failures", R"(requests such as "get_buffer@5=EIO" with colons between them)",
+     [](std::string_view value, parse_state& state) {
+         return read_failures(value, state.result.machine.failures);
      }},
     {"source", R"("workload" or "formula")",
      [](std::string_view value, parse_state& state) {
-         state.result.source = value == "formula" ? source_kind::formula : source_kind::workload;
+         state.node.gpu.source = value == "formula" ? source_kind::formula : source_kind::workload;
          return value == "formula" || value == "workload";
      }},
     {"period", "a number from 1 to 4294967295",
      [](std::string_view value, parse_state& state) {
-         return read(value, state.result.period_ns, 1, std::numeric_limits<std::uint32_t>::max());
+         return read(value, state.period_ns, 1, std::numeric_limits<std::uint32_t>::max());
      }},
 });
 
-}  // namespace
+std::nullopt_t refuse(std::string_view item_text, std::string_view reason, std::string& error) {
+    error = "VIRTUAL_GPU: bad item \"";
+    error.append(item_text).append("\": ").append(reason);
+    return std::nullopt;
+}
 
-std::optional<configuration> parse_configuration(std::string_view text, std::string& error) {
-    parse_state state;
-    configuration& result = state.result;
-    const auto refuse = [&error](std::string_view item_text, std::string_view reason) {
-        error = "VIRTUAL_GPU: bad item \"";
-        error.append(item_text).append("\": ").append(reason);
-        return std::nullopt;
-    };
-    if (text == "none") {
-        result.present = false;
-        return result;
-    }
+// Reads one GPU into the node and what it has of the machine.
+std::optional<initial_node> parse_gpu(std::string_view text, configuration& result, std::uint64_t& period_ns,
+                                      std::string& error) {
+    parse_state state{.result = result, .period_ns = period_ns, .node = {}, .cores = {}};
+    gpu_description& gpu = state.node.gpu;
+    gpu.source = source_kind::workload;
     std::array<bool, items.size()> seen{};
     for (bool more = !text.empty(); more;) {
         const piece next = take(text, ',');
@@ -148,19 +232,42 @@ std::optional<configuration> parse_configuration(std::string_view text, std::str
             ++index;
         }
         if (index == items.size()) {
-            return refuse(next.text, "there is no such item");
+            return refuse(next.text, "there is no such item", error);
         }
         if (std::exchange(seen[index], true)) {
-            return refuse(next.text, "it is there twice");
+            return refuse(next.text, "it is there twice", error);
         }
         if (!items[index].read(value, state)) {
-            return refuse(next.text, std::string("it takes ").append(items[index].takes));
+            return refuse(next.text, std::string("it takes ").append(items[index].takes), error);
         }
     }
     if (state.cores && !state.has_groups) {
-        result.gpu.core_group_masks = {*state.cores};
-    } else if (state.cores && *state.cores != result.gpu.core_mask()) {
-        return refuse("groups", "together they are not the cores");
+        gpu.core_group_masks = {*state.cores};
+    } else if (state.cores && *state.cores != gpu.core_mask()) {
+        return refuse("groups", "together they are not the cores", error);
+    }
+    return std::move(state.node);
+}
+
+}  // namespace
+
+std::optional<configuration> parse_configuration(std::string_view text, std::string& error) {
+    configuration result;
+    if (text == "none") {
+        return result;
+    }
+    for (bool more = true; more;) {
+        const piece next = take(text, ';');
+        more = !next.is_last;
+        std::uint64_t period_ns = result.period_ns;
+        std::optional<initial_node> node = parse_gpu(next.text, result, period_ns, error);
+        if (!node) {
+            return std::nullopt;
+        }
+        if (result.machine.nodes.empty()) {
+            result.period_ns = period_ns;
+        }
+        result.machine.nodes.push_back(*std::move(node));
     }
     return result;
 }

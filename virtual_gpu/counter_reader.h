@@ -66,12 +66,16 @@ public:
     // filled buffer.
     counter_reader(std::shared_ptr<const gpu_description> gpu, const reader_setup_record& setup, file ring,
                    file signal);
+    counter_reader(const counter_reader&) = delete;
+    counter_reader& operator=(const counter_reader&) = delete;
 
     // Answers an ioctl: 0, or a negative error number. The argument is the caller's record, in the caller's
     // memory, or a value. `descriptor` is the process's.
     int answer(std::uint32_t number, void* argument, int descriptor);
 
-    std::size_t ring_size() const;
+    // The bytes of all buffers.
+    static std::size_t ring_size(const gpu_description& gpu, const reader_setup_record& setup);
+    std::size_t ring_size() const { return sample_size() * buffer_count_; }
     int ring() const { return ring_.descriptor(); }
 
     // When take_due_samples has something to do next; nothing when not sampling periodically.
@@ -89,11 +93,12 @@ public:
     void hang_up();
 
 private:
-    struct sample {
+    struct claim {
         sample_metadata metadata;
-        bool is_long;  // how it was claimed
+        std::size_t size;  // of the form that it was claimed with
     };
 
+    std::size_t sample_size() const { return words_.size() * sizeof(std::uint32_t); }
     bool is_full() const { return filled_.size() + (claimed_ ? 1U : 0U) == buffer_count_; }
     void take_sample(std::uint64_t due, std::uint32_t event_id);
     int dump();
@@ -101,7 +106,8 @@ private:
     int set_interval(std::uint64_t interval);
     int get_buffer(void* argument, std::size_t size, int descriptor);
     int put_buffer(const void* argument, std::size_t size);
-    int get_api_version(void* argument, std::size_t size) const;
+    // Takes away what the enable bits leave out.
+    void leave_enabled();
 
     const std::shared_ptr<const gpu_description> gpu_;
     const sample_layout layout_;
@@ -114,13 +120,13 @@ private:
 
     std::vector<std::uint32_t> words_;
     std::deque<sample_metadata> filled_;  // oldest first
-    std::optional<sample> claimed_;
+    std::optional<claim> claimed_;
     std::uint32_t next_buffer_ = 0;
     std::uint64_t next_number_ = 0;
     std::uint64_t counted_from_;  // where the next sample's time begins
     std::uint64_t interval_ = 0;  // 0: not periodic
     std::uint64_t next_due_ = 0;
-    std::uint64_t lateness_ = 0;
+    std::uint64_t lateness_ = 0;  // of the last periodic sample
     std::uint64_t overruns_ = 0;
 };
 

@@ -7,6 +7,8 @@
 #include <limits>
 #include <utility>
 
+#include "virtual_gpu/counter_reader.h"
+
 namespace qel::vexa::virtual_gpu {
 
 namespace {
@@ -243,9 +245,6 @@ int device_context::answer(std::uint32_t number, void* argument) {
     if (!is_version_check && (!version_checked_ || (kind != request_kind::set_flags && !flags_set_))) {
         return -EPERM;
     }
-    if (kind == request_kind::reader_setup) {
-        return -ENOTTY;  // this driver was built without counter readers
-    }
     if (argument == nullptr) {
         return -EFAULT;
     }
@@ -254,6 +253,8 @@ int device_context::answer(std::uint32_t number, void* argument) {
             return set_flags();
         case request_kind::get_properties:
             return get_properties(argument);
+        case request_kind::reader_setup:
+            return check_reader_setup(argument);
         default:
             return check_version(argument);
     }
@@ -274,6 +275,13 @@ int device_context::set_flags() {
     }
     flags_set_ = true;
     return 0;
+}
+
+int device_context::check_reader_setup(const void* argument) {
+    constexpr std::uint32_t most_buffers = 32;
+    reader_setup_record setup;
+    std::memcpy(&setup, argument, sizeof setup);
+    return std::has_single_bit(setup.buffer_count) && setup.buffer_count <= most_buffers ? 0 : -EINVAL;
 }
 
 int device_context::get_properties(void* argument) const {

@@ -115,13 +115,19 @@ public:
     explicit device_context(std::shared_ptr<const gpu_description> gpu);
 
     // Answers an ioctl: what the driver returns, or a negative error number. The argument is the caller's
-    // record, in the caller's memory: EFAULT when null.
+    // record, in the caller's memory: EFAULT when null. A reader's setup is only examined, and 0 when there
+    // can be such a reader.
     int answer(std::uint32_t number, void* argument);
+
+    // The rest of the requests is open.
+    bool is_ready() const { return flags_set_; }
+    const std::shared_ptr<const gpu_description>& gpu() const { return gpu_; }
 
 private:
     int check_version(void* argument);
     int set_flags();
     int get_properties(void* argument) const;
+    static int check_reader_setup(const void* argument);
 
     std::shared_ptr<const gpu_description> gpu_;
     std::vector<std::byte> properties_;

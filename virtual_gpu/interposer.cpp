@@ -4,7 +4,11 @@
 #include "virtual_gpu/interposer.h"
 
 #include <dlfcn.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -13,6 +17,7 @@
 #include <optional>
 #include <string_view>
 
+#include "virtual_gpu/calls.h"
 #include "virtual_gpu/machine.h"
 
 namespace {
@@ -25,16 +30,24 @@ class next_call {
 public:
     explicit constexpr next_call(const char* name) : name_(name) {}
 
+    // Null when there is none.
+    Function* get() {
+        if (Function* function = address_.load(std::memory_order_relaxed)) {
+            return function;
+        }
+        auto* function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name_));
+        address_.store(function, std::memory_order_relaxed);
+        return function;
+    }
+    // Null also when it has not been looked up.
+    Function* peek() const { return address_.load(std::memory_order_relaxed); }
+
     template <typename... Arguments>
     int operator()(Arguments... arguments) {
-        Function* function = address_.load(std::memory_order_relaxed);
+        Function* function = get();
         if (function == nullptr) {
-            function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name_));
-            if (function == nullptr) {
-                errno = ENOSYS;
-                return -1;
-            }
-            address_.store(function, std::memory_order_relaxed);
+            errno = ENOSYS;
+            return -1;
         }
         return function(arguments...);
     }
@@ -52,6 +65,9 @@ constinit next_call<int(const char*, int)> next_open_2("__open_2");
 constinit next_call<int(const char*, int)> next_open64_2("__open64_2");
 constinit next_call<int(int)> next_close("close");
 constinit next_call<int(int, unsigned long, ...)> next_ioctl("ioctl");
+constinit next_call<int(pollfd*, nfds_t, int)> next_poll("poll");
+// With the offset in 64 bits on every processor.
+constinit next_call<void*(void*, std::size_t, int, int, int, std::int64_t)> next_mmap("mmap64");
 
 int to_result(int answer) {
     if (answer >= 0) {
@@ -61,8 +77,8 @@ int to_result(int answer) {
     return -1;
 }
 
-// The result of opening a node, or nothing for any other path.
-std::optional<int> open_if_node(const char* path, int flags) {
+// The instance of a node's path, or nothing for any other path.
+std::optional<unsigned> instance_of(const char* path) {
     if (path == nullptr) {
         return std::nullopt;
     }
@@ -77,7 +93,55 @@ std::optional<int> open_if_node(const char* path, int flags) {
     if (error != std::errc() || end != number.data() + number.size() || !is_plain) {
         return std::nullopt;
     }
-    return to_result(machine::open_node(instance, flags));
+    return instance;
+}
+
+// The result of opening a node, or nothing for any other path.
+std::optional<int> open_if_node(const char* path, int flags) {
+    const std::optional<unsigned> instance = instance_of(path);
+    return instance ? std::optional(to_result(machine::open_node(*instance, flags))) : std::nullopt;
+}
+
+// The calls that ask about a path. `call` makes the C library's call of the kind.
+template <typename Call>
+int stat_path(const char* path, Call call) {
+    const std::optional<unsigned> instance = instance_of(path);
+    return instance ? to_result(machine::stat_node(*instance, call)) : call(path);
+}
+
+template <typename Next>
+int stat_descriptor(Next& next, int descriptor, void* result) {
+    const std::optional<int> failure = machine::fail_fstat(descriptor);
+    return failure ? to_result(*failure) : next(descriptor, result);
+}
+
+// Programs map memory before the next definition can be looked up, and while it is.
+void* system_map(void* address, std::size_t length, int protection, int flags, int descriptor,
+                 std::int64_t offset) {
+#ifdef __LP64__
+    const long result = ::syscall(SYS_mmap, address, length, protection, flags, descriptor, offset);
+#else
+    constexpr std::int64_t unit = 4096;
+    if (offset % unit != 0) {
+        errno = EINVAL;
+        return MAP_FAILED;
+    }
+    const long result = ::syscall(SYS_mmap2, address, length, protection, flags, descriptor,
+                                  static_cast<unsigned long>(offset / unit));
+#endif
+    return reinterpret_cast<void*>(result);  // NOLINT(performance-no-int-to-ptr): the kernel's answer
+}
+
+constinit std::atomic<bool> looks_up_mmap{false};
+
+void* map(void* address, std::size_t length, int protection, int flags, int descriptor, std::int64_t offset) {
+    if (descriptor >= 0 && (flags & MAP_ANONYMOUS) == 0) {
+        if (const auto result = machine::map({address, length, protection, flags, descriptor, offset})) {
+            errno = result->error == 0 ? errno : result->error;
+            return result->address;
+        }
+    }
+    return real_map(address, length, protection, flags, descriptor, offset);
 }
 
 }  // namespace
@@ -90,6 +154,16 @@ int real_open(const char* path, int flags) {
 
 int real_close(int descriptor) {
     return next_close(descriptor);
+}
+
+void* real_map(void* address, std::size_t length, int protection, int flags, int descriptor,
+               std::int64_t offset) {
+    auto next = next_mmap.peek();
+    if (next == nullptr && !looks_up_mmap.exchange(true)) {
+        next = next_mmap.get();
+        looks_up_mmap = false;
+    }
+    return (next == nullptr ? system_map : next)(address, length, protection, flags, descriptor, offset);
 }
 
 }  // namespace qel::vexa::virtual_gpu
@@ -118,8 +192,11 @@ int stand_in_ioctl(int descriptor, unsigned long request, void* argument) STAND_
 int stand_in_ioctl_time64(int descriptor, unsigned long request, void* argument)
     STAND_IN_FOR("__ioctl_time64");
 #endif
-
-#undef STAND_IN_FOR
+void* stand_in_mmap(void* address, std::size_t length, int protection, int flags, int descriptor, long offset)
+    STAND_IN_FOR("mmap");
+void* stand_in_mmap64(void* address, std::size_t length, int protection, int flags, int descriptor,
+                      std::int64_t offset) STAND_IN_FOR("mmap64");
+int stand_in_poll(pollfd* descriptors, nfds_t count, int timeout) STAND_IN_FOR("poll");
 
 int stand_in_open(const char* path, int flags, mode_t mode) {
     const std::optional<int> node = open_if_node(path, flags);
@@ -168,5 +245,62 @@ int stand_in_ioctl_time64(int descriptor, unsigned long request, void* argument)
     return stand_in_ioctl(descriptor, request, argument);
 }
 #endif
+
+// A call without the 64 has an offset of the processor's width.
+void* stand_in_mmap(void* address, std::size_t length, int protection, int flags, int descriptor,
+                    long offset) {
+    return map(address, length, protection, flags, descriptor, offset);
+}
+
+void* stand_in_mmap64(void* address, std::size_t length, int protection, int flags, int descriptor,
+                      std::int64_t offset) {
+    return map(address, length, protection, flags, descriptor, offset);
+}
+
+int stand_in_poll(pollfd* descriptors, nfds_t count, int timeout) {
+    const std::optional<int> failure = machine::fail_poll(descriptors, count, timeout);
+    return failure ? to_result(*failure) : next_poll(descriptors, count, timeout);
+}
+
+// The calls that ask about files, by the width of what they tell: plain, with 64-bit sizes, and on 32-bit
+// processors with 64-bit times too. The answers differ, what is asked doesn't.
+#define STAND_INS_FOR_STATS(suffix, stat_name, lstat_name, fstat_name, fstatat_name)                        \
+    static constinit next_call<int(const char*, void*)> next_stat##suffix(stat_name);                       \
+    static constinit next_call<int(const char*, void*)> next_lstat##suffix(lstat_name);                     \
+    static constinit next_call<int(int, void*)> next_fstat##suffix(fstat_name);                             \
+    static constinit next_call<int(int, const char*, void*, int)> next_fstatat##suffix(fstatat_name);       \
+    int stand_in_stat##suffix(const char* path, void* result) STAND_IN_FOR(stat_name);                      \
+    int stand_in_lstat##suffix(const char* path, void* result) STAND_IN_FOR(lstat_name);                    \
+    int stand_in_fstat##suffix(int descriptor, void* result) STAND_IN_FOR(fstat_name);                      \
+    int stand_in_fstatat##suffix(int folder, const char* path, void* result, int flags)                     \
+        STAND_IN_FOR(fstatat_name);                                                                         \
+    int stand_in_stat##suffix(const char* path, void* result) {                                             \
+        return stat_path(path, [=](const char* actual) { return next_stat##suffix(actual, result); });      \
+    }                                                                                                       \
+    int stand_in_lstat##suffix(const char* path, void* result) {                                            \
+        return stat_path(path, [=](const char* actual) { return next_lstat##suffix(actual, result); });     \
+    }                                                                                                       \
+    int stand_in_fstat##suffix(int descriptor, void* result) {                                              \
+        return stat_descriptor(next_fstat##suffix, descriptor, result);                                     \
+    }                                                                                                       \
+    int stand_in_fstatat##suffix(int folder, const char* path, void* result, int flags) {                   \
+        return stat_path(                                                                                   \
+            path, [=](const char* actual) { return next_fstatat##suffix(folder, actual, result, flags); }); \
+    }
+
+STAND_INS_FOR_STATS(_plain, "stat", "lstat", "fstat", "fstatat")
+STAND_INS_FOR_STATS(64, "stat64", "lstat64", "fstat64", "fstatat64")
+#ifndef __LP64__
+STAND_INS_FOR_STATS(64_time64, "__stat64_time64", "__lstat64_time64", "__fstat64_time64",
+                    "__fstatat64_time64")
+#endif
+
+constinit next_call<int(int, const char*, int, unsigned, void*)> next_statx("statx");
+int stand_in_statx(int folder, const char* path, int flags, unsigned mask, void* result)
+    STAND_IN_FOR("statx");
+int stand_in_statx(int folder, const char* path, int flags, unsigned mask, void* result) {
+    return stat_path(path,
+                     [=](const char* actual) { return next_statx(folder, actual, flags, mask, result); });
+}
 
 }  // extern "C"

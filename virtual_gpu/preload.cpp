@@ -12,24 +12,20 @@
 #include <memory>
 #include <string>
 
+#include "virtual_gpu/calls.h"
 #include "virtual_gpu/configuration.h"
+#include "virtual_gpu/counter_reader.h"
 #include "virtual_gpu/known_gpus.h"
 #include "virtual_gpu/machine.h"
 #include "virtual_gpu/seam_reader.h"
-#include "virtual_gpu/workload.h"
 
 namespace qel::vexa::virtual_gpu {
 
 namespace {
 
 std::unique_ptr<counterfeed::hwc_reader> make_reader(const configuration& setup) {
-    std::unique_ptr<sample_source> source;
-    if (setup.source == source_kind::formula) {
-        source = std::make_unique<formula_source>();
-    } else {
-        source = std::make_unique<workload_source>(setup.gpu);
-    }
-    return std::make_unique<seam_reader>(std::move(source), sample_layout(setup.gpu),
+    const gpu_description& gpu = setup.machine.nodes.front().gpu;
+    return std::make_unique<seam_reader>(make_source(gpu), sample_layout(gpu),
                                          seam_reader_options{.period_ns = setup.period_ns});
 }
 
@@ -54,7 +50,7 @@ void offer_seam(const std::string& path, const configuration& setup) {
     // Lives as long as the process: the program may call it until the very end.
     static const auto* factory =
         new counterfeed::reader_factory([setup = configuration(setup)] { return make_reader(setup); });
-    const gpu_description& gpu = setup.gpu;
+    const gpu_description& gpu = setup.machine.nodes.front().gpu;
     char text[256];
     std::snprintf(text, sizeof text,
                   "factory=%" PRIuPTR "\nid=0x%" PRIx32 "\ncores=0x%" PRIx64 "\nl2=%u\nbus=%" PRIu32 "\n",
@@ -72,9 +68,10 @@ void offer_seam(const std::string& path, const configuration& setup) {
 }
 
 [[gnu::constructor]] void on_load() {
+    machine::begin();  // nodes that are late count from here
     const configuration setup = read_environment();
     const char* path = std::getenv("VIRTUAL_GPU_SEAM");
-    if (setup.present && path != nullptr) {
+    if (!setup.machine.nodes.empty() && path != nullptr) {
         offer_seam(path, setup);
     }
 }
@@ -82,9 +79,8 @@ void offer_seam(const std::string& path, const configuration& setup) {
 }  // namespace
 
 // Can be needed before on_load has run, by another library's initialiser.
-std::optional<gpu_description> initial_node() {
-    const configuration setup = read_environment();
-    return setup.present ? std::optional(setup.gpu) : std::nullopt;
+machine_setup initial_machine() {
+    return read_environment().machine;
 }
 
 }  // namespace qel::vexa::virtual_gpu

@@ -5,23 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <ctime>
 #include <utility>
 
+#include "virtual_gpu/clock.h"
+
 namespace qel::vexa::virtual_gpu {
-
-namespace {
-
-constexpr std::uint64_t nanoseconds_per_second = 1'000'000'000;
-
-std::uint64_t now() {
-    timespec time{};
-    ::clock_gettime(CLOCK_MONOTONIC_RAW, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * nanoseconds_per_second +
-           static_cast<std::uint64_t>(time.tv_nsec);
-}
-
-}  // namespace
 
 seam_reader::seam_reader(std::unique_ptr<sample_source> source, const sample_layout& layout,
                          const seam_reader_options& options)
@@ -49,7 +37,7 @@ bool seam_reader::begin_sampling_periodic() {
     if (!is_initialized() || options_.begin_fails || begin_) {
         return false;
     }
-    begin_ = now();
+    begin_ = raw_clock();
     return true;
 }
 
@@ -58,7 +46,7 @@ bool seam_reader::begin_sampling_periodic() {
 bool seam_reader::wait_until(std::uint64_t due) const {
     pollfd interrupted{.fd = interrupt_fd_, .events = POLLIN, .revents = 0};
     for (;;) {
-        const std::uint64_t time = options_.free_running ? due : now();
+        const std::uint64_t time = options_.free_running ? due : raw_clock();
         const std::uint64_t left = time < due ? due - time : 0;
         const timespec timeout{.tv_sec = static_cast<time_t>(left / nanoseconds_per_second),
                                .tv_nsec = static_cast<long>(left % nanoseconds_per_second)};
