@@ -221,7 +221,10 @@ std::optional<std::uint64_t> counter_reader::next_due() const {
     if (interval_ == 0) {
         return std::nullopt;
     }
-    return next_due_ + (is_full() ? lateness_ : 0);
+    if (!is_full()) {
+        return next_due_;
+    }
+    return gpu_->loses_samples ? next_due_ + lateness_ : std::numeric_limits<std::uint64_t>::max();
 }
 
 // A sample whose time comes while all buffers are taken is lost: its counts go into the next one. When the
@@ -234,7 +237,7 @@ void counter_reader::take_due_samples(std::uint64_t now) {
         take_sample(due, event_interval);
         lateness_ = std::min(now - due, patience);
     }
-    if (interval_ != 0 && next_due_ + lateness_ <= now && is_full()) {
+    if (interval_ != 0 && next_due_ + lateness_ <= now && is_full() && gpu_->loses_samples) {
         const std::uint64_t lost = (now - lateness_ - next_due_) / interval_ + 1;
         overruns_ += lost;
         next_due_ += lost * interval_;

@@ -29,7 +29,8 @@ enum class source_kind : std::uint8_t {
     workload,  // an imagined scene: workload.h
 };
 
-// Makes the source of one counter reader. Called when the reader is set up.
+// Makes the source of one counter reader. Called when the reader is set up. Neither this nor the source may
+// open, close or map files, or call the machine.
 using source_factory = std::function<std::unique_ptr<sample_source>(const gpu_description&)>;
 
 // Bits of the counter readers' features: which cycle counts a sample comes with.
@@ -62,6 +63,8 @@ struct gpu_description {
     source_factory own_source = {};  // in place of the two
     // False: the cycle counts that the features promise are 0 in every sample.
     bool has_cycles = true;
+    // False: periodic samples wait for a free buffer, for tests that want every one also on a busy machine.
+    bool loses_samples = true;
 
     // All cores of all groups.
     std::uint64_t core_mask() const;

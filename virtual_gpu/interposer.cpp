@@ -3,12 +3,8 @@
 
 #include "virtual_gpu/interposer.h"
 
-#include <dlfcn.h>
 #include <poll.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
 #include <sys/types.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -19,43 +15,12 @@
 
 #include "virtual_gpu/calls.h"
 #include "virtual_gpu/machine.h"
+#include "virtual_gpu/next_call.h"
+#include "virtual_gpu/stand_in.h"
 
 namespace {
 
 using namespace qel::vexa::virtual_gpu;
-
-// A call of the C library, looked up on first use: a stand-in can run before any initialiser of this file.
-template <typename Function>
-class next_call {
-public:
-    explicit constexpr next_call(const char* name) : name_(name) {}
-
-    // Null when there is none.
-    Function* get() {
-        if (Function* function = address_.load(std::memory_order_relaxed)) {
-            return function;
-        }
-        auto* function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name_));
-        address_.store(function, std::memory_order_relaxed);
-        return function;
-    }
-    // Null also when it has not been looked up.
-    Function* peek() const { return address_.load(std::memory_order_relaxed); }
-
-    template <typename... Arguments>
-    int operator()(Arguments... arguments) {
-        Function* function = get();
-        if (function == nullptr) {
-            errno = ENOSYS;
-            return -1;
-        }
-        return function(arguments...);
-    }
-
-private:
-    const char* name_;
-    std::atomic<Function*> address_{nullptr};
-};
 
 constinit next_call<int(const char*, int, ...)> next_open("open");
 constinit next_call<int(const char*, int, ...)> next_open64("open64");
@@ -66,8 +31,6 @@ constinit next_call<int(const char*, int)> next_open64_2("__open64_2");
 constinit next_call<int(int)> next_close("close");
 constinit next_call<int(int, unsigned long, ...)> next_ioctl("ioctl");
 constinit next_call<int(pollfd*, nfds_t, int)> next_poll("poll");
-// With the offset in 64 bits on every processor.
-constinit next_call<void*(void*, std::size_t, int, int, int, std::int64_t)> next_mmap("mmap64");
 
 int to_result(int answer) {
     if (answer >= 0) {
@@ -115,35 +78,6 @@ int stat_descriptor(Next& next, int descriptor, void* result) {
     return failure ? to_result(*failure) : next(descriptor, result);
 }
 
-// Programs map memory before the next definition can be looked up, and while it is.
-void* system_map(void* address, std::size_t length, int protection, int flags, int descriptor,
-                 std::int64_t offset) {
-#ifdef __LP64__
-    const long result = ::syscall(SYS_mmap, address, length, protection, flags, descriptor, offset);
-#else
-    constexpr std::int64_t unit = 4096;
-    if (offset % unit != 0) {
-        errno = EINVAL;
-        return MAP_FAILED;
-    }
-    const long result = ::syscall(SYS_mmap2, address, length, protection, flags, descriptor,
-                                  static_cast<unsigned long>(offset / unit));
-#endif
-    return reinterpret_cast<void*>(result);  // NOLINT(performance-no-int-to-ptr): the kernel's answer
-}
-
-constinit std::atomic<bool> looks_up_mmap{false};
-
-void* map(void* address, std::size_t length, int protection, int flags, int descriptor, std::int64_t offset) {
-    if (descriptor >= 0 && (flags & MAP_ANONYMOUS) == 0) {
-        if (const auto result = machine::map({address, length, protection, flags, descriptor, offset})) {
-            errno = result->error == 0 ? errno : result->error;
-            return result->address;
-        }
-    }
-    return real_map(address, length, protection, flags, descriptor, offset);
-}
-
 }  // namespace
 
 namespace qel::vexa::virtual_gpu {
@@ -156,27 +90,12 @@ int real_close(int descriptor) {
     return next_close(descriptor);
 }
 
-void* real_map(void* address, std::size_t length, int protection, int flags, int descriptor,
-               std::int64_t offset) {
-    auto next = next_mmap.peek();
-    if (next == nullptr && !looks_up_mmap.exchange(true)) {
-        next = next_mmap.get();
-        looks_up_mmap = false;
-    }
-    return (next == nullptr ? system_map : next)(address, length, protection, flags, descriptor, offset);
-}
-
 }  // namespace qel::vexa::virtual_gpu
 
-// The headers declare these calls as well, and in some builds redirect one to another's symbol or define them
-// inline. So the stand-ins have names of their own here, and only their symbols are the C library's.
-//
 // Where the C library takes variable arguments, a stand-in has a plain last one: callers pass both alike on
 // the processors that this is for. When a caller leaves it out, what is passed on is as arbitrary, and as
 // unused, as before.
 extern "C" {
-
-#define STAND_IN_FOR(symbol) __asm__(symbol) __attribute__((visibility("default"), used))
 
 int stand_in_open(const char* path, int flags, mode_t mode) STAND_IN_FOR("open");
 int stand_in_open64(const char* path, int flags, mode_t mode) STAND_IN_FOR("open64");
@@ -192,10 +111,6 @@ int stand_in_ioctl(int descriptor, unsigned long request, void* argument) STAND_
 int stand_in_ioctl_time64(int descriptor, unsigned long request, void* argument)
     STAND_IN_FOR("__ioctl_time64");
 #endif
-void* stand_in_mmap(void* address, std::size_t length, int protection, int flags, int descriptor, long offset)
-    STAND_IN_FOR("mmap");
-void* stand_in_mmap64(void* address, std::size_t length, int protection, int flags, int descriptor,
-                      std::int64_t offset) STAND_IN_FOR("mmap64");
 int stand_in_poll(pollfd* descriptors, nfds_t count, int timeout) STAND_IN_FOR("poll");
 
 int stand_in_open(const char* path, int flags, mode_t mode) {
@@ -245,17 +160,6 @@ int stand_in_ioctl_time64(int descriptor, unsigned long request, void* argument)
     return stand_in_ioctl(descriptor, request, argument);
 }
 #endif
-
-// A call without the 64 has an offset of the processor's width.
-void* stand_in_mmap(void* address, std::size_t length, int protection, int flags, int descriptor,
-                    long offset) {
-    return map(address, length, protection, flags, descriptor, offset);
-}
-
-void* stand_in_mmap64(void* address, std::size_t length, int protection, int flags, int descriptor,
-                      std::int64_t offset) {
-    return map(address, length, protection, flags, descriptor, offset);
-}
 
 int stand_in_poll(pollfd* descriptors, nfds_t count, int timeout) {
     const std::optional<int> failure = machine::fail_poll(descriptors, count, timeout);

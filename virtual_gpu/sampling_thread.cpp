@@ -13,7 +13,9 @@ namespace qel::vexa::virtual_gpu {
 namespace {
 
 // Keeps the lock free for others when samples fall due faster than they can be taken.
-constexpr std::chrono::microseconds least_pause(50);
+constexpr std::uint64_t least_pause_ns = 50'000;
+// Keeps deadlines within what the clocks can hold.
+constexpr std::uint64_t longest_pause_ns = 1'000'000'000;
 
 }  // namespace
 
@@ -66,8 +68,8 @@ void sampling_thread::run() {
         // There is no timer that runs on the samples' clock. So each wait is as long as that clock says anew,
         // and nothing adds up.
         const std::uint64_t now = raw_clock();
-        const std::chrono::nanoseconds left(*next > now ? *next - now : 0);
-        woken_.wait_for(held, std::max<std::chrono::nanoseconds>(left, least_pause));
+        const std::uint64_t left = *next > now ? *next - now : 0;
+        woken_.wait_for(held, std::chrono::nanoseconds(std::clamp(left, least_pause_ns, longest_pause_ns)));
     }
 }
 

@@ -190,7 +190,7 @@ TEST(DeviceNode, APathLeadsWhereItIsTold) {
         EXPECT_EQ(fd < 0 ? errno : 0, open_error) << path;
         struct ::stat status {};
         EXPECT_TRUE(fd < 0 || (::fstat(fd, &status) == 0 && (status.st_mode & S_IFMT) == type)) << path;
-        EXPECT_TRUE(fd < 0 || instance == 0 || ask(fd, version_check) == ENOTTY) << path;
+        EXPECT_TRUE(fd < 0 || instance == 0 || ask(fd, version_check) != 0) << path;
         ::close(fd);
     }
     std::remove(file.c_str());
