@@ -1,7 +1,11 @@
 // A program that knows nothing of the virtual GPU, for the preloaded library to be put under: says what the
-// reader delivers that it is offered, and what else stands in the file of the offer.
+// reader delivers that it is offered, what else stands in the file of the offer, and what comes of opening
+// the second GPU's node two times.
+
+#include <fcntl.h>
 
 #include <bit>
+#include <cerrno>
 #include <cstdint>
 #include <fstream>
 #include <iostream>
@@ -24,4 +28,7 @@ int main(int, char** arguments) {  // NOLINT(bugprone-exception-escape): an exce
         }
     });
     std::cout << seam.rdbuf();
+    for (int i = 0; i < 2; ++i) {
+        std::cout << "error " << (::open("/dev/vexa1", O_RDWR) < 0 ? errno : 0) << '\n';
+    }
 }
