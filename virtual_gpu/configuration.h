@@ -22,9 +22,8 @@
 //   source=workload      where sample words come from: "workload" or "formula"
 //   period=10000000      time between samples in nanoseconds, 1 to 4294967295; of the seam's reader only
 //   failures=            requests that fail, with colons between them: "get_buffer@5=EIO", the fifth one of
-//   all
-//                        GPUs, or "stat=ENOENT", every one. The kinds are those of request_kind; in place of
-//                        an error's name its number will do.
+//                        all GPUs, or "stat=ENOENT", every one. The kinds are those of request_kind; in place
+//                        of an error's name its number will do.
 #pragma once
 
 #include <cstdint>
