@@ -3,6 +3,7 @@
 #include <sys/prctl.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <functional>
@@ -11,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "counterfeed/src/periodic_hwc_reader.h"
 #include "hwc/measure_unit.h"
 #include "hwc/product.h"
 #include "hwc/profiler.h"
@@ -143,7 +145,10 @@ void vexa_gpu_data_source::OnSetup(const SetupArgs& arguments) {
 
     std::error_code ec;
     std::unique_ptr<hwc_reader> new_reader = ask_reader_factory(config);
-    if (new_reader && !ec && new_reader->is_initialized()) {
+    if (!new_reader) {
+        new_reader = std::make_unique<periodic_hwc_reader>(std::chrono::nanoseconds(sampling_period), ec);
+    }
+    if (!ec && new_reader->is_initialized()) {
         reader = std::move(new_reader);
         return;
     }
