@@ -1,0 +1,111 @@
+// The driver's property bytes as they arrive in the record.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "base/vexa_base_context.h"
+#include "virtual_gpu/machine.h"
+
+namespace {
+
+using namespace qel::vexa::virtual_gpu;  // NOLINT(google-build-using-namespace)
+
+using bytes = std::vector<std::byte>;
+
+// A record of the blob. The value may be cut.
+bytes property(std::uint32_t key, unsigned size_code, std::uint64_t value, std::size_t cut = 0) {
+    bytes result;
+    for (std::size_t i = 0; i < 4; ++i) {
+        result.push_back(static_cast<std::byte>((key << 2 | size_code) >> 8 * i));
+    }
+    for (std::size_t i = 0; i < (1U << size_code); ++i) {
+        result.push_back(static_cast<std::byte>(value >> 8 * i));
+    }
+    result.resize(result.size() - cut);
+    return result;
+}
+
+bytes operator+(bytes left, const bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// The record that a blob becomes.
+base_gpu_props read(const bytes& blob) {
+    machine::reset();
+    machine::add_node(0, {.raw_properties = blob});
+    uku_context ctx{};
+    base_version_record version{.major = 11, .minor = 33};
+    EXPECT_EQ(uku_open(0, 0, &version, &ctx), UKU_OPEN_SUCCESS);
+    base_flags_record flags{.create_flags = 2};
+    EXPECT_EQ(basep_ioctl_set_flags(&ctx, &flags), BASE_SUCCESS);
+    base_gpu_props props;
+    std::memset(&props, 0xa5, sizeof props);
+    EXPECT_EQ(basep_ioctl_get_properties(&ctx, &props), BASE_SUCCESS);
+    uku_close(&ctx);
+    return props;
+}
+
+bool is_zero(const base_gpu_props& props) {
+    return std::memcmp(&props, std::vector<char>(sizeof props).data(), sizeof props) == 0;
+}
+
+TEST(property_record, holds_a_whole_gpu) {
+    const base_gpu_props props =
+        read(property_blob({.product_id = 0x9004,
+                            .version_status = 0xfff1,
+                            .major_revision = 2,
+                            .minor_revision = 3,
+                            .core_group_masks = {0b1011, 0x8000'0000'0000'0000, 0, 0xffff'ffff'ffff'ffff},
+                            .core_group_count = 2,
+                            .l2_slices = 255,
+                            .bus_width_bytes = 32,
+                            .clock_hz = 1'000'000'000}));
+    EXPECT_EQ(props.product_id, 0x9004U);
+    EXPECT_EQ(props.version_status, 0xfff1);
+    EXPECT_EQ(props.major_revision, 2);
+    EXPECT_EQ(props.minor_revision, 3);
+    EXPECT_EQ(props.gpu_freq_khz_max, 1'000'000U);
+    EXPECT_EQ(props.num_l2_slices, 255);
+    EXPECT_EQ(props.raw_l2_features >> 24, 8U);
+    EXPECT_EQ(props.num_core_groups, 2U);
+    EXPECT_EQ(props.core_group_mask_1, 0x8000'0000'0000'0000);
+    // Groups that don't count are counted.
+    EXPECT_EQ(props.core_group_num_cores_0, 3);
+    EXPECT_EQ(props.core_group_num_cores_1, 1);
+    EXPECT_EQ(props.core_group_num_cores_3, 64);
+    EXPECT_EQ(props.core_group_num_cores_15, 0);
+}
+
+TEST(property_record, values_take_the_size_of_their_field) {
+    const bytes wide = property(15, 3, 0x1122'3344'5566'7788) + property(2, 2, 0xffff'1234) +
+                       property(1, 3, 0x9999'9999'8765'4321) + property(25, 0, 0xfe) +
+                       property(82, 1, 0x0203);
+    const base_gpu_props props = read(wide);
+    EXPECT_EQ(props.num_l2_slices, 0x88);
+    EXPECT_EQ(props.version_status, 0x1234);
+    EXPECT_EQ(props.product_id, 0x8765'4321U);
+    EXPECT_EQ(props.raw_shader_present, 0xfeU);
+    EXPECT_EQ(props.num_exec_engines, 3);
+    EXPECT_EQ(read(wide + property(1, 0, 5)).product_id, 5U) << "the later one counts";
+}
+
+// Under the address sanitizer this also shows that nothing beyond the bytes is read.
+TEST(property_record, odd_bytes) {
+    EXPECT_TRUE(is_zero(read({})));
+    bytes unknown;
+    for (const std::uint32_t key : {0U, 5U, 7U, 86U, 0x3fff'ffffU}) {
+        for (unsigned size_code = 0; size_code < 4; ++size_code) {
+            unknown = unknown + property(key, size_code, ~std::uint64_t{0});
+        }
+    }
+    EXPECT_TRUE(is_zero(read(unknown)));
+    EXPECT_EQ(read(unknown + property(1, 2, 7) + unknown).product_id, 7U);
+    for (unsigned size_code = 0; size_code < 4; ++size_code) {
+        for (std::size_t cut = 1; cut < 4 + (1U << size_code); ++cut) {
+            EXPECT_EQ(read(property(3, 2, 8) + property(3, size_code, 9, cut)).minor_revision, 8);
+        }
+    }
+}
+
+}  // namespace

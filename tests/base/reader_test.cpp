@@ -1,0 +1,347 @@
+// The reader of hardware counters: its stages, its buffers, and what wakes it.
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "base/vexa_base_hwcnt_reader.h"
+#include "tests/support/resources.h"
+#include "virtual_gpu/counter_reader.h"
+#include "virtual_gpu/machine.h"
+
+namespace {
+
+using namespace qel::vexa::virtual_gpu;  // NOLINT(google-build-using-namespace)
+using test_support::held_resources;
+
+int failing_malloc = 0;  // counted down; the call that reaches 0 fails
+bool eventfd_fails = false;
+
+constexpr std::uint32_t period = 1'000'000;
+constexpr std::uint32_t all = 0xffff'ffff;
+
+// A context on a virtual GPU, and readers on it.
+class counter_reader_of : public testing::Test {
+protected:
+    ~counter_reader_of() override {
+        close();
+        machine::reset();
+        EXPECT_EQ(machine::open_now(), open_counts{});
+        EXPECT_TRUE(held_resources::now().nothing_beyond(before_))
+            << testing::PrintToString(held_resources::now());
+    }
+
+    void open(const gpu_description& gpu) {
+        close();
+        machine::reset();
+        machine::add_node(0, gpu);
+        ASSERT_EQ(base_context_init_for_instance(&ctx, 2, 0), 1U);
+        is_open_ = true;
+        machine::clear_requests();
+    }
+
+    base_result init(std::uint32_t reader_period = period, std::uint32_t buffers = 32) {
+        return base_hwcnt_reader_init(&reader, &ctx, buffers, all, all, all, all, reader_period);
+    }
+
+    // One sample, on demand.
+    void dump() { ASSERT_EQ(reader->backend.sample_manual(reader->state), BASE_SUCCESS); }
+    base_hwcnt_get_result get(std::int32_t timeout = 0) {
+        return base_hwcnt_reader_get_buffer(reader, &sample, timeout);
+    }
+
+    void close() {
+        if (reader != nullptr) {
+            base_hwcnt_reader_term(reader);
+            reader = nullptr;
+        }
+        if (is_open_) {
+            base_context_term(&ctx);
+            is_open_ = false;
+        }
+        ctx = {};
+    }
+
+    base_context ctx{};
+    base_hwcnt_reader* reader = nullptr;
+    base_hwcnt_sample sample{};
+
+private:
+    held_resources before_ = held_resources::now();
+    bool is_open_ = false;
+};
+
+TEST_F(counter_reader_of, every_stage_undoes_those_before_it) {
+    gpu_description legacy;
+    legacy.is_legacy = true;
+    gpu_description other_version;
+    other_version.reader_api_version = 2;
+    gpu_description legacy_other_version = other_version;
+    legacy_other_version.is_legacy = true;
+    const auto refused = [](request_kind kind) { return [kind] { machine::fail(kind, EIO); }; };
+    struct {
+        const char* what;
+        gpu_description gpu;
+        std::function<void()> arrange;
+        base_result result;
+    } const cases[] = {
+        {"the front", {}, [] { failing_malloc = 1; }, BASE_FAILURE},
+        {"the state", {}, [] { failing_malloc = 2; }, BASE_OUT_OF_MEMORY},
+        {"setup", {}, refused(request_kind::reader_setup), BASE_FAILURE},
+        {"legacy version", legacy, refused(request_kind::get_api_version), BASE_FAILURE},
+        {"another version", other_version, [] {}, BASE_FAILURE},
+        {"another legacy version", legacy_other_version, [] {}, BASE_FAILURE},
+        {"sample size", {}, refused(request_kind::get_sample_size), BASE_FAILURE},
+        {"hardware version", {}, refused(request_kind::get_hardware_version), BASE_FAILURE},
+        {"ring", {}, refused(request_kind::map_ring), BASE_FAILURE},
+        {"eventfd", {}, [] { eventfd_fails = true; }, BASE_FAILURE},
+    };
+    for (const auto& [what, gpu, arrange, result] : cases) {
+        SCOPED_TRACE(what);
+        open(gpu);
+        const held_resources before = held_resources::now();
+        arrange();
+        EXPECT_EQ(init(), result);
+        EXPECT_EQ(reader, nullptr);
+        EXPECT_EQ(machine::open_now(),
+                  (open_counts{.nodes = 1, .readers = 0, .tracking_pages = 1, .rings = 0}));
+        EXPECT_EQ(held_resources::now().descriptors, before.descriptors);
+        failing_malloc = 0;
+        eventfd_fails = false;
+        if (gpu.reader_api_version == 1) {
+            ASSERT_EQ(init(), BASE_SUCCESS);
+        }
+    }
+}
+
+TEST_F(counter_reader_of, requests_of_a_life) {
+    struct {
+        bool is_legacy;
+        std::uint32_t features;
+        std::vector<std::uint32_t> numbers;
+        bool has_top, has_shader;
+    } const cases[] = {
+        {false, 0, {0x4008beff, 0x8010be20, 0x4010be21}, false, false},
+        {false, 1, {0x4008beff, 0x8020be20, 0x4020be21}, true, false},
+        {false, 2, {0x4008beff, 0x8020be20, 0x4020be21}, true, true},
+        {false, 3, {0x4008beff, 0x8020be20, 0x4020be21}, true, true},
+        {false, 0xffff'fffc, {0x4008beff, 0x8010be20, 0x4010be21}, false, false},
+        {true, 3, {0x4008beff, 0x4004beff, 0x8010be20, 0x4010be21}, false, false},
+    };
+    for (const auto& [is_legacy, features, numbers, has_top, has_shader] : cases) {
+        SCOPED_TRACE(features);
+        gpu_description gpu;
+        gpu.is_legacy = is_legacy;
+        gpu.reader_features = features;
+        gpu.counter_hardware_version = 0x12345;
+        open(gpu);
+        ASSERT_EQ(init(0), BASE_SUCCESS);
+        EXPECT_EQ(base_hwcnt_reader_get_hwver(reader), 0x12345U);
+        EXPECT_EQ(reader->backend.get_features(reader->state), is_legacy ? 0 : features);
+        EXPECT_EQ(reader->backend.get_sample_size(reader->state), 16U * 256);
+        EXPECT_EQ(reader->backend.data_is_u64(reader->state), 0U);
+        EXPECT_EQ(base_hwcnt_reader_clear(reader), BASE_SUCCESS);
+        dump();
+        ASSERT_EQ(get(-1), BASE_HWCNT_SAMPLE_READY);
+        const std::uint64_t top = formula_cycles(0);
+        // With the second bit alone the first count is as the kernel left it.
+        EXPECT_EQ(sample.cycles_top, !has_top ? 0 : (features & 1) != 0 ? top : unfilled_cycles);
+        EXPECT_EQ(sample.cycles_shader, has_shader ? shader_cycles(top) : 0);
+        EXPECT_EQ(sample.event_id, event_dump);
+        EXPECT_EQ(sample.sample_size, 16U * 256);
+        EXPECT_EQ(base_hwcnt_reader_put_buffer(reader), BASE_SUCCESS);
+
+        std::vector<std::uint32_t> seen;
+        std::vector<std::byte> got, given;
+        for (const request_record& request : machine::requests()) {
+            const std::uint32_t index = request.number & 0xff;
+            if ((request.number >> 8 & 0xff) == 0xbe && index >= 0x20 && index != 0x30) {
+                seen.push_back(request.number);
+            }
+            if (request.kind == request_kind::reader_setup) {
+                std::vector<std::byte> record(20, std::byte{0xff});
+                record[0] = std::byte{32};
+                record[1] = record[2] = record[3] = std::byte{0};
+                EXPECT_EQ(request.argument, record);
+            }
+            if (request.kind == request_kind::put_buffer) {
+                given = request.argument;
+            }
+        }
+        EXPECT_EQ(seen, numbers);
+        ASSERT_GE(given.size(), 16U);
+        EXPECT_EQ(std::memcmp(given.data(), &sample.timestamp, 8), 0);
+    }
+}
+
+TEST_F(counter_reader_of, blocks_lie_back_to_back) {
+    struct {
+        std::uint64_t cores;
+        std::uint8_t slices;
+        std::uint32_t blocks;
+    } const cases[] = {{0b1011, 1, 7},       {0xff, 2, 12},       {1, 0, 3},
+                       {0x8000'0000, 8, 42}, {1ULL << 63, 4, 70}, {1ULL << 63, 255, 321}};
+    for (const auto& [cores, slices, blocks] : cases) {
+        SCOPED_TRACE(blocks);
+        // Only the first group counts, though there is a core in the second.
+        open({.core_group_masks = {cores, 1}, .l2_slices = slices});
+        ASSERT_EQ(init(0), BASE_SUCCESS);
+        const std::byte* ring = nullptr;
+        for (unsigned i = 0; i < 40; ++i) {  // once round the ring and on
+            dump();
+            ASSERT_EQ(get(), BASE_HWCNT_SAMPLE_READY);
+            ASSERT_EQ(sample.num_blocks, blocks);
+            EXPECT_EQ(sample.values_per_block, 64U);
+            EXPECT_EQ(sample.data_is_u64, 0);
+            const auto* first = static_cast<const std::byte*>(sample.blocks[0]);
+            ring = i == 0 ? first : ring;
+            EXPECT_EQ(first, ring + i % 32 * sample.sample_size);
+            for (std::uint32_t block = 0; block < BASE_HWCNT_SAMPLE_BLOCKS; ++block) {
+                ASSERT_EQ(sample.blocks[block], block < blocks ? first + block * 256 : nullptr);
+            }
+            for (std::uint32_t block = 0; block < blocks; ++block) {
+                const auto* words = reinterpret_cast<const std::uint32_t*>(first + block * 256);
+                ASSERT_EQ(words[63], formula_word(i, block, 63));
+            }
+            ASSERT_EQ(base_hwcnt_reader_put_buffer(reader), BASE_SUCCESS);
+        }
+    }
+    // A mask without any core: no such context comes to be, but the properties may say so.
+    open({});
+    ctx.props.core_group_mask_0 = 0;
+    ASSERT_EQ(init(0), BASE_SUCCESS);
+    dump();
+    ASSERT_EQ(get(), BASE_HWCNT_SAMPLE_READY);
+    EXPECT_EQ(sample.num_blocks, 6U);
+    EXPECT_EQ(base_hwcnt_reader_put_buffer(reader), BASE_SUCCESS);
+}
+
+// Buffers that the driver can't mean are refused before anything is read there.
+TEST_F(counter_reader_of, answers_that_lead_outside_the_ring) {
+    open({});
+    ctx.props.num_l2_slices = 5;  // one block more than the driver's buffers have
+    EXPECT_EQ(init(), BASE_FAILURE);
+    ctx.props.num_l2_slices = 4;
+    EXPECT_EQ(init(0, 0), BASE_FAILURE);
+}
+
+TEST_F(counter_reader_of, what_holds_a_buffer) {
+    open({});
+    ASSERT_EQ(init(0), BASE_SUCCESS);
+    EXPECT_EQ(get(), BASE_HWCNT_TIMEOUT);
+    EXPECT_EQ(base_hwcnt_reader_put_buffer(reader), BASE_FAILURE) << "nothing was claimed";
+    dump();
+    dump();
+    sample.event_id = 77;
+    machine::fail(request_kind::get_buffer, EIO);
+    EXPECT_EQ(get(), BASE_HWCNT_FAILURE);
+    EXPECT_EQ(sample.event_id, 77U);
+    ASSERT_EQ(get(), BASE_HWCNT_SAMPLE_READY);
+    const base_hwcnt_sample first = sample;
+    EXPECT_EQ(get(), BASE_HWCNT_FAILURE) << "one is held";
+    base_hwcnt_reader_interrupt(reader);
+    EXPECT_EQ(get(), BASE_HWCNT_FAILURE) << "held still";
+    EXPECT_EQ(std::memcmp(&first, &sample, sizeof sample), 0);
+    machine::fail(request_kind::put_buffer, EIO);
+    EXPECT_EQ(base_hwcnt_reader_put_buffer(reader), BASE_FAILURE);
+    EXPECT_EQ(get(), BASE_HWCNT_FAILURE) << "not given back";
+    EXPECT_EQ(base_hwcnt_reader_put_buffer(reader), BASE_SUCCESS);
+    EXPECT_EQ(get(), BASE_HWCNT_INTERRUPTED);
+    EXPECT_EQ(get(), BASE_HWCNT_SAMPLE_READY);
+    EXPECT_EQ(base_hwcnt_reader_put_buffer(reader), BASE_SUCCESS);
+    machine::fail(request_kind::poll, ENOMEM);
+    EXPECT_EQ(get(), BASE_HWCNT_FAILURE);
+    machine::fail(request_kind::poll, EINTR);
+    EXPECT_EQ(get(), BASE_HWCNT_TIMEOUT) << "a signal is no failure";
+    machine::signal_without_sample();
+    EXPECT_EQ(get(), BASE_HWCNT_FAILURE);
+    EXPECT_EQ(get(), BASE_HWCNT_TIMEOUT);
+    dump();
+    machine::hang_up_readers();
+    EXPECT_EQ(get(), BASE_HWCNT_SAMPLE_READY) << "an error of the descriptor's is an event";
+    EXPECT_EQ(base_hwcnt_reader_put_buffer(reader), BASE_SUCCESS);
+    EXPECT_EQ(get(-1), BASE_HWCNT_FAILURE);
+}
+
+TEST_F(counter_reader_of, interrupts_before_during_and_after_a_wait) {
+    open({});
+    ASSERT_EQ(init(0), BASE_SUCCESS);
+    base_hwcnt_reader_interrupt(reader);
+    base_hwcnt_reader_interrupt(reader);
+    dump();
+    EXPECT_EQ(get(-1), BASE_HWCNT_INTERRUPTED);
+    EXPECT_EQ(get(-1), BASE_HWCNT_SAMPLE_READY) << "two interrupts, one return";
+    EXPECT_EQ(base_hwcnt_reader_put_buffer(reader), BASE_SUCCESS);
+    for (int i = 0; i < 20; ++i) {
+        std::thread other([this, i] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(i % 4));
+            base_hwcnt_reader_interrupt(reader);
+        });
+        EXPECT_EQ(get(-1), BASE_HWCNT_INTERRUPTED);
+        other.join();
+    }
+    EXPECT_EQ(get(), BASE_HWCNT_TIMEOUT);
+}
+
+TEST_F(counter_reader_of, periodic_and_manual_sampling) {
+    open({});
+    ASSERT_EQ(init(0), BASE_SUCCESS);
+    machine::clear_requests();
+    EXPECT_EQ(base_hwcnt_reader_sample_periodic(reader, BASE_HWCNT_SAMPLING_START), BASE_FAILURE);
+    EXPECT_EQ(base_hwcnt_reader_sample_periodic(reader, BASE_HWCNT_SAMPLING_STOP), BASE_FAILURE);
+    EXPECT_TRUE(machine::requests().empty());
+
+    open({});
+    ASSERT_EQ(init(), BASE_SUCCESS);
+    machine::clear_requests();
+    EXPECT_EQ(reader->backend.sample_manual(reader->state), BASE_FAILURE);
+    EXPECT_EQ(base_hwcnt_reader_sample_periodic(reader, 2), BASE_FAILURE);
+    EXPECT_TRUE(machine::requests().empty());
+    for (const auto& [stop, kind] : {std::pair{BASE_HWCNT_SAMPLING_START, request_kind::clear},
+                                     {BASE_HWCNT_SAMPLING_START, request_kind::set_interval},
+                                     {BASE_HWCNT_SAMPLING_STOP, request_kind::set_interval},
+                                     {BASE_HWCNT_SAMPLING_STOP, request_kind::dump}}) {
+        machine::fail(kind, EIO);
+        EXPECT_EQ(base_hwcnt_reader_sample_periodic(reader, stop), BASE_FAILURE);
+    }
+    machine::fail(request_kind::clear, EIO);
+    EXPECT_EQ(base_hwcnt_reader_clear(reader), BASE_FAILURE);
+    machine::clear_requests();
+    ASSERT_EQ(base_hwcnt_reader_sample_periodic(reader, BASE_HWCNT_SAMPLING_START), BASE_SUCCESS);
+    ASSERT_EQ(get(-1), BASE_HWCNT_SAMPLE_READY);
+    ASSERT_EQ(base_hwcnt_reader_sample_periodic(reader, BASE_HWCNT_SAMPLING_STOP), BASE_SUCCESS);
+    std::vector<std::pair<request_kind, std::uint64_t>> seen;
+    for (const request_record& request : machine::requests()) {
+        if (request.kind != request_kind::poll && request.kind != request_kind::get_buffer) {
+            seen.emplace_back(request.kind, request.value);
+        }
+    }
+    EXPECT_EQ(seen, (std::vector<std::pair<request_kind, std::uint64_t>>{{request_kind::clear, 0},
+                                                                         {request_kind::set_interval, period},
+                                                                         {request_kind::set_interval, 0},
+                                                                         {request_kind::dump, 0}}));
+}
+
+}  // namespace
+
+extern "C" {
+
+void* __real_malloc(std::size_t size);
+void* __wrap_malloc(std::size_t size) {
+    return failing_malloc > 0 && --failing_malloc == 0 ? nullptr : __real_malloc(size);
+}
+
+int __real_eventfd(unsigned count, int flags);
+int __wrap_eventfd(unsigned count, int flags) {
+    if (eventfd_fails) {
+        errno = EMFILE;
+        return -1;
+    }
+    return __real_eventfd(count, flags);
+}
+
+}  // extern "C"
