@@ -140,10 +140,10 @@ TEST(Library, InitialisersRunInTheirOrder) {
 }
 
 // What the unload probe prints.
-std::string unload(const std::vector<std::string>& words) {
+std::string unload(const std::vector<std::string>& words, std::vector<std::string> environment = {}) {
     const temporary_folder folder;
     process_setup setup{.command = {COUNTERFEED_UNLOAD_PROBE, COUNTERFEED_LIBRARY},
-                        .environment = {},
+                        .environment = std::move(environment),
                         .preload = {},
                         .output = folder.file("output"),
                         .of_this_build = true};
@@ -153,7 +153,7 @@ std::string unload(const std::vector<std::string>& words) {
 }
 
 // The probe's words: +A registers and -A deregisters a callback that prints A, *A another that prints (A).
-// What stands behind the letter happens when the callback runs. The thread's word comes last.
+// What stands behind the letter happens when the callback runs. The thread's word, a dot, comes last.
 TEST(Library, UnloadRunsTheCallbacksBackwards) {
     const struct {
         std::vector<std::string> words;
@@ -177,10 +177,39 @@ TEST(Library, UnloadRunsTheCallbacksBackwards) {
     }
 }
 
+// From a callback, from the very end of the unload, and from the program's own exit after that, whether
+// diagnostics is up by then or starts with it.
+TEST(Library, PrintsAfterUnloadHasBegun) {
+    const auto message = [](const char* core) {
+        const std::string text =
+            std::string("Unable to set requested CPU core ") + core + " for thread [probe].\n";
+        return text + "6/vexa:" + text;
+    };
+    const std::string in_callback = "A" + message("49") + ".";
+    const std::string at_end = "." + message("50");
+    const std::string at_exit = ".~" + message("51");
+    const struct {
+        std::vector<std::string> words;
+        std::string printed;
+    } cases[] = {
+        {{"close", "+A!1"}, in_callback + in_callback},
+        {{"close", ".!2"}, at_end + at_end},
+        {{"exit", "+A!1"}, in_callback},
+        {{"exit", ".!2"}, at_end},
+        {{"exit", "~!3"}, at_exit},
+        {{"exit", "!0", "+A!1", ".!2", "~!3"},
+         message("48") + "A" + message("49") + at_end + "~" + message("51")},
+    };
+    for (const auto& c : cases) {
+        // What diagnostics holds it keeps, deliberately, also beyond the library's own end.
+        EXPECT_EQ(unload(c.words, {"ASAN_OPTIONS=detect_leaks=0"}), c.printed);
+    }
+}
+
 TEST(Library, FailureOfTheUnloadHooksIsFatal) {
     const std::string output = unload({"fail"});
     const std::regex report(
-        "==>\\[ERROR\\] \\(loading\\) OSU: In file: osu/platform_dummy/vexa_osu_libhooks  line: [0-9]+ "
+        "==>\\[ERROR\\] \\(probe\\) OSU: In file: osu/platform_dummy/vexa_osu_libhooks  line: [0-9]+ "
         "osup_init_unload_hooks\nFailed to init unload hook mutexes\n[^]*-6");
     EXPECT_TRUE(std::regex_match(output, report)) << output;
 }
