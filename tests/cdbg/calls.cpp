@@ -1,19 +1,20 @@
 // The calls that tests of diagnostics answer themselves.
 #include "tests/cdbg/calls.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
 
 #include "cdbg/src/vexa_cdbg_print.h"
+#include "tests/support/process.h"
 
 namespace test_support {
 
@@ -21,26 +22,19 @@ call_control calls;
 
 outcome run_apart(const std::function<void()>& body) {
     EXPECT_EQ(cdbgp_channels[0].ring.data, nullptr) << "diagnostics is up already";
-    std::array<std::FILE*, 3> files = {std::tmpfile(), std::tmpfile(), std::tmpfile()};
+    const temporary_folder folder;
+    const std::string output = folder.file("output"), error = folder.file("error"), log = folder.file("log");
     const pid_t child = fork();
     if (child == 0) {
-        dup2(fileno(files[0]), STDOUT_FILENO);
-        dup2(fileno(files[1]), STDERR_FILENO);
-        calls.log_file = fileno(files[2]);
+        dup2(creat(output.c_str(), 0600), STDOUT_FILENO);
+        dup2(creat(error.c_str(), 0600), STDERR_FILENO);
+        calls.log_file = creat(log.c_str(), 0600);
         body();
         _exit(0);
     }
-    outcome result = {};
-    waitpid(child, &result.status, 0);
-    std::array<std::string*, 3> texts = {&result.output, &result.error, &result.log};
-    for (std::size_t i = 0; i < files.size(); ++i) {
-        std::rewind(files[i]);
-        for (int c = std::getc(files[i]); c != EOF; c = std::getc(files[i])) {
-            *texts[i] += static_cast<char>(c);
-        }
-        std::fclose(files[i]);
-    }
-    return result;
+    int status = 0;
+    waitpid(child, &status, 0);
+    return {status, read_file(output), read_file(error), read_file(log)};
 }
 
 }  // namespace test_support
@@ -113,7 +107,6 @@ int __real___android_log_write(int priority, const char* tag, const char* text);
 int __wrap___android_log_write(int priority, const char* tag, const char* text) {
     if (calls.busy_answers > 0) {
         --calls.busy_answers;
-        ++calls.busy_given;
         return -EAGAIN;
     }
     if (calls.log_file >= 0) {

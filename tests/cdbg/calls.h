@@ -15,8 +15,7 @@ struct call_control {
     std::atomic<int> blocks = 0;        // that were allocated and not freed
     void (*in_mutex_init)() = nullptr;  // called once
 
-    int busy_answers = 0;  // how often the platform log is busy from now on
-    int busy_given = 0;
+    int busy_answers = 0;          // how often the platform log is busy from now on
     std::vector<unsigned> sleeps;  // in microseconds; nobody really sleeps
     bool bytewise = false;         // a stream gets every byte for itself
     int log_file = -1;             // also gets the lines of the platform log

@@ -4,33 +4,29 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <numeric>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "cdbg/src/vexa_cdbg_channels.h"
 #include "cdbg/src/vexa_cdbg_print.h"
 #include "tests/cdbg/calls.h"
 #include "tests/support/platform_log.h"
+#include "tests/support/process.h"
 
 namespace {
 
 using namespace test_support;
 using namespace std::string_literals;
 
-// One channel with its shared set, apart from those of the process.
+// One channel with its shared set, apart from those of the process, and what arrives from it.
 struct open_channel {
     explicit open_channel(std::uint32_t index) {
         EXPECT_EQ(cdbgp_channel_init(&shared), CDBGP_SUCCESS);
         EXPECT_EQ(cdbgp_channel_open(&shared, &channel, index), CDBGP_SUCCESS);
-        take_log_lines();
     }
     ~open_channel() {
         cdbgp_channel_close(&channel);
@@ -49,26 +45,31 @@ struct open_channel {
         return cdbgp_channel_unlock(&slot.handle, slot.buffer.total);
     }
 
+    // What a text becomes at the streams.
+    std::string arrival(const std::string& message) {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(send(message), CDBGP_SUCCESS);
+        return testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
+    }
+
     cdbgp_destination_set shared = {};
     cdbgp_channel channel = {};
 };
 
-// What arrives when a text is sent: at the stream, and in the log.
-std::string send_and_catch(open_channel& open, bool to_stdout, const std::string& text, int priority) {
-    to_stdout ? testing::internal::CaptureStdout() : testing::internal::CaptureStderr();
-    EXPECT_EQ(open.send(text), CDBGP_SUCCESS);
-    std::string caught =
-        to_stdout ? testing::internal::GetCapturedStdout() : testing::internal::GetCapturedStderr();
-    EXPECT_EQ(take_log_lines(), (std::vector<test_support::log_line>{{priority, "vexa", caught}}));
-    return caught;
+std::string take_logged() {
+    std::string texts;
+    for (const log_line& line : take_log_lines()) {
+        texts += line.text;
+    }
+    return texts;
 }
 
 TEST(channels, every_length_around_the_slot_arrives_whole_or_marked) {
-    struct {
+    const struct {
         std::uint32_t index, size;
-        bool to_stdout;
         int priority;
-    } const rows[] = {{0, 512, true, 4}, {1, 512, false, 5}, {2, 512, false, 6}, {3, 2048, true, 2}};
+    } rows[] = {{0, 512, 4}, {1, 512, 5}, {2, 512, 6}, {3, 2048, 2}};
     for (const auto& row : rows) {
         open_channel open(row.index);
         std::vector<std::size_t> lengths(30);
@@ -76,16 +77,14 @@ TEST(channels, every_length_around_the_slot_arrives_whole_or_marked) {
         lengths.insert(lengths.end(), {0, 1, 2, row.size * 4});
         for (const std::size_t length : lengths) {
             const std::string text(length, 'x');
-            std::string expected = text + "\n";
-            if (length == row.size - 1) {
-                expected = text.substr(1) + "\n";
-            } else if (length >= row.size) {
+            std::string expected = text.substr(length == row.size - 1 ? 1 : 0) + "\n";
+            if (length >= row.size) {
                 expected = text.substr(0, row.size - 26) + "\n***MESSAGE TRUNCATED***\n";
             }
-            EXPECT_EQ(send_and_catch(open, row.to_stdout, text, row.priority), expected) << length;
-            if (length > 0 && length < row.size) {
-                const std::string ended = text.substr(1) + "\n";
-                EXPECT_EQ(send_and_catch(open, row.to_stdout, ended, row.priority), ended);
+            // What ends in a newline already is sent as it stands.
+            for (const std::string& sent : {text, expected}) {
+                EXPECT_EQ(open.arrival(sent), expected) << length;
+                EXPECT_EQ(take_log_lines(), (std::vector<log_line>{{row.priority, "vexa", expected}}));
             }
         }
     }
@@ -95,93 +94,67 @@ TEST(channels, messages_beyond_the_ring_all_arrive_and_the_last_stay_as_history)
     open_channel open(CDBGP_CHANNEL_WARN);
     for (const int count : {17, 40}) {
         std::string sent;
-        testing::internal::CaptureStderr();
         for (int i = 0; i < count; ++i) {
-            EXPECT_EQ(open.send("message " + std::to_string(i)), CDBGP_SUCCESS);
-            sent += "message " + std::to_string(i) + "\n";
+            const std::string message = "message " + std::to_string(i) + "\n";
+            EXPECT_EQ(open.arrival(message), message);
+            sent += message;
         }
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), sent);
-        EXPECT_EQ(take_log_lines().size(), static_cast<std::size_t>(count));
-        for (int i = count - 16; i < count; ++i) {
-            cutils_ring_buffer_slot* slot = cutils_ring_buffer_read_lock(&open.channel.ring);
-            ASSERT_NE(slot, nullptr) << i;
-            EXPECT_EQ(static_cast<char*>(slot->data), "message " + std::to_string(i) + "\n");
+        EXPECT_EQ(take_logged(), sent);
+        std::string kept;
+        while (cutils_ring_buffer_slot* slot = cutils_ring_buffer_read_lock(&open.channel.ring)) {
+            kept += static_cast<char*>(slot->data);
             cutils_ring_buffer_read_unlock(&open.channel.ring, slot);
         }
-        EXPECT_EQ(cutils_ring_buffer_read_lock(&open.channel.ring), nullptr);
+        EXPECT_TRUE(sent.ends_with(kept) && std::count(kept.begin(), kept.end(), '\n') == 16) << kept;
     }
 }
 
 TEST(channels, a_busy_log_is_tried_sixteen_times_and_fails_nobody) {
+    open_channel open(CDBGP_CHANNEL_ERROR);
     for (const int busy : {1, 3, 15, 16, 100}) {
-        open_channel open(CDBGP_CHANNEL_ERROR);
         calls.busy_answers = busy;
-        calls.busy_given = 0;
         calls.sleeps.clear();
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(open.send("late"), CDBGP_SUCCESS);
-        calls.busy_answers = 0;
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "late\n");
+        EXPECT_EQ(open.arrival("late"), "late\n");
         const int tries = std::min(busy, 16);
-        EXPECT_EQ(calls.busy_given, tries);
-        EXPECT_EQ(take_log_lines().size(), busy < 16 ? 1U : 0U);
-        EXPECT_EQ(std::accumulate(calls.sleeps.begin(), calls.sleeps.end(), 0U), (1U << tries) - 1);
-        EXPECT_TRUE(std::is_sorted(calls.sleeps.begin(), calls.sleeps.end()));
-        EXPECT_EQ(calls.sleeps.size(), static_cast<std::size_t>(tries));
+        EXPECT_EQ(busy - std::exchange(calls.busy_answers, 0), tries);
+        EXPECT_EQ(take_logged(), busy < 16 ? "late\n" : "");
+        std::vector<unsigned> sleeps;
+        for (int i = 0; i < tries; ++i) {
+            sleeps.push_back(1U << i);
+        }
+        EXPECT_EQ(calls.sleeps, sleeps);
     }
 }
 
 TEST(channels, a_stream_that_takes_nothing_fails_the_message_and_not_the_log) {
     open_channel open(CDBGP_CHANNEL_ERROR);
-    std::array<int, 2> ends{};
-    ASSERT_EQ(pipe(ends.data()), 0);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    std::string bytes(1 << 20, 'f');
+    const ssize_t filled = write(ends[1], bytes.data(), bytes.size());
     const int saved = dup(STDERR_FILENO);
-
     close(STDERR_FILENO);
     EXPECT_EQ(open.send("closed"), CDBGP_FAILURE);
-
     dup2(ends[1], STDERR_FILENO);
-    fcntl(ends[1], F_SETFL, O_NONBLOCK);
-    std::size_t filled = 0;
-    while (write(ends[1], "f", 1) == 1) {
-        ++filled;
-    }
     EXPECT_EQ(open.send("full"), CDBGP_FAILURE);
-
-    // A writer that may wait is served once the reader comes.
-    fcntl(ends[1], F_SETFL, 0);
-    std::string drained;
-    std::thread reader([&] {
-        char byte = 0;
-        while (drained.size() < filled + 8 && read(ends[0], &byte, 1) == 1) {
-            drained += byte;
-        }
-    });
-    EXPECT_EQ(open.send("patient"), CDBGP_SUCCESS);
-    reader.join();
-    EXPECT_EQ(drained, std::string(filled, 'f') + "patient\n");
-
+    EXPECT_EQ(read(ends[0], bytes.data(), bytes.size()), filled);
+    EXPECT_EQ(open.send("next"), CDBGP_SUCCESS);
     dup2(saved, STDERR_FILENO);
+    EXPECT_EQ(bytes.substr(0, static_cast<std::size_t>(read(ends[0], bytes.data(), bytes.size()))), "next\n");
+    EXPECT_EQ(take_logged(), "closed\nfull\nnext\n");
     for (const int descriptor : {saved, ends[0], ends[1]}) {
         close(descriptor);
     }
-    std::string logged;
-    for (const auto& line : take_log_lines()) {
-        logged += line.text;
-    }
-    EXPECT_EQ(logged, "closed\nfull\npatient\n");
 }
 
 TEST(channels, file_destination) {
-    std::string folder = "/tmp/counterfeed-XXXXXX";
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    setenv("EXTERNAL_STORAGE", folder.c_str(), 1);
-    struct {
+    const temporary_folder folder;
+    setenv("EXTERNAL_STORAGE", folder.file("").c_str(), 1);
+    const struct {
         const char* name;
         int failing_mutex_init;
         bool opens;
-    } const rows[] = {
-        {"out.txt", 0, true}, {"../out.txt", 0, false}, {"none/out.txt", 0, false}, {"out.txt", 1, false}};
+    } rows[] = {{"out", 0, true}, {"../out", 0, false}, {"none/out", 0, false}, {"out", 1, false}};
     const int next_descriptor = dup(0);
     close(next_descriptor);
     for (const auto& row : rows) {
@@ -192,11 +165,9 @@ TEST(channels, file_destination) {
         calls.failing_mutex_init = row.failing_mutex_init;
         init_destinations(&set);
         EXPECT_EQ(set.active, CDBGP_DEST_PLATFORM | (row.opens ? CDBGP_DEST_FILE : 0U));
-        if (row.opens) {
-            EXPECT_EQ(write_to_channels(&set, set.active, "a\nb\n", 5), CDBGP_SUCCESS);
-            std::ifstream file(folder + "/out.txt");
-            EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "a\nb\n");
-        }
+        EXPECT_EQ(write_to_channels(&set, set.active, "a\nb\n", 5), CDBGP_SUCCESS);
+        EXPECT_EQ(take_logged(), "a\nb\n");
+        EXPECT_EQ(read_file(folder.file("out")), row.failing_mutex_init == 0 ? "a\nb\n" : "");
         term_destinations(&set);
         EXPECT_EQ(set.active | set.requested, 0U);
         EXPECT_EQ(calls.mutexes, mutexes);
@@ -205,17 +176,15 @@ TEST(channels, file_destination) {
         close(descriptor);
     }
     unsetenv("EXTERNAL_STORAGE");
-    unlink((folder + "/out.txt").c_str());
-    rmdir(folder.c_str());
 }
 
 TEST(channels, newline_conversion) {
-    struct {
+    const struct {
         std::uint32_t mode, room;
         std::string source;  // its terminator counts
         std::uint32_t length, result;
         std::string expected;
-    } const rows[] = {
+    } rows[] = {
         {0, 9, "a\nb", 4, 5, "a\nb\n"}, {0, 4, "a\nb", 4, 4, "a\n\n"},
         {0, 9, "ab\n", 4, 4, "ab\n"},   {0, 2, "ab", 3, 2, "\n"},
         {0, 9, "", 1, 2, "\n"},         {0, 9, "", 0, 2, "\n"},
@@ -246,29 +215,22 @@ TEST(channels, a_destination_of_the_other_newline_mode_gets_converted_text) {
         open_channel open(index);
         cdbgp_newline_masks[CDBGP_NEWLINE_LF] &= ~CDBGP_DEST_PLATFORM;
         cdbgp_newline_masks[CDBGP_NEWLINE_CRLF] |= CDBGP_DEST_PLATFORM;
-        testing::internal::CaptureStderr();
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(open.send("a\nb"), CDBGP_SUCCESS);
-        EXPECT_EQ(open.send(std::string(index == CDBGP_CHANNEL_ERROR ? 511 : 2047, '\n')), CDBGP_SUCCESS);
-        const std::string caught =
-            testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
-        const std::size_t converted = index == CDBGP_CHANNEL_ERROR ? 562 : 2251;
-        EXPECT_EQ(caught.substr(0, 5), "a\nb\n\n");
-        const auto lines = take_log_lines();
-        ASSERT_EQ(lines.size(), 2U);
-        EXPECT_EQ(lines[0].text, "a\r\nb\r\n");
-        EXPECT_EQ(lines[1].text.size(), converted);
-        EXPECT_TRUE(lines[1].text.ends_with("\r\n"));
+        EXPECT_EQ(open.arrival("a\nb"), "a\nb\n");
+        EXPECT_EQ(take_logged(), "a\r\nb\r\n");
+        open.arrival(std::string(index == CDBGP_CHANNEL_ERROR ? 511 : 2047, '\n'));
+        const std::string cut = take_logged();
+        EXPECT_EQ(cut.size(), index == CDBGP_CHANNEL_ERROR ? 562U : 2251U);
+        EXPECT_TRUE(cut.ends_with("\r\n"));
     }
 }
 
 TEST(channels, lengths_that_only_a_check_would_find) {
-    struct {
+    const struct {
         std::uint32_t size;
         const char* text;
         std::int32_t total, expected_total;
         std::string expected;  // the buffer's bytes
-    } const rows[] = {
+    } rows[] = {
         {40, "abc", -1, 39, "abc\n***FORMATTING ERROR***\n"s + std::string(13, '\0')},
         {27, "abcd", -1, 26, "ab\n***FORMATTING ERROR***\n\0"s},
         {4, "", -7, 3, "\n**\0"s},

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <tuple>
+#include <map>
 
 #include "cdbg/src/vexa_cdbg_control.h"
 #include "cdbg/src/vexa_cdbg_env.h"
@@ -12,37 +12,42 @@
 namespace {
 
 using namespace test_support;
-using words = std::vector<std::uint32_t>;
-using started = std::tuple<std::uint32_t, words, strings>;
 
-// The result, the permissions and the messages of a start.
-started start(const std::string& variable, const std::string& file = "", int failing_malloc = 0,
-              int failing_mutex = 0) {
+// Starts with these settings, and compares the result, the words of the modules and the message. All modules
+// but those that are named have the word `all`.
+void start(const std::string& variable, std::uint32_t all,
+           const std::map<std::uint32_t, std::uint32_t>& words = {}, const strings& messages = {},
+           std::uint32_t result = CDBGP_SUCCESS, const std::string& file = "") {
+    SCOPED_TRACE(variable + file);
     const settings set({variable}, file);
-    EXPECT_EQ(cdbgp_env_init(), 0U);
+    const int failing_malloc = std::exchange(calls.failing_malloc, 0);
+    const int failing_mutex_init = std::exchange(calls.failing_mutex_init, 0);
+    EXPECT_EQ(cdbgp_env_init(), CDBGP_SUCCESS);
     const int mutexes = calls.mutexes;
     calls.failing_malloc = failing_malloc;
-    calls.failing_mutex_init = failing_mutex;
-    const std::uint32_t result = cdbgp_control_init();
+    calls.failing_mutex_init = failing_mutex_init;
+    EXPECT_EQ(cdbgp_control_init(), result);
     if (result == CDBGP_SUCCESS) {
         cdbgp_control_term();
     }
     EXPECT_EQ(calls.mutexes, mutexes);
     cdbgp_env_term();
-    const words permissions(std::begin(cdbgp_permissions), std::end(cdbgp_permissions));
-    return {result, permissions, take_messages("cdbg/src/vexa_cdbg_control")};
+    EXPECT_EQ(take_messages("cdbg/src/vexa_cdbg_control"), messages);
+    for (std::uint32_t module = 0; module < CDBGP_MODULE_COUNT; ++module) {
+        EXPECT_EQ(cdbgp_permissions[module], words.contains(module) ? words.at(module) : all) << module;
+    }
 }
 
 TEST(permissions, a_text_allows_up_to_its_first_bad_element) {
-    struct {
+    const struct {
         std::string text;
-        std::uint32_t all;  // in the words of all modules but these
-        std::vector<std::pair<std::uint32_t, std::uint32_t>> words = {};  // module and word
-        std::string message = {};                                         // in front of the text
-    } const cases[] = {
+        std::uint32_t all;
+        std::map<std::uint32_t, std::uint32_t> words = {};
+        std::string message = {};  // in front of the text
+    } cases[] = {
         {"", 0},
         {"CDBG_INFO,CDBG_WARN", 0, {{3, 3}}},
-        {"OSU_F,STDLIB_ALL,BASE_W,CUTILS_E", 0, {{20, 8}, {21, 7}, {1, 2}, {14, 4}}},
+        {"OSU_F,STDLIB_ALL,BASE_W,CUTILS_E,UNKNOWN_I", 0, {{20, 8}, {21, 7}, {1, 2}, {14, 4}, {0, 1}}},
         {"ALL_ALL", 7},
         {"ALL_FAIL,CD_I", 8, {{3, 9}}},
         {"ALLOC_WARN", 2},
@@ -66,39 +71,22 @@ TEST(permissions, a_text_allows_up_to_its_first_bad_element) {
         {"ALL _WARN,OSU_E", 0, {}, "Unrecognized feature name 'WARN,OSU_E' in"},
     };
     for (const auto& c : cases) {
-        words expected(CDBGP_MODULE_COUNT, c.all);
-        for (const auto& [module, word] : c.words) {
-            expected[module] = word;
-        }
-        strings messages;
-        if (!c.message.empty()) {
-            messages.push_back(c.message + " permissions '" + c.text + "'");
-        }
-        EXPECT_EQ(start("VEXA_CDBG_PERMISSIONS=" + c.text), started(0, expected, messages)) << c.text;
+        const strings messages(c.message.empty() ? 0 : 1, c.message + " permissions '" + c.text + "'");
+        start("VEXA_CDBG_PERMISSIONS=" + c.text, c.all, c.words, messages);
     }
 }
 
 TEST(permissions, come_from_a_setting_of_any_length_or_are_the_default) {
-    const std::string name = program_invocation_short_name;
-    const words fail(CDBGP_MODULE_COUNT, 8);
-    EXPECT_EQ(start("NONE=1"), started(0, words(CDBGP_MODULE_COUNT, 6), {}));
-    EXPECT_EQ(start("NONE=1", name + ":CDBG_PERMISSIONS=ALL_FAIL"), started(0, fail, {}));
+    start("NONE=1", 6);
+    start("NONE=1", 8, {}, {}, 0, program_invocation_short_name + std::string(":CDBG_PERMISSIONS=ALL_FAIL"));
     for (const std::size_t length : {127U, 128U, 1023U}) {
-        const std::string text = std::string(length - 8, ' ') + "ALL_FAIL";
-        EXPECT_EQ(start("VEXA_CDBG_PERMISSIONS=" + text), started(0, fail, {}));
+        start("VEXA_CDBG_PERMISSIONS=" + std::string(length - 8, ' ') + "ALL_FAIL", 8);
     }
-    const words none(CDBGP_MODULE_COUNT, 0);
-    const std::string held = "VEXA_CDBG_PERMISSIONS=" + std::string(128, ' ');
-    EXPECT_EQ(start(held, "", 1),
-              started(2, none, {"Failed to allocate 129 bytes for environment variable value"}));
-    EXPECT_EQ(std::get<strings>(start(held, "", 0, 1)), strings{"Initialization of spin lock failed (1)"});
-}
-
-TEST(permissions, modules_that_report_have_their_words) {
-    for (const auto& [module, word] :
-         {std::pair(0U, "UNKNOWN"), {1, "BASE"}, {3, "CDBG"}, {14, "CUTILS"}, {20, "OSU"}, {21, "STDLIB"}}) {
-        EXPECT_STREQ(cdbgp_module_to_str(module), word);
-    }
+    calls.failing_mutex_init = 1;
+    start("NONE=1", 8, {}, {"Initialization of spin lock failed (1)"}, CDBGP_FAILURE);  // words as they were
+    calls.failing_malloc = 1;
+    start("VEXA_CDBG_PERMISSIONS=" + std::string(128, ' '), 0, {},
+          {"Failed to allocate 129 bytes for environment variable value"}, CDBGP_OUT_OF_MEMORY);
 }
 
 }  // namespace

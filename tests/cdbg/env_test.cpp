@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <thread>
 #include <utility>
@@ -21,6 +22,10 @@ const char source[] = "cdbg/src/vexa_cdbg_env";
 
 std::string text(char character, std::size_t count) {
     return std::string(count, character);
+}
+
+strings said(const std::string& message) {
+    return message.empty() ? strings{} : strings{message};
 }
 
 std::string value_of(const std::string& name) {
@@ -189,8 +194,7 @@ TEST(environment_store, a_source_that_cannot_be_read_ends_and_the_next_follows) 
         const bool locked = file.ends_with("locked") && user == 0;
         ASSERT_TRUE(!locked || seteuid(nobody) == 0);
         const settings set({"VEXA_CONFIG=" + file, "VEXA_LAST=1"});
-        EXPECT_EQ(fill({"KEY", "LAST", "CONFIG"}),
-                  seen(*message != '\0' ? strings{message} : strings{}, {value, "1", file}));
+        EXPECT_EQ(fill({"KEY", "LAST", "CONFIG"}), seen(said(message), {value, "1", file}));
         ASSERT_TRUE(!locked || seteuid(user) == 0);
         writer.join();
     }
@@ -198,7 +202,7 @@ TEST(environment_store, a_source_that_cannot_be_read_ends_and_the_next_follows) 
 }
 
 TEST(environment_store, variables_are_stored_left_out_or_end_the_walk) {
-    const std::string k = text('k', 1018);
+    const std::string k = text('k', 1018), none = "absent";
     for (const auto& [end, value, message] :
          {std::tuple("VEXA_Y=", "1", ""),
           {"", "absent", ""},
@@ -206,13 +210,29 @@ TEST(environment_store, variables_are_stored_left_out_or_end_the_walk) {
         const settings set({"VEXA_A=a=b", "VEXA_" + k + "=1", "VEXA_B=" + k + "12345", "VEXA_" + k + "k=1",
                             "VEXA_C=" + k + "123456", "vexa_D=1", "E=1", "VEXA_NONE", "=1", end, "VEXA_Z=1"});
         EXPECT_EQ(fill({"A", k, "B", k + "k", "C", "vexa_D", "E", "NONE", "Z"}),
-                  seen(*message != '\0' ? strings{message} : strings{},
-                       {"a=b", "1", k + "12345", "absent", "absent", "absent", "absent", "absent", value}));
+                  seen(said(message), {"a=b", "1", k + "12345", none, none, none, none, none, value}));
     }
     char** const all = std::exchange(environ, nullptr);
     const seen result = fill({"A"});
     environ = all;
-    EXPECT_EQ(result, seen({"Initialization of a handle to the system environment failed (3)"}, {"absent"}));
+    EXPECT_EQ(result, seen({"Initialization of a handle to the system environment failed (3)"}, {none}));
+}
+
+// The file's path is cut to 511 bytes where it is opened, and the message to 1023 where it is sent.
+TEST(environment_store, long_paths_and_messages_are_cut) {
+    const temporary_folder folder;
+    std::string path = folder.file("");
+    path += text('/', 510 - path.size()) + "f";
+    std::ofstream(path) << "KEY=1\n=" << text('v', 1023);
+    const settings set({"VEXA_CONFIG=" + path + "more"});
+    const auto [messages, values] = fill({"KEY", "CONFIG"});
+    EXPECT_EQ(values, (strings{"1", path + "more"}));
+    ASSERT_EQ(messages.size(), 1U);
+    const std::string whole =
+        "Error on line 2 of " + path + "more: Could not set environment variable =" + text('v', 1023);
+    const std::size_t kept = messages[0].size() - std::strlen("\n***MESSAGE TRUNCATED***");
+    EXPECT_EQ(messages[0], whole.substr(0, kept) + "\n***MESSAGE TRUNCATED***");
+    EXPECT_GT(kept, 850U);
 }
 
 TEST(environment_store, a_value_is_cut_to_the_buffer_but_measured_in_full) {
@@ -242,14 +262,20 @@ TEST(environment_store, setting_fails_with_a_code_and_changes_nothing) {
         for (int n = count < 20 ? 2 : 3; n > 0; --n) {
             const int blocks = calls.blocks;
             calls.failing_malloc = n;
-            const auto result = cdbgp_env_set(key.c_str(), "1");
+            EXPECT_EQ(cdbgp_env_set(key.c_str(), "1"), 2U);
             EXPECT_EQ(calls.blocks, blocks + (count == 20 && n == 3 ? 1 : 0)) << "only the table may stay";
-            EXPECT_EQ(std::pair(std::uint32_t{result}, value_of(key)), std::pair(2U, std::string("absent")));
+            EXPECT_EQ(value_of(key), "absent");
         }
         EXPECT_EQ(cdbgp_env_set(key.c_str(), "1"), 0U);
     }
     EXPECT_EQ(cdbgp_env_set("VEXA_7", nullptr), 0U);
     EXPECT_EQ(value_of("7") + value_of("8"), "absent1");
+    // A value that is there is only kept where there is no memory for the new record.
+    for (const auto& [n, value] : {std::pair(1, "1"), {2, "absent"}}) {
+        calls.failing_malloc = n;
+        EXPECT_EQ(cdbgp_env_set("8", "2"), 2U);
+        EXPECT_EQ(value_of("8"), value);
+    }
     cdbgp_env_term();
 }
 

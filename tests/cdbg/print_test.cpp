@@ -6,13 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <barrier>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
+#include <fstream>
+#include <future>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -23,15 +24,18 @@
 #include "cdbg/src/vexa_cdbg_failure.h"
 #include "cdbg/src/vexa_cdbg_print.h"
 #include "tests/cdbg/calls.h"
+#include "tests/cdbg/settings.h"
+#include "tests/support/platform_log.h"
 
 namespace {
 
 using namespace test_support;
 
 constexpr int start_up_mutexes = 14;
+const std::string truncated = "\n***MESSAGE TRUNCATED***\n";
 
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
+strings lines_of(const std::string& text) {
+    strings lines;
     std::istringstream stream(text);
     for (std::string line; std::getline(stream, line);) {
         lines.push_back(line);
@@ -39,151 +43,133 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
-// Prints in a process of its own while none of this program's initialisers but this one has run.
-std::FILE* early_text;
-[[gnu::constructor(101)]] void print_early() {
-    early_text = std::tmpfile();
-    if (const pid_t child = fork(); child != 0) {
-        waitpid(child, nullptr, 0);
-        return;
+// Runs a function on many threads that begin it at the same moment.
+void on_threads(int count, const std::function<void(int)>& function) {
+    std::barrier start(count);
+    std::vector<std::future<void>> running;  // joined by their destructors
+    for (int i = 0; i < count; ++i) {
+        running.push_back(std::async(std::launch::async, [&, i] {
+            start.arrive_and_wait();
+            function(i);
+        }));
     }
-    dup2(fileno(early_text), STDERR_FILENO);
-    cdbg_print_to_error_channel("early %d", 1);
-    _exit(0);
+}
+
+// Prints in a process of its own while none of this program's initialisers but this one has run.
+int early_pipe[2];
+[[gnu::constructor(101)]] void print_early() {
+    if (pipe(early_pipe) == 0 && fork() == 0) {
+        dup2(early_pipe[1], STDERR_FILENO);
+        cdbg_print_to_error_channel("early %d", 1);
+        _exit(0);
+    }
 }
 
 TEST(print, works_before_load_time_initialisers) {
+    wait(nullptr);
     char text[32] = {};
-    std::rewind(early_text);
-    EXPECT_EQ(std::fread(text, 1, sizeof text - 1, early_text), 8U);
+    EXPECT_EQ(read(early_pipe[0], text, sizeof text - 1), 8);
     EXPECT_STREQ(text, "early 1\n");
-    std::fclose(early_text);
 }
 
 TEST(print, messages) {
-    const std::string header = "==>[ERROR] (worker) OSU: In file: x  line: 1 f\n";
-    const auto report = [](std::uint32_t channel, const char* format, const char* text) {
-        prctl(PR_SET_NAME, "worker");
-        cdbgp_print_to_important_channel(channel, "ERROR", "OSU", "In file: x  line: 1", "f", format, text);
-    };
-    const std::string truncated = "\n***MESSAGE TRUNCATED***\n";
     const std::string formatting_error = "\n***FORMATTING ERROR***\n";
-    const std::string longest(2000, 'x');
-    const std::string verbose(1900, 'x');
-    struct {
-        std::function<void()> print;
-        std::string error, output;
+    const auto header = [](const std::string& name) { return "==>[E] (" + name + ") M: L f\n"; };
+    const std::string worker = header("worker"), longest(2000, 'x'), verbose(1900, 'x');
+    constexpr std::uint32_t plain = 9;  // the error channel, without a header
+    const struct {
+        std::uint32_t channel;
         int priority;
-    } const rows[] = {
-        {[] { cdbg_print_to_error_channel("%s", ""); }, "\n", "", 6},
-        {[] { cdbg_print_to_error_channel("100%% of %d", 7); }, "100% of 7\n", "", 6},
-        {[&] { cdbg_print_to_error_channel("%s", longest.c_str()); },
-         longest.substr(0, 511 - truncated.size()) + truncated, "", 6},
-        {[] {
-             const char* volatile bad = "a %e";
-             cdbg_print_to_error_channel(bad, 1.0);
-         },
-         formatting_error, "", 6},
-        {[&] { report(2, "went %s", "wrong"); }, header + "went wrong\n", "", 6},
-        {[&] { report(1, "%s", "ended\n"); }, header + "ended\n\n", "", 5},
-        {[&] { report(0, "%s", "told"); }, "", header + "told\n", 4},
-        {[&] { report(3, "%s", verbose.c_str()); }, "", header + verbose + "\n", 2},
-        {[&] { report(2, "lost %e", ""); }, header + formatting_error, "", 6},
-        {[&] { report(2, "%s", longest.c_str()); },
-         (header + longest).substr(0, 511 - truncated.size()) + truncated, "", 6},
-        {[&] { report(4, "%s", "no such channel"); }, "", "", 0},
-        {[] {
-             prctl(PR_SET_NAME, "");
-             cdbgp_print_to_important_channel(2, "F", "M", "L", "f", "t");
-         },
-         "==>[F] () M: L f\nt\n", "", 6},
+        const char* format;
+        std::string text, expected, thread = "worker";
+    } rows[] = {
+        {plain, 6, "%s", "", "\n"},
+        {plain, 6, "100%% of %s", "it", "100% of it\n"},
+        {plain, 6, "%s", longest, longest.substr(0, 511 - truncated.size()) + truncated},
+        {plain, 6, "a %e", "", formatting_error},
+        {2, 6, "went %s", "wrong", worker + "went wrong\n"},
+        {1, 5, "%s", "ended\n", worker + "ended\n\n"},
+        {0, 4, "%s", "told", worker + "told\n"},
+        {3, 2, "%s", verbose, worker + verbose + "\n"},
+        {2, 6, "lost %e", "", worker + formatting_error},
+        {2, 6, "%s", longest, (worker + longest).substr(0, 511 - truncated.size()) + truncated},
+        {4, 0, "%s", "no such channel", ""},
+        {2, 6, "%s", "t", header("") + "t\n", ""},
     };
     for (const auto& row : rows) {
-        const outcome seen = run_apart(row.print);
-        EXPECT_EQ(seen.status, 0);
-        EXPECT_EQ(seen.error, row.error);
-        EXPECT_EQ(seen.output, row.output);
-        const std::string arrived = row.error + row.output;
-        EXPECT_EQ(seen.log, row.priority == 0 ? "" : std::to_string(row.priority) + "/vexa:" + arrived);
+        const outcome seen = run_apart([&] {
+            prctl(PR_SET_NAME, row.thread.c_str());
+            if (row.channel == plain) {
+                cdbg_print_to_error_channel(row.format, row.text.c_str());
+            } else {
+                cdbgp_print_to_important_channel(row.channel, "E", "M", "L", "f", row.format,
+                                                 row.text.c_str());
+            }
+        });
+        const bool to_stdout = row.channel == CDBGP_CHANNEL_INFO || row.channel == CDBGP_CHANNEL_VERBOSE;
+        EXPECT_EQ(to_stdout ? seen.output : seen.error, row.expected);
+        EXPECT_EQ(to_stdout ? seen.error : seen.output, "");
+        EXPECT_EQ(seen.log, row.priority == 0 ? "" : std::to_string(row.priority) + "/vexa:" + row.expected);
     }
 }
 
 TEST(print, emergency_message_of_every_length_around_its_array) {
+    prctl(PR_SET_NAME, "t");
     const std::string header = "==>[F] (t) M: L f\n";
     for (std::size_t length = 1024 - header.size() - 30; length < 1024; ++length) {
-        const outcome seen = run_apart([length] {
-            prctl(PR_SET_NAME, "t");
-            cdbgp_print_to_emergency_channel("F", "M", "L", "f", "%s", std::string(length, 'x').c_str());
-            calls.log_file = -1;
-            _exit(cdbgp_channels[0].ring.data == nullptr ? 0 : 1);
-        });
-        EXPECT_EQ(seen.status, 0) << "diagnostics was started";
-        std::string expected = header + std::string(length, 'x') + "\n";
+        const std::string text(length, 'x');
+        cdbgp_print_to_emergency_channel("F", "M", "L", "f", "%s", text.c_str());
+        std::string expected = header + text + "\n";
         if (expected.size() >= 1024) {
-            expected.replace(998, std::string::npos, "\n***MESSAGE TRUNCATED***\n");
+            expected.replace(998, std::string::npos, truncated);
         }
-        EXPECT_EQ(seen.log, "6/vexa:" + expected);
+        EXPECT_EQ(take_log_lines(), (std::vector<log_line>{{6, "vexa", expected}}));
     }
+    EXPECT_EQ(cdbgp_channels[0].ring.data, nullptr) << "diagnostics was started";
 }
 
-// With each mutex in turn missing: what is reported, and which of the streams is lost for good.
+// With each mutex in turn missing: what is reported, and which of the streams is lost for good. A second
+// start reads the file and the environment again.
 TEST(start_up, each_failure_is_reported_undone_and_tried_again) {
-    const std::string spin_lock = "Initialization of spin lock failed (1)";
-    const auto channel = [](int index) {
-        return "Initialization of CDBG channel " + std::to_string(index) + " failed (3)";
-    };
-    const auto shared = [](int failed) {
-        return "Initing shared dests 0x3: failed to init 0x" + std::to_string(failed) +
-               ". Some debug output may not appear due to this";
-    };
-    struct {
-        std::string function, report;
-        bool starts;
-    } const rows[start_up_mutexes + 1] = {
-        {"cdbgp_env_init", spin_lock, false},
-        {"cdbgp_control_init", spin_lock, false},
-        {"cdbgp_channel_init", shared(2), true},
-        {"cdbgp_channel_init", shared(1), true},
-        {"cdbgp_print_init", channel(0), false},
-        {"cdbgp_print_init", channel(0), false},
-        {"cdbgp_print_init", channel(1), false},
-        {"cdbgp_print_init", channel(1), false},
-        {"cdbgp_print_init", channel(2), false},
-        {"cdbgp_print_init", channel(2), false},
-        {"cdbgp_print_init", channel(3), false},
-        {"cdbgp_print_init", channel(3), false},
-        {"cdbgp_print_init", channel(3), false},
-        {"cdbgp_failure_init", spin_lock, false},
-        {"", "", true},
-    };
-    for (int failing = 1; const auto& row : rows) {
+    const std::string spin_lock = "Initialization of spin lock failed (1)\n";
+    const std::string shared = "cdbgp_channel_init\nIniting shared dests 0x3: failed to init 0x";
+    const std::string some_lost = ". Some debug output may not appear due to this\n";
+    strings reports = {"cdbgp_env_init\n" + spin_lock, "cdbgp_control_init\n" + spin_lock,
+                       shared + "2" + some_lost, shared + "1" + some_lost};
+    for (const char* channel : {"0", "0", "1", "1", "2", "2", "3", "3", "3"}) {
+        reports.push_back("cdbgp_print_init\nInitialization of CDBG channel " + std::string(channel) +
+                          " failed (3)\n");
+    }
+    reports.insert(reports.end(), {"cdbgp_failure_init\n" + spin_lock, ""});
+    for (int failing = 1; const std::string& report : reports) {
+        SCOPED_TRACE(failing);
+        const bool starts = report.empty() || report.starts_with(shared);
         const outcome seen = run_apart([&] {
-            const int mutexes = calls.mutexes;
-            const int blocks = calls.blocks;
-            setenv("VEXA_SETTING", "before", 1);
+            const settings file({}, "SETTING=before");
+            setenv("VEXA_OWN", "before", 1);
+            const int mutexes = calls.mutexes, blocks = calls.blocks;
             calls.failing_mutex_init = failing;
             cdbg_print_to_error_channel("first");
-            if (!row.starts && (calls.mutexes != mutexes || calls.blocks != blocks)) {
+            if (!starts && (calls.mutexes != mutexes || calls.blocks != blocks)) {
                 _exit(1);
             }
-            setenv("VEXA_SETTING", "after", 1);
-            char setting[8] = {};
+            std::ofstream(file.path()) << "SETTING=after";
+            setenv("VEXA_OWN", "after", 1);
+            char setting[8] = {}, own[8] = {};
             cdbg_env_get("SETTING", setting, sizeof setting);
-            cdbg_print_to_error_channel("second %s", setting);
+            cdbg_env_get("OWN", own, sizeof own);
+            cdbg_print_to_error_channel("%s %s", setting, own);
         });
-        EXPECT_EQ(seen.status, 0) << failing << ": something was left behind";
+        EXPECT_EQ(seen.status, 0) << "something was left behind";
         const bool no_stderr = failing == 3;
-        const std::string printed = row.starts ? "first\nsecond before\n" : "second after\n";
-        EXPECT_EQ(seen.error, no_stderr ? "" : printed) << failing;
-        std::string log = row.starts ? "6/vexa:first\n6/vexa:second before\n" : "6/vexa:second after\n";
-        if (row.report.empty()) {
-            EXPECT_EQ(seen.log, log);
-        } else {
-            EXPECT_TRUE(seen.log.starts_with("6/vexa:==>[INIT] (")) << seen.log;
-            EXPECT_TRUE(seen.log.ends_with(" " + row.function + "\n" + row.report + "\n" + log)) << seen.log;
-        }
+        EXPECT_EQ(seen.error, no_stderr ? "" : starts ? "first\nbefore before\n" : "after after\n");
+        const std::regex header("==>\\[INIT\\] \\(.+\\) CDBG: In file: cdbg/src/[a-z_]+  line: [0-9]+ ");
+        EXPECT_EQ(std::regex_replace(seen.log, header, ""),
+                  (report.empty() ? "" : "6/vexa:" + report) +
+                      (starts ? "6/vexa:first\n6/vexa:before before\n" : "6/vexa:after after\n"));
         ++failing;
     }
+    EXPECT_EQ(reports.size(), start_up_mutexes + 1U);
 }
 
 TEST(start_up, no_memory_at_any_point_leaves_nothing_behind) {
@@ -191,8 +177,7 @@ TEST(start_up, no_memory_at_any_point_leaves_nothing_behind) {
     for (int failing = 1; !all_given; ++failing) {
         ASSERT_LT(failing, 100);
         const outcome seen = run_apart([failing] {
-            const int mutexes = calls.mutexes;
-            const int blocks = calls.blocks;
+            const int mutexes = calls.mutexes, blocks = calls.blocks;
             calls.failing_malloc = failing;
             const bool up = cdbgp_init() == CDBGP_SUCCESS;
             const bool given = calls.failing_malloc != 0;
@@ -227,57 +212,46 @@ TEST(start_up, a_print_by_an_initialiser_is_dropped_and_a_quit_is_silent) {
     EXPECT_EQ(quit.log, "");
 }
 
+// Where the first start fails, that thread's message is lost, and one of those that waited starts it.
 TEST(start_up, many_first_prints_at_once_start_it_once) {
     for (const int threads : {2, 8, 32}) {
-        const outcome seen = run_apart([threads] {
-            const int mutexes = calls.mutexes;
-            // The first of them is slow, so that the others come while it is at it.
-            calls.in_mutex_init = [] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); };
-            std::barrier start(threads);
-            std::vector<std::thread> printers;
-            for (int i = 0; i < threads; ++i) {
-                printers.emplace_back([&start, i] {
-                    start.arrive_and_wait();
-                    cdbg_print_to_error_channel("thread %d", i);
-                });
+        for (const int failures : {0, 1}) {
+            const outcome seen = run_apart([&] {
+                const int mutexes = calls.mutexes;
+                calls.failing_mutex_init = failures;
+                // The first of them is slow, so that the others come while it is at it.
+                calls.in_mutex_init = [] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); };
+                on_threads(threads, [](int i) { cdbg_print_to_error_channel("%d", i); });
+                _exit(calls.mutexes - mutexes == start_up_mutexes ? 0 : 1);
+            });
+            EXPECT_EQ(seen.status, 0);
+            const strings lines = lines_of(seen.error);
+            EXPECT_EQ(lines.size(), static_cast<std::size_t>(threads - failures));
+            std::set<int> numbers;
+            for (const std::string& line : lines) {
+                numbers.insert(std::stoi(line));
             }
-            for (std::thread& printer : printers) {
-                printer.join();
-            }
-            _exit(calls.mutexes - mutexes == start_up_mutexes ? 0 : 1);
-        });
-        EXPECT_EQ(seen.status, 0);
-        std::multiset<std::string> expected;
-        for (int i = 0; i < threads; ++i) {
-            expected.insert("thread " + std::to_string(i));
+            EXPECT_TRUE(numbers.size() == lines.size() && *numbers.begin() >= 0 &&
+                        *numbers.rbegin() < threads);
         }
-        const std::vector<std::string> lines = lines_of(seen.error);
-        EXPECT_EQ(std::multiset<std::string>(lines.begin(), lines.end()), expected);
     }
 }
 
 // Streams that take one byte at a time: only the lock keeps a message together. Two channels share each.
 TEST(print, messages_of_many_threads_stay_whole_on_every_stream) {
-    constexpr int threads = 32;
-    constexpr int messages = 20;
+    constexpr int threads = 32, messages = 20;
     const outcome seen = run_apart([] {
         calls.bytewise = true;
-        std::vector<std::thread> printers;
-        for (int i = 0; i < threads; ++i) {
-            printers.emplace_back([i] {
-                const auto channel = static_cast<std::uint32_t>(i) % CDBGP_CHANNEL_COUNT;
-                for (int message = 0; message < messages; ++message) {
-                    cdbgp_print_to_important_channel(channel, "F", "M", "L", "f", "%d %d end", i, message);
-                }
-            });
-        }
-        for (std::thread& printer : printers) {
-            printer.join();
-        }
+        on_threads(threads, [](int i) {
+            const auto channel = static_cast<std::uint32_t>(i) % CDBGP_CHANNEL_COUNT;
+            for (int message = 0; message < messages; ++message) {
+                cdbgp_print_to_important_channel(channel, "F", "M", "L", "f", "%d %d end", i, message);
+            }
+        });
     });
     EXPECT_EQ(seen.status, 0);
     for (const std::string& text : {seen.error, seen.output}) {
-        const std::vector<std::string> lines = lines_of(text);
+        const strings lines = lines_of(text);
         ASSERT_EQ(lines.size(), std::size_t{threads} * messages);  // two lines each, from half of the threads
         std::set<std::string> bodies;
         for (std::size_t i = 0; i < lines.size(); i += 2) {
