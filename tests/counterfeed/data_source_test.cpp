@@ -14,11 +14,10 @@
 #include "counterfeed/src/vexa_gpu_data_source.h"
 #include "tests/support/platform_log.h"
 #include "tests/support/process.h"
+#include "tests/support/readers.h"
 #include "tests/support/resources.h"
 #include "tests/support/wire.h"
 #include "virtual_gpu/machine.h"
-#include "virtual_gpu/sample_source.h"
-#include "virtual_gpu/seam_reader.h"
 
 namespace {
 
@@ -74,43 +73,29 @@ public:
 };
 
 constexpr const char* tag = "vexa_gpu_data_source";
-const log_line setup_failed{6, tag, "Failed to initialize HWC reader\n"};
-const log_line not_set_up{6, tag, "Couldn't start because OnSetup failed"};
-const log_line begin_failed{6, tag, "Couldn't start because periodic sampling setup failed"};
+using log_lines = std::vector<log_line>;
 
-std::atomic<int> readers = 0;
+std::atomic<int> readers = 0;  // that there are
+std::atomic<int> samples = 0;
+std::atomic<int> loops_ended = 0;
 
-// Counts the readers there are.
-class counted_reader : public hwc_reader {
+class counted_reader : public test_support::forwarding_reader {
 public:
-    explicit counted_reader(std::unique_ptr<hwc_reader> inner) : inner_(std::move(inner)) { ++readers; }
+    explicit counted_reader(std::unique_ptr<hwc_reader> inner) : forwarding_reader(std::move(inner)) {
+        ++readers;
+    }
     ~counted_reader() override { --readers; }
-    bool is_initialized() const override { return inner_->is_initialized(); }
-    std::uint32_t get_hwver() const override { return inner_->get_hwver(); }
-    bool begin_sampling_periodic() override { return inner_->begin_sampling_periodic(); }
     void process_buffers_until_interrupted(counterfeed::sample_callback callback) override {
-        inner_->process_buffers_until_interrupted([&callback, this](auto... arguments) {
+        forwarding_reader::process_buffers_until_interrupted([&callback](auto... arguments) {
             callback(arguments...);
             ++samples;
         });
         ++loops_ended;
     }
-    void interrupt() override { inner_->interrupt(); }
-
-    static std::atomic<int> samples;
-    static std::atomic<int> loops_ended;
-
-private:
-    std::unique_ptr<hwc_reader> inner_;
 };
-std::atomic<int> counted_reader::samples = 0;
-std::atomic<int> counted_reader::loops_ended = 0;
 
 reader_factory make_factory(const virtual_gpu::seam_reader_options& options) {
-    return [options] {
-        return std::make_unique<counted_reader>(std::make_unique<virtual_gpu::seam_reader>(
-            std::make_unique<virtual_gpu::formula_source>(), virtual_gpu::sample_layout({}), options));
-    };
+    return [options] { return std::make_unique<counted_reader>(test_support::formula_reader(options)); };
 }
 
 virtual_gpu::seam_reader_options quick() {
@@ -120,28 +105,30 @@ virtual_gpu::seam_reader_options quick() {
 }
 
 bool wait_for(const std::atomic<int>& count, int value) {
-    for (int i = 0; i < 10000 && count < value; ++i) {
-        ::usleep(1000);
-    }
-    return count >= value;
+    return test_support::eventually([&] { return count >= value; });
+}
+
+// A machine with one GPU.
+void set_gpu(const virtual_gpu::gpu_description& gpu) {
+    machine::reset();
+    machine::add_node(0, gpu);
 }
 
 class DataSource : public testing::Test {
 protected:
     DataSource() {
-        machine::reset();
-        machine::add_node(0, {});
+        set_gpu({});
         take_log_lines();
-        counted_reader::samples = 0;
-        counted_reader::loops_ended = 0;
+        samples = 0;
+        loops_ended = 0;
     }
     ~DataSource() override {
         EXPECT_EQ(readers, 0);
+        EXPECT_EQ(take_log_lines(), log_lines());  // beside what a test has taken
         machine::reset();
     }
 
     const reader_factory factory_ = make_factory(quick());
-    const std::vector<log_line> silence_;
 };
 
 TEST_F(DataSource, PeriodOfTheConfig) {
@@ -170,15 +157,14 @@ TEST_F(DataSource, PeriodOfTheConfig) {
         EXPECT_EQ(source.sampling_period, c.period);
         EXPECT_TRUE(source.reader);
     }
-    EXPECT_EQ(take_log_lines(), silence_);
 }
 
 TEST_F(DataSource, CountersOfTheConfig) {
     data_source source;
     source.set_up(number(2, 7) + number(2, 3) + number(2, 0x1'0000'0005) + number(2, 7), &factory_);
     EXPECT_EQ(source.counter_ids, (std::set<std::uint32_t>{3, 5, 7}));
-    source.set_up(number(2, 9),
-                  &factory_);  // a second setup starts afresh, and takes the first one's reader away
+    // A second setup starts afresh, and takes the first one's reader away.
+    source.set_up(number(2, 9), &factory_);
     EXPECT_EQ(source.counter_ids, (std::set<std::uint32_t>{9}));
     EXPECT_EQ(readers, 1);
     source.set_up(text(2, "not a number"), &factory_);
@@ -200,22 +186,31 @@ TEST_F(DataSource, AnyBytesAreAConfig) {
     }
 }
 
-TEST_F(DataSource, SetupThatFails) {
-    virtual_gpu::seam_reader_options broken;
-    broken.initialized = false;
-    const reader_factory uninitialized = make_factory(broken);
-    const reader_factory none = [] { return nullptr; };
-    for (const reader_factory* factory :
-         {&uninitialized, &none, static_cast<const reader_factory*>(nullptr)}) {
+TEST_F(DataSource, SetupOrStartThatFails) {
+    virtual_gpu::seam_reader_options uninitialized, immobile;
+    uninitialized.initialized = false;
+    immobile.begin_fails = true;
+    const reader_factory factories[] = {make_factory(uninitialized), [] { return nullptr; },
+                                        make_factory(immobile)};
+    const log_lines setup_failed = {{6, tag, "Failed to initialize HWC reader\n"}};
+    const log_lines not_set_up = {{6, tag, "Couldn't start because OnSetup failed"}};
+    const log_lines begin_failed = {{6, tag, "Couldn't start because periodic sampling setup failed"}};
+    const struct {
+        const reader_factory* factory;
+        log_lines of_setup, of_start;
+    } cases[] = {{nullptr, setup_failed, not_set_up},
+                 {&factories[0], setup_failed, not_set_up},
+                 {&factories[1], setup_failed, not_set_up},
+                 {&factories[2], {}, begin_failed}};
+    for (const auto& c : cases) {
         data_source source;
-        source.set_up(number(2, 7), factory);
-        EXPECT_EQ(take_log_lines(), (std::vector<log_line>{setup_failed}));
-        EXPECT_FALSE(source.reader);
-        EXPECT_EQ(readers, 0);
+        source.set_up(number(2, 7), c.factory);
+        EXPECT_EQ(take_log_lines(), c.of_setup);
+        EXPECT_EQ(readers, c.of_setup.empty() ? 1 : 0);
         source.begin();
-        EXPECT_EQ(take_log_lines(), (std::vector<log_line>{not_set_up}));
+        EXPECT_EQ(take_log_lines(), c.of_start);
+        EXPECT_TRUE(!source.reader && readers == 0 && !source.poll_thread.joinable());
         source.stop();
-        EXPECT_EQ(take_log_lines(), silence_);
     }
 }
 
@@ -233,30 +228,15 @@ TEST_F(DataSource, ReportsNameTheirPlace) {
                                                 "counterfeed/src/vexa_gpu_data_source OnStart"}));
 }
 
-TEST_F(DataSource, StartThatFails) {
-    virtual_gpu::seam_reader_options broken = quick();
-    broken.begin_fails = true;
-    const reader_factory factory = make_factory(broken);
-    data_source source;
-    source.set_up("", &factory);
-    source.begin();
-    EXPECT_EQ(take_log_lines(), (std::vector<log_line>{begin_failed}));
-    EXPECT_EQ(readers, 0);
-    EXPECT_FALSE(source.poll_thread.joinable());
-    source.stop();
-    EXPECT_EQ(take_log_lines(), silence_);
-}
-
 TEST_F(DataSource, UnknownIdsAreWarnedOfOnce) {
     data_source source;
     source.set_up(number(2, 5) + number(2, 999999) + number(2, 6) + number(2, 999999) + number(2, 0),
                   &factory_);
     source.begin();
-    EXPECT_TRUE(wait_for(counted_reader::samples, 3));
+    EXPECT_TRUE(wait_for(samples, 3));
     source.stop();
-    EXPECT_EQ(take_log_lines(),
-              (std::vector<log_line>{{5, tag, "Unexpected counter id 0 specified, ignoring\n"},
-                                     {5, tag, "Unexpected counter id 999999 specified, ignoring\n"}}));
+    EXPECT_EQ(take_log_lines(), (log_lines{{5, tag, "Unexpected counter id 0 specified, ignoring\n"},
+                                           {5, tag, "Unexpected counter id 999999 specified, ignoring\n"}}));
 }
 
 // The thread ends by itself at each of the places where it can. The session stays as it is until it is
@@ -270,25 +250,19 @@ TEST_F(DataSource, ThreadThatEndsEarly) {
     for (const bool is_detected : {true, false}) {
         data_source source;
         source.set_up(number(2, 5), &factory);
-        if (!is_detected) {
-            machine::remove_node(0);
-            machine::add_node(0, unknown_gpu);
-        }
-        source.begin();
         if (is_detected) {
-            EXPECT_TRUE(wait_for(counted_reader::loops_ended, 1));
-            EXPECT_EQ(counted_reader::samples, 2);
+            source.begin();
+            EXPECT_TRUE(wait_for(loops_ended, 1));
         } else {
+            set_gpu(unknown_gpu);
+            source.begin();
             ::usleep(20000);
         }
-        EXPECT_TRUE(source.reader);
-        EXPECT_TRUE(source.poll_thread.joinable());
+        EXPECT_TRUE(source.reader && source.poll_thread.joinable());
         source.stop();
-        EXPECT_FALSE(source.reader);
-        EXPECT_FALSE(source.poll_thread.joinable());
+        EXPECT_FALSE(source.reader || source.poll_thread.joinable());
     }
-    EXPECT_EQ(counted_reader::loops_ended, 1);
-    EXPECT_EQ(take_log_lines(), silence_);
+    EXPECT_TRUE(loops_ended == 1 && samples == 2);
 }
 
 TEST_F(DataSource, StopDoesNotWaitForThePeriod) {
@@ -317,7 +291,7 @@ TEST_F(DataSource, ManySessionsLeaveNothingBehind) {
         source.set_up(number(2, 5), &factory_);
         source.begin();
         if (session % 4 == 0) {
-            EXPECT_TRUE(wait_for(counted_reader::samples, 1));
+            EXPECT_TRUE(wait_for(samples, 1));
         }
         source.stop();
     }
@@ -327,25 +301,19 @@ TEST_F(DataSource, ManySessionsLeaveNothingBehind) {
 }
 
 TEST_F(DataSource, ThreadCarriesItsNameAsFarAsTheKernelKeepsIt) {
-    char name[32] = {};
-    const reader_factory factory = [&name]() -> std::unique_ptr<hwc_reader> {
-        struct naming_reader : counted_reader {
-            using counted_reader::counted_reader;
-            void process_buffers_until_interrupted(counterfeed::sample_callback /*callback*/) override {
-                pthread_getname_np(pthread_self(), name_to, 32);
-            }
-            char* name_to = nullptr;
-        };
-        auto reader = std::make_unique<naming_reader>(std::make_unique<virtual_gpu::seam_reader>(
-            std::make_unique<virtual_gpu::formula_source>(), virtual_gpu::sample_layout({}), quick()));
-        reader->name_to = name;
-        return reader;
+    static char name[32];
+    struct naming_reader : test_support::forwarding_reader {
+        using forwarding_reader::forwarding_reader;
+        void process_buffers_until_interrupted(counterfeed::sample_callback /*callback*/) override {
+            pthread_getname_np(pthread_self(), name, sizeof name);
+        }
+    };
+    const reader_factory factory = [] {
+        return std::make_unique<naming_reader>(test_support::formula_reader(quick()));
     };
     data_source source;
     source.set_up("", &factory);
     source.begin();
-    source.poll_thread.join();
-    source.poll_thread = std::thread([] {});  // so that there is one to stop
     source.stop();
     EXPECT_STREQ(name, "gpu-hwc-periodi");
 }
@@ -372,25 +340,25 @@ TEST_F(DataSourceDeathTest, MistakesThatEndTheProcess) {
 }
 
 TEST_F(DataSource, RegistrationNeedsAGpuThatIsKnown) {
-    virtual_gpu::gpu_description gpu;
+    const auto refuses = [](const char* what) {
+        EXPECT_FALSE(counterfeed::register_vexa_gpu_data_source()) << what;
+    };
     for (const virtual_gpu::request_kind kind :
          {virtual_gpu::request_kind::open, virtual_gpu::request_kind::set_flags,
           virtual_gpu::request_kind::get_properties}) {
         machine::fail(kind, EIO);
-        EXPECT_FALSE(counterfeed::register_vexa_gpu_data_source()) << static_cast<int>(kind);
+        refuses("failing requests");
     }
+    virtual_gpu::gpu_description gpu;
     gpu.product_id = 0x7004;
-    machine::reset();
-    machine::add_node(0, gpu);
-    EXPECT_FALSE(counterfeed::register_vexa_gpu_data_source());
+    set_gpu(gpu);
+    refuses("unknown GPU");
     gpu.raw_properties.emplace(3);
-    machine::reset();
-    machine::add_node(0, gpu);
-    EXPECT_FALSE(counterfeed::register_vexa_gpu_data_source());
+    set_gpu(gpu);
+    refuses("damaged properties");
     machine::reset();
     machine::add_node(1, {});
-    EXPECT_FALSE(counterfeed::register_vexa_gpu_data_source());
-    EXPECT_EQ(take_log_lines(), silence_);  // the caller words the failure
+    refuses("another node");
 }
 
 }  // namespace

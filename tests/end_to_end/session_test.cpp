@@ -17,12 +17,11 @@
 #include "hwc/profiler.h"
 #include "report/trace_file.h"
 #include "tests/support/platform_log.h"
+#include "tests/support/readers.h"
 #include "tests/support/resources.h"
 #include "tests/support/tracing_service.h"
 #include "tests/support/wire.h"
 #include "virtual_gpu/machine.h"
-#include "virtual_gpu/sample_source.h"
-#include "virtual_gpu/seam_reader.h"
 
 namespace {
 
@@ -55,20 +54,10 @@ const tracing_service& service() {
 std::mutex meeting;
 reader_factory test_factory;
 
-class met_reader : public counterfeed::hwc_reader {
+class met_reader : public test_support::forwarding_reader {
 public:
-    explicit met_reader(std::unique_ptr<hwc_reader> inner) : inner_(std::move(inner)) {}
+    using forwarding_reader::forwarding_reader;
     ~met_reader() override { const std::lock_guard held(meeting); }
-    bool is_initialized() const override { return inner_->is_initialized(); }
-    std::uint32_t get_hwver() const override { return inner_->get_hwver(); }
-    bool begin_sampling_periodic() override { return inner_->begin_sampling_periodic(); }
-    void process_buffers_until_interrupted(counterfeed::sample_callback callback) override {
-        inner_->process_buffers_until_interrupted(std::move(callback));
-    }
-    void interrupt() override { inner_->interrupt(); }
-
-private:
-    const std::unique_ptr<hwc_reader> inner_;
 };
 
 // The factory that every config names: it asks the one of the test in hand.
@@ -148,7 +137,7 @@ std::vector<std::string> counter_packets(const std::string& trace) {
 }
 
 // A row as the descriptors have it.
-std::string spec_bytes(const hwc::vexa_counter_descriptor& row) {
+std::string row_bytes(const hwc::vexa_counter_descriptor& row) {
     return number(1, row.id) + text(2, row.name) + text(3, row.description) +
            number(9, row.select_by_default ? 1 : 0) + number(7, row.numerator_units) +
            number(8, row.denominator_units) + (row.numerator_units == 37 ? real(6, 100.0) : "");
@@ -163,7 +152,7 @@ TEST_F(Sessions, OfferedDescriptor) {
 
     std::string expected("\x18\xC0\x84\x3D\x20\x80\x94\xEB\xDC\x03\x28\x00", 12);
     for (const hwc::vexa_counter_descriptor& row : hwc::counter_tables[7]) {  // product 9
-        expected += nested(1, spec_bytes(row));
+        expected += nested(1, row_bytes(row));
     }
     EXPECT_EQ(source.gpu_counter_descriptor_raw(), expected);
     // One of them spelled out, so that a wrong encoder above can't hide one below.
@@ -188,8 +177,8 @@ TEST_F(Sessions, PacketsByteByByte) {
     const std::string cycles_id("\x08\xFF\xFF\x03", 4);
     ASSERT_EQ(packets.size(), 3U);
     EXPECT_EQ(packets[0],
-              std::string("\x40\x00", 2) + packet(nested(1, nested(1, spec_bytes(*table.find(69))) +
-                                                                nested(1, spec_bytes(*table.find(65535))))));
+              std::string("\x40\x00", 2) + packet(nested(1, nested(1, row_bytes(*table.find(69))) +
+                                                                nested(1, row_bytes(*table.find(65535))))));
     EXPECT_EQ(packets[1],
               "\xD0\x03\x05\x40\xD5\x88\xCD\x91\x92\x02" +
                   packet(nested(2, std::string("\x08\x45\x19\x00\x00\xE0\xFF\xFF\xFF\xEF\x41", 11)) +
@@ -201,19 +190,12 @@ TEST_F(Sessions, PacketsByteByByte) {
     EXPECT_EQ(test_support::take_log_lines(),
               (std::vector<test_support::log_line>{
                   {5, "vexa_gpu_data_source", "Unexpected counter id 999999 specified, ignoring\n"}}));
-}
-
-TEST_F(Sessions, NoCountersAreASessionToo) {
-    const std::vector<std::uint32_t> words(std::size_t{64} * 16);
-    const reader_factory factory = [words]() {
-        return std::make_unique<scripted_reader>(
-            std::vector<scripted_sample>{{1, 1, 1, words}, {2, 1, 1, words}});
-    };
-    const auto packets = counter_packets(service().record(config_text({}, factory, 200)));
-    ASSERT_EQ(packets.size(), 3U);
-    EXPECT_EQ(packets[0], std::string("\x40\x00", 2) + nested(52, nested(1, "")));
-    EXPECT_EQ(packets[1], "\xD0\x03\x05\x40\x01" + nested(52, ""));
-    EXPECT_EQ(packets[2], "\xD0\x03\x05\x40\x02" + nested(52, ""));
+    // No counters are a session too.
+    EXPECT_EQ(
+        counter_packets(service().record(config_text({}, factory, 200))),
+        (std::vector<std::string>{std::string("\x40\x00", 2) + packet(nested(1, "")),
+                                  "\xD0\x03\x05\x40\xD5\x88\xCD\x91\x92\x02" + packet(""),
+                                  "\xD0\x03\x05\x40\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x01" + packet("")}));
 }
 
 // Every product, without counters and with every row of its table: the values in the trace are those of the
@@ -239,10 +221,7 @@ TEST_F(Sessions, AllRowsOfAllProducts) {
         virtual_gpu::seam_reader_options options;
         options.free_running = true;
         options.stop_after = 20;
-        const reader_factory factory = [gpu, options] {
-            return std::make_unique<virtual_gpu::seam_reader>(std::make_unique<virtual_gpu::formula_source>(),
-                                                              virtual_gpu::sample_layout(gpu), options);
-        };
+        const reader_factory factory = [gpu, options] { return test_support::formula_reader(options, gpu); };
         const auto nothing = report::read_counters(service().record(config_text({}, factory, 100)));
         ASSERT_TRUE(nothing);
         ASSERT_EQ(nothing->size(), 1U);
@@ -289,10 +268,7 @@ TEST_F(Sessions, AllRowsOfAllProducts) {
 TEST_F(Sessions, SeveralAtTheSameTime) {
     virtual_gpu::seam_reader_options options;
     options.period_ns = 2'000'000;
-    const reader_factory factory = [options] {
-        return std::make_unique<virtual_gpu::seam_reader>(std::make_unique<virtual_gpu::formula_source>(),
-                                                          virtual_gpu::sample_layout({}), options);
-    };
+    const reader_factory factory = [options] { return test_support::formula_reader(options); };
     std::vector<std::unique_ptr<test_support::process>> recordings;
     constexpr unsigned session_count = 4;
     for (unsigned i = 0; i < session_count; ++i) {
@@ -324,12 +300,9 @@ TEST_F(Sessions, SeveralAtTheSameTime) {
 }
 
 TEST_F(Sessions, AHundredInARowLeaveNothingBehind) {
-    const reader_factory factory = [] {
-        virtual_gpu::seam_reader_options options;
-        options.period_ns = 1'000'000;
-        return std::make_unique<virtual_gpu::seam_reader>(std::make_unique<virtual_gpu::formula_source>(),
-                                                          virtual_gpu::sample_layout({}), options);
-    };
+    virtual_gpu::seam_reader_options options;
+    options.period_ns = 1'000'000;
+    const reader_factory factory = [options] { return test_support::formula_reader(options); };
     held_resources before{};
     for (int session = 0; session < 104; ++session) {
         if (session == 4) {
