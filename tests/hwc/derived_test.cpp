@@ -8,7 +8,9 @@
 #include <cmath>
 #include <map>
 #include <random>
+#include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include "hwc/hwc_names.h"
@@ -24,17 +26,15 @@ class bench {
 public:
     explicit bench(unsigned table, std::uint32_t core_mask = 0b101, std::uint32_t l2_slices = 2)
         : bench(hwc::counter_tables[table - 1], core_mask, l2_slices) {}
-    bench(const hwc::counter_table& rows, std::uint32_t core_mask, std::uint32_t l2_slices)
-        : profiler(make_gpu(rows, core_mask, l2_slices), 5),
-          words(std::size_t{64} * (2 + l2_slices + 32)),
-          rows_(rows) {
+    explicit bench(const hwc::counter_table& rows, std::uint32_t core_mask = 0b101,
+                   std::uint32_t l2_slices = 2)
+        : profiler(make_gpu(rows, core_mask, l2_slices), 5), words(std::size_t{64} * (2 + l2_slices + 32)) {
         for (const hwc::vexa_counter_descriptor& row : rows) {
             by_name_.emplace(row.name, &row);
-            const std::string text = row.description;
-            const std::size_t at = text.find("Hardware name: ");
-            if (row.id < hwc::gpu_cycles_id && at != std::string::npos) {
-                const std::size_t begin = at + 15;
-                ids_.emplace(text.substr(begin, text.find('.', begin) - begin), row.id);
+            static const std::regex hardware_name("Hardware name: (\\w+)");
+            std::cmatch name;
+            if (row.id < hwc::gpu_cycles_id && std::regex_search(row.description, name, hardware_name)) {
+                ids_.emplace(name[1], row.id);
             }
         }
     }
@@ -73,163 +73,93 @@ private:
         return gpu;
     }
 
-    const hwc::counter_table& rows_;
     std::map<std::string, const hwc::vexa_counter_descriptor*> by_name_;
     std::map<std::string, std::uint32_t> ids_;
 };
 
-struct setting {
-    const char* hardware_name;
-    std::uint32_t value;
-};
-
+// Each line: the table, the words of its hardware counters and the GPU's cycles, a row and its value.
 TEST(Derived, WorkedOutByHand) {
-    constexpr std::uint32_t most = 0xffffffff;
-    const struct {
-        unsigned table;
-        std::vector<setting> settings;
-        std::uint64_t cycles;
-        const char* name;
-        double expected;
-    } cases[] = {
-        // A ratio against the larger of two.
-        {1, {{"GPU_ACTIVE", 900}}, 1000, "GPU utilization", 90},
-        {9, {{"GPU_ACTIVE", 900}}, 0, "GPU utilization", 100},
-        {9, {}, 0, "GPU utilization", 0},
-        {5, {{"GPU_ACTIVE", 1200}}, 1000, "GPU utilization", 100},
-        // A ratio without a scale, with a divisor that is scaled.
-        {1, {{"GPU_ACTIVE", 1000000}, {"JS0_TASKS", 100}}, 0, "Cycles per pixel", 9.765625},
-        {1, {{"GPU_ACTIVE", 1000000}}, 0, "Cycles per pixel", 0},
-        {9, {{"ITER_FRAG_TASK_COMPLETED", 3}}, 0, "Pixels", 3072},
-        // A ratio, then a scale: the quotient is rounded before the product.
-        {7, {{"IRQ_ACTIVE", 1}, {"GPU_ACTIVE", 3}}, 0, "Interrupt pending utilization", (1.0 / 3.0) * 100.0},
-        {1, {{"VCACHE_HIT", 0}, {"VCACHE_MISS", 0}}, 0, "Position cache hit rate", 0},
-        {1, {{"VCACHE_HIT", 3}, {"VCACHE_MISS", 1}}, 0, "Position cache hit rate", 75},
-        // The GPU's own numbers; sums over two slices, so twice the word.
-        {3, {{"L2_EXT_READ_BEATS", 5}}, 0, "Output external read bytes", 160},
-        {3, {{"L2_EXT_AR_STALL", 5}, {"GPU_ACTIVE", 10}}, 0, "Output external read stall rate", 50},
-        // Chains of differences, also below zero, and into the divisor's own zero.
-        {8,
-         {{"L2_EXT_READ", 10}, {"L2_EXT_AR_CNT_Q1", 3}, {"L2_EXT_AR_CNT_Q2", 2}},
-         0,
-         "Output external outstanding reads 75-100%",
-         10},
-        {8,
-         {{"L2_EXT_READ", 1}, {"L2_EXT_AR_CNT_Q1", most}},
-         0,
-         "Output external outstanding reads 75-100%",
-         2 - 2.0 * most},
-        {8,
-         {{"L2_EXT_READ_BEATS", 9},
-          {"L2_EXT_RRESP_0_127", 4},
-          {"L2_EXT_RRESP_320_383", 1},
-          {"L2_EXT_READ", 100}},
-         0,
-         "Output external read latency 384+ cycles",
-         8},
-        {2,
-         {{"PRIM_CULLED", 4}, {"PRIM_CLIPPED", 2}, {"PRIM_SAT_CULLED", 1}, {"PRIM_VISIBLE", 3}},
-         0,
-         "Z plane test cull rate",
-         (2.0 / 6.0) * 100.0},
-        {2,
-         {{"PRIM_CULLED", 4}, {"PRIM_CLIPPED", 2}, {"PRIM_SAT_CULLED", 1}, {"PRIM_VISIBLE", 3}},
-         0,
-         "Sample test cull rate",
-         25},
-        {2, {{"PRIM_CULLED", 4}}, 0, "Sample test cull rate", 0},
-        {4,
-         {{"FRAG_QUADS_RAST", 5}, {"FRAG_QUADS_EZS_KILL", 5}, {"QUAD_FPK_KILLER", 7}},
-         0,
-         "FPK occluder quad percentage",
-         0},
-        // Warps as quads, as a quarter of their threads, and as threads.
-        {1,
-         {{"FRAG_QUADS_RAST", 100}, {"FRAG_QUADS_EZS_KILL", 20}, {"FRAG_WARPS", 10}},
-         0,
-         "FPK killed quads",
-         70},
-        {3,
-         {{"FRAG_QUADS_RAST", 100}, {"FRAG_QUADS_EZS_KILL", 20}, {"FRAG_WARPS", 10}},
-         0,
-         "FPK killed quads",
-         60},
-        {7,
-         {{"FRAG_QUADS_RAST", 100}, {"FRAG_QUADS_EZS_KILL", 20}, {"FRAG_WARPS", 10}},
-         0,
-         "FPK killed quad percentage",
-         40},
-        {1, {{"FRAG_WARPS", 3}}, 0, "Fragment threads", 12},
-        {6, {{"FRAG_WARPS", 3}}, 0, "Fragment threads", 24},
-        {8, {{"COMPUTE_WARPS", 3}}, 0, "Non-fragment threads", 48},
-        // Factors that differ on purpose.
-        {8, {{"FRAG_TRANS_ELIM", 1}, {"FRAG_PTILES", 2}}, 0, "Unchanged tile kill rate", 50},
-        {9, {{"FRAG_TRANS_ELIM", 1}, {"FRAG_PTILES", 2}}, 0, "Unchanged tile kill rate", 12.5},
-        {9, {{"FRAG_WARPS", 64}, {"FRAG_PTILES", 2}}, 0, "Fragments per pixel", 2},
-        // Each table's own hardware under one name.
-        {7, {{"FRAG_ACTIVE", 6}, {"GPU_ACTIVE", 8}}, 0, "Fragment utilization", 75},
-        {8,
-         {{"FRAG_ACTIVE", 6}, {"GPU_ACTIVE", 8}, {"SHADER_CORE_ACTIVE", 12}},
-         0,
-         "Fragment utilization",
-         50},
-        {1,
-         {{"TEX_TIDX_NUM_SPLIT_MIP_MAP", 1}, {"TEX_MSGI_NUM_QUADS", 4}, {"TEX_DFCH_NUM_PASSES", 100}},
-         0,
-         "Texture accesses using trilinear filter percentage",
-         25},
-        {4, {{"TEX_COORD_ISSUE", 10}, {"TEX_INSTR", 4}}, 0, "Texture filtering cycles per instruction", 2.5},
-        {7,
-         {{"TEX_FILT_NUM_OPERATIONS", 10}, {"TEX_MSGO_NUM_MSG", 5}},
-         0,
-         "Texture filtering cycles per instruction",
-         0.5},
-        {2,
-         {{"BEATS_WR_LSC_OTHER", 3},
-          {"BEATS_WR_LSC_WB", 4},
-          {"LS_MEM_WRITE_SHORT", 3},
-          {"LS_MEM_WRITE_FULL", 4}},
-         0,
-         "Load/store bytes written to L2 per access cycle",
-         16},
-        {5, {{"BEATS_WR_LSC", 3}}, 0, "Load/store write bytes", 48},
-        {7, {{"CALL_BLEND_SHADER", 10}, {"FRAG_WARPS", 40}}, 0, "Shader blend path percentage", 50},
-        {9, {{"EXEC_INSTR_SFU", 3}, {"EXEC_CORE_ACTIVE", 24}}, 0, "SFU pipe utilization", 50},
-        {9,
-         {{"EXEC_INSTR_CVT", 1}, {"EXEC_INSTR_FMA", 2}, {"EXEC_INSTR_SFU", 3}, {"EXEC_INSTR_DIVERGED", 3}},
-         0,
-         "Warp divergence percentage",
-         50},
-    };
-    for (const auto& c : cases) {
-        bench sample(c.table);
-        for (const setting& s : c.settings) {
-            sample.set(s.hardware_name, s.value);
+    std::istringstream lines(R"(
+# A ratio against the larger of two.
+1 GPU_ACTIVE=900 cycles=1000: GPU utilization = 90
+9 GPU_ACTIVE=900: GPU utilization = 100
+9 : GPU utilization = 0
+5 GPU_ACTIVE=1200 cycles=1000: GPU utilization = 100
+# A ratio without a scale, with a divisor that is scaled.
+1 GPU_ACTIVE=1000000 JS0_TASKS=100: Cycles per pixel = 9.765625
+1 GPU_ACTIVE=1000000: Cycles per pixel = 0
+9 ITER_FRAG_TASK_COMPLETED=3: Pixels = 3072
+# A ratio, then a scale: the quotient is rounded before the product.
+7 IRQ_ACTIVE=1 GPU_ACTIVE=3: Interrupt pending utilization = 0x1.0aaaaaaaaaaaap+5
+1 VCACHE_HIT=0 VCACHE_MISS=0: Position cache hit rate = 0
+1 VCACHE_HIT=3 VCACHE_MISS=1: Position cache hit rate = 75
+# The GPU's own numbers; sums over two slices, so twice the word.
+3 L2_EXT_READ_BEATS=5: Output external read bytes = 160
+3 L2_EXT_AR_STALL=5 GPU_ACTIVE=10: Output external read stall rate = 50
+# Chains of differences, also below zero, and into the divisor's own zero.
+8 L2_EXT_READ=10 L2_EXT_AR_CNT_Q1=3 L2_EXT_AR_CNT_Q2=2: Output external outstanding reads 75-100% = 10
+8 L2_EXT_READ=1 L2_EXT_AR_CNT_Q1=4294967295: Output external outstanding reads 75-100% = -8589934588
+8 L2_EXT_READ_BEATS=9 L2_EXT_RRESP_0_127=4 L2_EXT_RRESP_320_383=1 L2_EXT_READ=9: Output external read latency 384+ cycles = 8
+2 PRIM_CULLED=4 PRIM_CLIPPED=2 PRIM_SAT_CULLED=1 PRIM_VISIBLE=3: Z plane test cull rate = 0x1.0aaaaaaaaaaaap+5
+2 PRIM_CULLED=4 PRIM_CLIPPED=2 PRIM_SAT_CULLED=1 PRIM_VISIBLE=3: Sample test cull rate = 25
+2 PRIM_CULLED=4: Sample test cull rate = 0
+4 FRAG_QUADS_RAST=5 FRAG_QUADS_EZS_KILL=5 QUAD_FPK_KILLER=7: FPK occluder quad percentage = 0
+# Warps as quads, as a quarter of their threads, and as threads.
+1 FRAG_QUADS_RAST=100 FRAG_QUADS_EZS_KILL=20 FRAG_WARPS=10: FPK killed quads = 70
+3 FRAG_QUADS_RAST=100 FRAG_QUADS_EZS_KILL=20 FRAG_WARPS=10: FPK killed quads = 60
+7 FRAG_QUADS_RAST=100 FRAG_QUADS_EZS_KILL=20 FRAG_WARPS=10: FPK killed quad percentage = 40
+1 FRAG_WARPS=3: Fragment threads = 12
+6 FRAG_WARPS=3: Fragment threads = 24
+8 COMPUTE_WARPS=3: Non-fragment threads = 48
+# Factors that differ on purpose.
+8 FRAG_TRANS_ELIM=1 FRAG_PTILES=2: Unchanged tile kill rate = 50
+9 FRAG_TRANS_ELIM=1 FRAG_PTILES=2: Unchanged tile kill rate = 12.5
+9 FRAG_WARPS=64 FRAG_PTILES=2: Fragments per pixel = 2
+# Each table's own hardware under one name.
+7 FRAG_ACTIVE=6 GPU_ACTIVE=8: Fragment utilization = 75
+8 FRAG_ACTIVE=6 GPU_ACTIVE=8 SHADER_CORE_ACTIVE=12: Fragment utilization = 50
+1 TEX_TIDX_NUM_SPLIT_MIP_MAP=1 TEX_MSGI_NUM_QUADS=4 TEX_DFCH_NUM_PASSES=9: Texture accesses using trilinear filter percentage = 25
+4 TEX_COORD_ISSUE=10 TEX_INSTR=4: Texture filtering cycles per instruction = 2.5
+7 TEX_FILT_NUM_OPERATIONS=10 TEX_MSGO_NUM_MSG=5: Texture filtering cycles per instruction = 0.5
+2 BEATS_WR_LSC_OTHER=3 BEATS_WR_LSC_WB=4 LS_MEM_WRITE_SHORT=3 LS_MEM_WRITE_FULL=4: Load/store bytes written to L2 per access cycle = 16
+5 BEATS_WR_LSC=3: Load/store write bytes = 48
+7 CALL_BLEND_SHADER=10 FRAG_WARPS=40: Shader blend path percentage = 50
+9 EXEC_INSTR_SFU=3 EXEC_CORE_ACTIVE=24: SFU pipe utilization = 50
+9 EXEC_INSTR_CVT=1 EXEC_INSTR_FMA=2 EXEC_INSTR_SFU=3 EXEC_INSTR_DIVERGED=3: Warp divergence percentage = 50
+)");
+    const std::regex whole("(\\d)(.*): (.*) = (.*)"), setting(" (\\w+)=(\\d+)");
+    unsigned cases = 0;
+    std::smatch c;
+    for (std::string line; std::getline(lines, line);) {
+        if (!std::regex_match(line, c, whole)) {
+            continue;
         }
-        sample.profiler.gpu_cycles = c.cycles;
-        EXPECT_EQ(sample[c.name], c.expected) << c.name << " in table " << c.table;
+        bench sample(static_cast<unsigned>(std::stoul(c[1])));
+        const std::string settings = c[2];
+        for (std::sregex_iterator i(settings.begin(), settings.end(), setting), end; i != end; ++i) {
+            const auto value = static_cast<std::uint32_t>(std::stoul((*i)[2]));
+            if ((*i)[1] == "cycles") {
+                sample.profiler.gpu_cycles = value;
+            } else {
+                sample.set((*i)[1], value);
+            }
+        }
+        EXPECT_EQ(sample[c[3]], std::stod(c[4])) << line;
+        ++cases;
     }
+    EXPECT_EQ(cases, 38U);
 }
 
 TEST(Derived, ConstantsReadNothing) {
     for (unsigned table = 1; table <= hwc::table_count; ++table) {
-        bench sample(table, 0b1011, 3);
+        const bench sample(table, 0b1011, 4);
         for (const auto& [name, expected] : {std::pair{"External bus beat size", 16.0},
-                                             {"L2 cache slice count", 3.0},
+                                             {"L2 cache slice count", 4.0},
                                              {"Shader core count", 3.0}}) {
             const hwc::vexa_counter_descriptor& row = sample.row(name);
             EXPECT_EQ(row.evaluator(sample.profiler, nullptr).value(), expected);
             EXPECT_TRUE(row.dependencies.empty());
         }
-        EXPECT_STREQ(
-            sample.row("External bus beat size").description,
-            "This configuration constant defines the number of bytes transferred per external bus beat.");
-        EXPECT_STREQ(sample.row("L2 cache slice count").description,
-                     "This configuration constant defines the number of L2 cache slices in the design. This "
-                     "increases as "
-                     "the number of shader cores increases.");
-        EXPECT_STREQ(sample.row("Shader core count").description,
-                     "This configuration constant defines the number of shader cores in the design.");
     }
 }
 
@@ -263,25 +193,20 @@ TEST(Derived, DependenciesAreWhatTheEvaluatorReads) {
                 for (std::uint32_t& word : sample.words) {
                     word = static_cast<std::uint32_t>(1000 + random() % 1000);
                 }
-                sample.profiler.gpu_cycles = 3000;  // more than the active cycles, so that it counts
+                const std::vector<std::uint32_t> words = sample.words;
+                constexpr std::uint64_t cycles = 3000;  // more than the active cycles, so that they count
+                sample.profiler.gpu_cycles = cycles;
                 const double before = sample.value(row);
                 for (const hwc::vexa_counter_descriptor& raw : hwc::counter_tables[table - 1]) {
-                    if (raw.id >= hwc::first_derived_id) {
-                        continue;
-                    }
-                    const std::vector<std::uint32_t> kept = sample.words;
-                    if (raw.id == hwc::gpu_cycles_id) {
-                        sample.profiler.gpu_cycles += 7;
-                    }
-                    for (std::size_t block = 0; block * 64 < kept.size() && raw.id < 256; ++block) {
+                    sample.profiler.gpu_cycles = cycles + (raw.id == hwc::gpu_cycles_id ? 7 : 0);
+                    for (std::size_t block = 0; block * 64 < words.size() && raw.id < 256; ++block) {
                         const std::size_t kind = block < 2 ? block : block < 4 ? 2 : 3;
                         sample.words[block * 64 + raw.id % 64] += kind == raw.id / 64 ? 7 : 0;
                     }
-                    if (sample.value(row) != before) {
+                    if (raw.id < hwc::first_derived_id && sample.value(row) != before) {
                         moving.insert(raw.id);
                     }
-                    sample.words = kept;
-                    sample.profiler.gpu_cycles = 3000;
+                    sample.words = words;
                 }
             }
             // Two cull rates add what was culled earlier and take it away again.
@@ -313,17 +238,16 @@ TEST(Derived, RelationsBetweenRows) {
             sample.profiler.gpu_cycles = random();
             const auto row = [&sample](const char* name) { return sample[name]; };
             SCOPED_TRACE(testing::Message() << "table " << table << ", round " << round);
-            // The parts of the input primitives make up the whole.
+            // The parts of the input primitives make up the whole, and the cull rates lead from it to the
+            // rest.
             const double input = row("Total input primitives");
+            const auto left_by = [&row](const char* test) {
+                return 1 - row((std::string(test) + " test cull rate").c_str()) / 100;
+            };
+            const double facing = left_by("Facing or XY plane"), z = left_by("Z plane");
             EXPECT_TRUE(near(row("Total culled primitives") + row("Visible primitives"), input));
-            if (input > 0) {
-                const double left_by_facing = 1 - row("Facing or XY plane test cull rate") / 100;
-                const double left_by_z = 1 - row("Z plane test cull rate") / 100;
-                const double left_by_sample = 1 - row("Sample test cull rate") / 100;
-                EXPECT_TRUE(
-                    near(left_by_facing * left_by_z * left_by_sample * input, row("Visible primitives")) ||
-                    left_by_facing == 0 || left_by_z == 0);
-            }
+            EXPECT_TRUE(input <= 0 || facing == 0 || z == 0 ||
+                        near(facing * z * left_by("Sample") * input, row("Visible primitives")));
             // A scaled row and its base; a mean times its count.
             EXPECT_EQ(row("Fragment threads"), row("Fragment warps") * warp_size);
             EXPECT_EQ(row("Non-fragment threads"), row("Non-fragment warps") * warp_size);
@@ -335,18 +259,16 @@ TEST(Derived, RelationsBetweenRows) {
                              row("Execution core active cycles") > 0 ? row("Varying cycles") * 100 : 0));
             EXPECT_EQ(row("Texture unit utilization"), row("Texture unit filtering utilization"));
             // What is killed, started and left makes up what was rasterised.
+            const double killed_early = row("Early ZS killed quads"), rasterized = row("Rasterized quads");
             const double started =
-                sample.has("Fragment quads started") ? row("Fragment quads started") : row("Fragment warps");
-            EXPECT_TRUE(near(row("FPK killed quads") + started + row("Early ZS killed quads"),
-                             row("Rasterized quads")));
+                row(sample.has("Fragment quads started") ? "Fragment quads started" : "Fragment warps");
+            EXPECT_TRUE(near(row("FPK killed quads") + started + killed_early, rasterized));
             EXPECT_TRUE(
-                near(row("FPK non-occluder quads") + row("FPK occluder quads") + row("Early ZS killed quads"),
-                     row("Rasterized quads")));
-            if (sample.has("Processing unit utilization")) {
-                EXPECT_TRUE(near(row("Processing unit utilization"), row("FMA pipe utilization") +
-                                                                         row("CVT pipe utilization") +
-                                                                         row("SFU pipe utilization") / 4));
-            }
+                near(row("FPK non-occluder quads") + row("FPK occluder quads") + killed_early, rasterized));
+            EXPECT_TRUE(!sample.has("Processing unit utilization") ||
+                        near(row("Processing unit utilization"), row("FMA pipe utilization") +
+                                                                     row("CVT pipe utilization") +
+                                                                     row("SFU pipe utilization") / 4));
             EXPECT_LE(row("GPU utilization"), 100.0);
         }
     }
@@ -385,7 +307,7 @@ TEST(Derived, AbsentOperandsReadAsZero) {
                 }
             }
             fill(whole.words, random);
-            bench with_gap(gapped, 0b101, 2);
+            bench with_gap(gapped);
             with_gap.words = whole.words;
             whole.set(missing, 0);
             for (const hwc::vexa_counter_descriptor& row : gapped) {
