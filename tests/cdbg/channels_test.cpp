@@ -13,7 +13,8 @@
 
 #include "cdbg/src/vexa_cdbg_channels.h"
 #include "cdbg/src/vexa_cdbg_print.h"
-#include "tests/cdbg/calls.h"
+#include "tests/cdbg/outputs.h"
+#include "tests/support/failing_calls.h"
 #include "tests/support/platform_log.h"
 #include "tests/support/process.h"
 
@@ -112,17 +113,17 @@ TEST(channels, messages_beyond_the_ring_all_arrive_and_the_last_stay_as_history)
 TEST(channels, a_busy_log_is_tried_sixteen_times_and_fails_nobody) {
     open_channel open(CDBGP_CHANNEL_ERROR);
     for (const int busy : {1, 3, 15, 16, 100}) {
-        calls.busy_answers = busy;
-        calls.sleeps.clear();
+        outputs.busy_answers = busy;
+        outputs.sleeps.clear();
         EXPECT_EQ(open.arrival("late"), "late\n");
         const int tries = std::min(busy, 16);
-        EXPECT_EQ(busy - std::exchange(calls.busy_answers, 0), tries);
+        EXPECT_EQ(busy - std::exchange(outputs.busy_answers, 0), tries);
         EXPECT_EQ(take_logged(), busy < 16 ? "late\n" : "");
         std::vector<unsigned> sleeps;
         for (int i = 0; i < tries; ++i) {
             sleeps.push_back(1U << i);
         }
-        EXPECT_EQ(calls.sleeps, sleeps);
+        EXPECT_EQ(outputs.sleeps, sleeps);
     }
 }
 

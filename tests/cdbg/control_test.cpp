@@ -6,8 +6,8 @@
 
 #include "cdbg/src/vexa_cdbg_control.h"
 #include "cdbg/src/vexa_cdbg_env.h"
-#include "tests/cdbg/calls.h"
 #include "tests/cdbg/settings.h"
+#include "tests/support/failing_calls.h"
 
 namespace {
 

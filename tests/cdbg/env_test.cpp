@@ -10,8 +10,9 @@
 #include <utility>
 
 #include "cdbg/src/vexa_cdbg_env.h"
-#include "tests/cdbg/calls.h"
+#include "tests/cdbg/outputs.h"
 #include "tests/cdbg/settings.h"
+#include "tests/support/failing_calls.h"
 
 namespace {
 

@@ -23,8 +23,9 @@
 #include "cdbg/env.h"
 #include "cdbg/src/vexa_cdbg_failure.h"
 #include "cdbg/src/vexa_cdbg_print.h"
-#include "tests/cdbg/calls.h"
+#include "tests/cdbg/outputs.h"
 #include "tests/cdbg/settings.h"
+#include "tests/support/failing_calls.h"
 #include "tests/support/platform_log.h"
 
 namespace {
@@ -241,7 +242,7 @@ TEST(start_up, many_first_prints_at_once_start_it_once) {
 TEST(print, messages_of_many_threads_stay_whole_on_every_stream) {
     constexpr int threads = 32, messages = 20;
     const outcome seen = run_apart([] {
-        calls.bytewise = true;
+        outputs.bytewise = true;
         on_threads(threads, [](int i) {
             const auto channel = static_cast<std::uint32_t>(i) % CDBGP_CHANNEL_COUNT;
             for (int message = 0; message < messages; ++message) {

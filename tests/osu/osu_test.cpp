@@ -19,29 +19,20 @@
 
 #include "osu/platform_dummy/vexa_osu_libhooks.h"
 #include "osu/platform_dummy/vexa_osu_private.h"
+#include "tests/support/failing_calls.h"
 #include "tests/support/platform_log.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using test_support::calls;
 
-int failing_malloc, failing_mutex_init;  // which of the next calls fails, counted from 1
 std::uint32_t affinity_asked;
 void* ended_with;
 
 }  // namespace
 
 // The linker leads this program's own calls to __wrap_, and __real_ to the C library.
-extern "C" decltype(malloc) __real_malloc;
-extern "C" void* __wrap_malloc(std::size_t size) {
-    return --failing_malloc == 0 ? nullptr : __real_malloc(size);
-}
-
-extern "C" decltype(pthread_mutex_init) __real_pthread_mutex_init;
-extern "C" int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
-    return --failing_mutex_init == 0 ? ENOMEM : __real_pthread_mutex_init(mutex, attributes);
-}
-
 extern "C" decltype(sched_setaffinity) __real_sched_setaffinity;
 extern "C" int __wrap_sched_setaffinity(pid_t process, std::size_t size, const cpu_set_t* cores) {
     EXPECT_EQ(size, sizeof affinity_asked);
@@ -55,7 +46,7 @@ TEST(osu, startup_failure_is_reported_and_fatal) {
     const auto start = [](int failing, bool exhaust_keys) {
         for (pthread_key_t key; exhaust_keys && pthread_key_create(&key, nullptr) == 0;) {
         }
-        failing_mutex_init = failing;
+        calls.failing_mutex_init = failing;
         osup_thread_setname("starting up");
         osup_startup();
     };
@@ -73,7 +64,7 @@ TEST(osu, teardown_hands_over_the_callers_word_and_ends_thread_data) {
         osup_teardown();
         _exit(ended_with == word && osup_thread_data_set(&word) == OSUP_THREAD_DATA_REFUSED ? 0 : 1);
     };
-    EXPECT_EXIT(tear_down(&failing_mutex_init), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(tear_down(&affinity_asked), testing::ExitedWithCode(0), "");
     EXPECT_EXIT(tear_down(nullptr), testing::ExitedWithCode(0), "");
 }
 
@@ -83,7 +74,7 @@ TEST(osu, unload_happens_once_and_registration_wants_memory) {
         osup_register_unload_callback(note, text);  // a second unload would run it
     };
     static char text[] = "once";
-    failing_malloc = 1;
+    calls.failing_malloc = 1;
     EXPECT_EQ(osup_register_unload_callback(note, text), OSUP_FAILURE);
     const auto unload = [] {
         osup_register_unload_callback(note, text);
@@ -130,7 +121,7 @@ TEST(osu, sync_object_wakes_every_waiter_also_for_no_reason) {
         EXPECT_EQ(object.state, set ? 1 : 0);
         osup_sync_object_clear(&object);
     }
-    failing_mutex_init = 1;
+    calls.failing_mutex_init = 1;
     EXPECT_EQ(osup_sync_object_init(&object), OSUP_FAILURE);
 }
 

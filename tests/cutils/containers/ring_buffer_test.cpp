@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstring>
 #include <random>
 #include <set>
@@ -11,95 +10,55 @@
 #include <vector>
 
 #include "cutils/ring_buffer/vexa_cutils_ring_buffer.h"
+#include "tests/support/failing_calls.h"
 
-// The linker sends the ring's calls to the system here, where they are counted and fail when told to.
-namespace {
-
-bool watched = false;
-unsigned fail_in = 0;
-int alive = 0;  // blocks and mutexes
-
-bool fails() {
-    return watched && fail_in != 0 && --fail_in == 0;
-}
-
-}  // namespace
-
-extern "C" {
-void* __real_malloc(std::size_t size);
-void __real_free(void* address);
-int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
-int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
-int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
-
-void* __wrap_malloc(std::size_t size) {
-    void* const address = fails() || (watched && size > 1U << 28) ? nullptr : __real_malloc(size);
-    alive += watched && address != nullptr ? 1 : 0;
-    return address;
-}
-
-void __wrap_free(void* address) {
-    alive -= watched && address != nullptr ? 1 : 0;
-    __real_free(address);
-}
-
-int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
-    const int result = fails() ? EAGAIN : __real_pthread_mutex_init(mutex, attributes);
-    alive += watched && result == 0 ? 1 : 0;
-    return result;
-}
-
-int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
-    alive -= watched ? 1 : 0;
-    return __real_pthread_mutex_destroy(mutex);
-}
-
+extern "C" decltype(pthread_mutex_lock) __real_pthread_mutex_lock;
 // Lets other threads see a finished slot before its holder's own commit walk.
-int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     std::this_thread::yield();
     return __real_pthread_mutex_lock(mutex);
 }
-}
 
 namespace {
 
+using test_support::calls;
+
 TEST(RingBuffer, ComesUpWholeOrNotAtAll) {
     const struct {
-        std::uint32_t entry_size, order, fail_at, result, entries;
+        std::uint32_t entry_size, order;
+        int failing_mutex_init, failing_malloc;
+        std::uint32_t result, entries;
     } cases[] = {
-        {8, 0, 0, 0, 1},  {1, 1, 0, 0, 2},   {512, 4, 0, 0, 16},  {0, 3, 0, 0, 8},
-        {8, 32, 0, 0, 0}, {8, ~0U, 0, 0, 0}, {8, 0x100, 0, 0, 1},  // only eight bits of the order count
-        {0, 31, 0, 2, 0}, {1, 31, 0, 2, 0},  {~0U, 31, 0, 2, 0},   // more memory than there is
-        {2, 31, 0, 2, 0},                                          // 2^32 bytes, which must not become none
-        {8, 2, 1, 3, 0},  {8, 2, 2, 3, 0},                         // the two mutexes
-        {8, 2, 3, 2, 0},  {8, 2, 4, 2, 0},                         // the two blocks
+        {8, 0, 0, 0, 0, 1},  {1, 1, 0, 0, 0, 2},   {512, 4, 0, 0, 0, 16},  {0, 3, 0, 0, 0, 8},
+        {8, 32, 0, 0, 0, 0}, {8, ~0U, 0, 0, 0, 0}, {8, 0x100, 0, 0, 0, 1},  // only eight bits of the order
+                                                                            // count
+        {0, 31, 0, 0, 2, 0}, {1, 31, 0, 0, 2, 0},  {~0U, 31, 0, 0, 2, 0},   // more memory than there is
+        {2, 31, 0, 0, 2, 0},  // 2^32 bytes, which must not become none
+        {8, 2, 1, 0, 3, 0},  {8, 2, 2, 0, 3, 0},   {8, 2, 0, 1, 2, 0},     {8, 2, 0, 2, 2, 0},
     };
-    for (const auto& [entry_size, order, fail_at, result, entries] : cases) {
-        SCOPED_TRACE(testing::Message()
-                     << entry_size << " bytes, order " << order << ", failure " << fail_at);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
         cutils_ring_buffer ring;
         std::memset(static_cast<void*>(&ring), 0xa5, sizeof ring);
-        fail_in = fail_at;
-        watched = true;
-        const std::uint32_t actual = cutils_ring_buffer_init(&ring, entry_size, order);
-        watched = false;
-        ASSERT_EQ(actual, result);
-        ASSERT_EQ(alive, result == 0 ? 4 : 0);
+        const int mutexes = calls.mutexes, blocks = calls.blocks;
+        calls.failing_mutex_init = c.failing_mutex_init;
+        calls.failing_malloc = c.failing_malloc;
+        ASSERT_EQ(cutils_ring_buffer_init(&ring, c.entry_size, c.order), c.result);
+        ASSERT_EQ(calls.mutexes - mutexes, c.result == 0 ? 2 : 0);
+        ASSERT_EQ(calls.blocks - blocks, c.result == 0 ? 2 : 0);
         ASSERT_EQ(cutils_ring_buffer_read_lock(&ring), nullptr);
-        for (std::uint32_t i = 0; i < entries; ++i) {
+        for (std::uint32_t i = 0; i < c.entries; ++i) {
             cutils_ring_buffer_slot* const slot = cutils_ring_buffer_write_lock(&ring);
             ASSERT_EQ(slot, &ring.slots[i]);
-            ASSERT_EQ(slot->data, static_cast<char*>(ring.data) + i * entry_size);
-            std::memset(slot->data, 0, entry_size);
+            ASSERT_EQ(slot->data, static_cast<char*>(ring.data) + i * c.entry_size);
+            std::memset(slot->data, 0, c.entry_size);
         }
         ASSERT_EQ(cutils_ring_buffer_write_lock(&ring), nullptr);
         ASSERT_EQ(ring.writable, 0) << "a failed lock takes nothing";
-        watched = true;
-        if (result == 0) {
+        if (c.result == 0) {
             cutils_ring_buffer_term(&ring);
         }
-        watched = false;
-        ASSERT_EQ(alive, 0);
+        ASSERT_TRUE(calls.mutexes == mutexes && calls.blocks == blocks);
     }
 }
 

@@ -316,45 +316,38 @@ TEST(emit_number, layouts) {
     lays_out("-0000420", CUTILSP_CSTR_FLAG_ZERO | CUTILSP_CSTR_FLAG_LEFT, 8, 0);
 }
 
-TEST(text, comparison_length_and_search) {
+TEST(text, comparison_length_search_and_copy) {
     constexpr std::uint32_t unbounded = UINT32_MAX;
-    EXPECT_EQ(cutils_cstr_strncmp("a", nullptr, 0), 0);
-    EXPECT_EQ(cutils_cstr_strncmp("abc", "abd", 2), 0);
-    EXPECT_EQ(cutils_cstr_strncmp("abc", "abd", unbounded), -1);
-    EXPECT_EQ(cutils_cstr_strncmp("abd", "abc", 3), 1);
-    EXPECT_EQ(cutils_cstr_strncmp("abc", "ab", 3), 1);
-    EXPECT_EQ(cutils_cstr_strncmp("ab", "abc", 3), -1);
-    EXPECT_EQ(cutils_cstr_strncmp("ab", "ab", unbounded), 0);
-    EXPECT_EQ(cutils_cstr_strncmp("\xff", "a", 1), 1);
-    EXPECT_EQ(cutils_cstr_strncmp("a\0b", "a\0c", 3), 0);
-
+    const struct {
+        const char *a, *b;
+        std::uint32_t bound;
+        int order;
+    } pairs[] = {{"a", nullptr, 0, 0},       {"abc", "abd", 2, 0}, {"abc", "abd", unbounded, -1},
+                 {"abd", "abc", 3, 1},       {"abc", "ab", 3, 1},  {"ab", "abc", 3, -1},
+                 {"ab", "ab", unbounded, 0}, {"\xff", "a", 1, 1},  {"a\0b", "a\0c", 3, 0}};
+    for (const auto& pair : pairs) {
+        EXPECT_EQ(cutils_cstr_strncmp(pair.a, pair.b, pair.bound), pair.order) << pair.a;
+    }
     EXPECT_EQ(cutils_cstr_len("abc", 3), 3U);
     EXPECT_EQ(cutils_cstr_len("abc", 2), 2U);
     EXPECT_EQ(cutils_cstr_len("abc", unbounded), 3U);
     EXPECT_EQ(cutils_cstr_len(nullptr, 0), 0U);
 
     const char* text = "abcb\xff";
-    EXPECT_EQ(cutils_cstr_strchr(text, 'b'), text + 1);
-    EXPECT_EQ(cutils_cstr_strchr(text, 'b' + 0x100), text + 1);
-    EXPECT_EQ(cutils_cstr_strchr(text, 0xff), text + 4);
-    EXPECT_EQ(cutils_cstr_strchr(text, 0), text + 5);
-    EXPECT_EQ(cutils_cstr_strchr(text, 'z'), nullptr);
-}
-
-TEST(text, copy) {
-    const struct {
-        const char* expected;
-        std::uint32_t size;
-        std::uint32_t n;
-    } copies[] = {{"abc.", 3, 3}, {"ab..", 2, 2}, {"....", 0, 0}};
-    for (const auto& copy : copies) {
-        char memory[] = "....";
-        EXPECT_EQ(cutils_cstr_strncpy(memory, copy.size, "abc", copy.n), memory);
-        EXPECT_STREQ(memory, copy.expected);
+    for (const auto& [character, place] : {std::pair{int{'b'}, 1}, {'b' + 0x100, 1}, {0xff, 4}, {0, 5}}) {
+        EXPECT_EQ(cutils_cstr_strchr(text, character), text + place);
     }
-    char memory[] = ".......";
-    cutils_cstr_strncpy(memory, sizeof memory, "abc", UINT32_MAX);
-    EXPECT_EQ(std::string(memory, sizeof memory), std::string("abc\0...\0", sizeof memory));
+    EXPECT_EQ(cutils_cstr_strchr(text, 'z'), nullptr);
+
+    const struct {
+        std::uint32_t size, n;
+        std::string image;
+    } copies[] = {{3, 3, "abc...."}, {2, 2, "ab....."}, {0, 0, "......."}, {7, unbounded, {"abc\0...", 7}}};
+    for (const auto& copy : copies) {
+        char memory[] = ".......";
+        EXPECT_EQ(cutils_cstr_strncpy(memory, copy.size, "abc", copy.n), memory);
+        EXPECT_EQ(std::string(memory, 7), copy.image);
+    }
 }
 
 TEST(text_death_test, copy_that_does_not_fit_ends_the_process) {
