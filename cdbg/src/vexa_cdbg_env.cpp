@@ -302,7 +302,7 @@ cdbgp_result cdbgp_env_set(const char* name, const char* value) {
     if (result != CDBGP_SUCCESS) {
         std::free(record);
         if (old_record != nullptr) {
-            // The key still leads to what was released, which nobody may read.
+            // The key still leads to what was released, so it goes too.
             cutils_strdict_remove(&cdbgp_env_dict, key, nullptr);
         }
     }

@@ -31,7 +31,7 @@ std::int32_t cdbgp_env_get(const char* name, char* out, std::uint32_t out_size);
 // Results: CDBGP_OUT_OF_MEMORY. CDBGP_FAILURE for a value of 1024 bytes and more, for a name that without
 // its prefix is empty or has more than 1024 bytes, and for the removal of a setting that is not there. A
 // failure leaves the store unchanged, with one exception: a setting whose new value could not be inserted for
-// want of memory must not be touched again.
+// want of memory is gone.
 cdbgp_result cdbgp_env_set(const char* name, const char* value);
 
 // Fills the store from the configuration file and then from the process environment, whose settings win. With
