@@ -99,9 +99,7 @@ reader_factory make_factory(const virtual_gpu::seam_reader_options& options) {
 }
 
 virtual_gpu::seam_reader_options quick() {
-    virtual_gpu::seam_reader_options options;
-    options.period_ns = 1'000'000;
-    return options;
+    return test_support::every(1'000'000);
 }
 
 bool wait_for(const std::atomic<int>& count, int value) {
@@ -266,9 +264,7 @@ TEST_F(DataSource, ThreadThatEndsEarly) {
 }
 
 TEST_F(DataSource, StopDoesNotWaitForThePeriod) {
-    virtual_gpu::seam_reader_options slow;
-    slow.period_ns = 1'000'000'000;
-    const reader_factory factory = make_factory(slow);
+    const reader_factory factory = make_factory(test_support::every(1'000'000'000));
     for (const useconds_t delay : {0U, 20000U}) {
         data_source source;
         source.set_up("", &factory);

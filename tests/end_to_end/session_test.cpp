@@ -29,6 +29,7 @@ using namespace qel::vexa;           // NOLINT(google-build-using-namespace)
 using namespace test_support::wire;  // NOLINT(google-build-using-namespace)
 using counterfeed::reader_factory;
 using test_support::eventually;
+using test_support::every;
 using test_support::held_resources;
 using test_support::tracing_service;
 namespace machine = virtual_gpu::machine;
@@ -96,26 +97,19 @@ struct scripted_sample {
     std::uint64_t timestamp, delta, cycles;
     std::vector<std::uint32_t> words;
 };
-class scripted_reader : public counterfeed::hwc_reader {
+class scripted_reader : public test_support::forwarding_reader {
 public:
-    explicit scripted_reader(const std::vector<scripted_sample>& samples) : samples_(samples) {}
-    bool is_initialized() const override { return true; }
-    std::uint32_t get_hwver() const override { return 5; }
-    bool begin_sampling_periodic() override { return true; }
+    explicit scripted_reader(const std::vector<scripted_sample>& samples)
+        : forwarding_reader(test_support::formula_reader(every(1'000'000'000'000))), samples_(samples) {}
     void process_buffers_until_interrupted(counterfeed::sample_callback callback) override {
         for (const scripted_sample& sample : samples_) {
             callback(sample.timestamp, sample.delta, sample.cycles, sample.words.data());
         }
-        interrupted_.wait(false);
-    }
-    void interrupt() override {
-        interrupted_ = true;
-        interrupted_.notify_all();
+        forwarding_reader::process_buffers_until_interrupted(std::move(callback));
     }
 
 private:
     const std::vector<scripted_sample> samples_;
-    std::atomic<bool> interrupted_ = false;
 };
 
 // The packets with GPU counters, as their producer wrote them: the service puts fields of its own behind
@@ -266,9 +260,7 @@ TEST_F(Sessions, AllRowsOfAllProducts) {
 
 // Each session has its own thread and selection, and receives what its neighbours write as well.
 TEST_F(Sessions, SeveralAtTheSameTime) {
-    virtual_gpu::seam_reader_options options;
-    options.period_ns = 2'000'000;
-    const reader_factory factory = [options] { return test_support::formula_reader(options); };
+    const reader_factory factory = [] { return test_support::formula_reader(every(2'000'000)); };
     std::vector<std::unique_ptr<test_support::process>> recordings;
     constexpr unsigned session_count = 4;
     for (unsigned i = 0; i < session_count; ++i) {
@@ -282,8 +274,7 @@ TEST_F(Sessions, SeveralAtTheSameTime) {
         const auto sequences = report::read_counters(
             test_support::read_file(service().folder.file("several" + std::to_string(i))));
         ASSERT_TRUE(sequences);
-        std::map<std::size_t, std::size_t>
-            samples_of_counter;  // by the counter that only one session asked for
+        std::map<std::uint32_t, std::size_t> samples_of_counter;  // that only one session asked for
         bool own_is_described = false;
         for (const auto& [sequence_number, sequence] : *sequences) {
             own_is_described |= sequence.counters.size() == 2 && sequence.counters[1].id == 70 + i;
@@ -300,9 +291,7 @@ TEST_F(Sessions, SeveralAtTheSameTime) {
 }
 
 TEST_F(Sessions, AHundredInARowLeaveNothingBehind) {
-    virtual_gpu::seam_reader_options options;
-    options.period_ns = 1'000'000;
-    const reader_factory factory = [options] { return test_support::formula_reader(options); };
+    const reader_factory factory = [] { return test_support::formula_reader(every(1'000'000)); };
     held_resources before{};
     for (int session = 0; session < 104; ++session) {
         if (session == 4) {

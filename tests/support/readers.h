@@ -1,6 +1,7 @@
 // Readers for tests of the data source: what the virtual GPU delivers, and a place to look at it on its way.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -8,6 +9,13 @@
 #include "virtual_gpu/seam_reader.h"
 
 namespace test_support {
+
+// A sample in every period.
+inline qel::vexa::virtual_gpu::seam_reader_options every(std::uint64_t period_ns) {
+    qel::vexa::virtual_gpu::seam_reader_options options;
+    options.period_ns = period_ns;
+    return options;
+}
 
 // Samples of a GPU whose words follow the formula.
 inline std::unique_ptr<qel::vexa::counterfeed::hwc_reader> formula_reader(
