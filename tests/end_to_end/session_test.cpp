@@ -165,7 +165,7 @@ TEST_F(Sessions, PacketsByteByByte) {
     };
     // Ids in no order, one twice and one unknown.
     const auto packets =
-        counter_packets(service().record(config_text({65535, 69, 999999, 69}, factory, 200)));
+        counter_packets(service().record(config_text({65535, 69, 999999, 69}, factory, 300)));
     const hwc::counter_table& table = hwc::counter_tables[7];
     const auto packet = [](const std::string& event) { return nested(52, event); };
     const std::string cycles_id("\x08\xFF\xFF\x03", 4);
@@ -186,7 +186,7 @@ TEST_F(Sessions, PacketsByteByByte) {
                   {5, "vexa_gpu_data_source", "Unexpected counter id 999999 specified, ignoring\n"}}));
     // No counters are a session too.
     EXPECT_EQ(
-        counter_packets(service().record(config_text({}, factory, 200))),
+        counter_packets(service().record(config_text({}, factory, 300))),
         (std::vector<std::string>{std::string("\x40\x00", 2) + packet(nested(1, "")),
                                   "\xD0\x03\x05\x40\xD5\x88\xCD\x91\x92\x02" + packet(""),
                                   "\xD0\x03\x05\x40\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x01" + packet("")}));
@@ -216,7 +216,7 @@ TEST_F(Sessions, AllRowsOfAllProducts) {
         options.free_running = true;
         options.stop_after = 20;
         const reader_factory factory = [gpu, options] { return test_support::formula_reader(options, gpu); };
-        const auto nothing = report::read_counters(service().record(config_text({}, factory, 100)));
+        const auto nothing = report::read_counters(service().record(config_text({}, factory, 300)));
         ASSERT_TRUE(nothing);
         ASSERT_EQ(nothing->size(), 1U);
         EXPECT_TRUE(nothing->begin()->second.counters.empty());

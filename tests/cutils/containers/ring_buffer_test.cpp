@@ -24,28 +24,16 @@ namespace {
 using test_support::calls;
 
 TEST(RingBuffer, ComesUpWholeOrNotAtAll) {
+    // Only eight bits of an order count. Order 31 wants more memory than there is: also 2^32 bytes, which
+    // must not become none.
     const struct {
         std::uint32_t entry_size, order;
         int failing_mutex_init, failing_malloc;
         std::uint32_t result, entries;
-    } cases[] = {
-        {8, 0, 0, 0, 0, 1},
-        {1, 1, 0, 0, 0, 2},
-        {512, 4, 0, 0, 0, 16},
-        {0, 3, 0, 0, 0, 8},
-        {8, 32, 0, 0, 0, 0},
-        {8, ~0U, 0, 0, 0, 0},
-        {8, 0x100, 0, 0, 0, 1},  // only eight bits of the order
-                                 // count
-        {0, 31, 0, 0, 2, 0},
-        {1, 31, 0, 0, 2, 0},
-        {~0U, 31, 0, 0, 2, 0},  // more memory than there is
-        {2, 31, 0, 0, 2, 0},    // 2^32 bytes, which must not become none
-        {8, 2, 1, 0, 3, 0},
-        {8, 2, 2, 0, 3, 0},
-        {8, 2, 0, 1, 2, 0},
-        {8, 2, 0, 2, 2, 0},
-    };
+    } cases[] = {{8, 0, 0, 0, 0, 1},  {1, 1, 0, 0, 0, 2},    {512, 4, 0, 0, 0, 16},  {0, 3, 0, 0, 0, 8},
+                 {8, 32, 0, 0, 0, 0}, {8, ~0U, 0, 0, 0, 0},  {8, 0x100, 0, 0, 0, 1}, {0, 31, 0, 0, 2, 0},
+                 {1, 31, 0, 0, 2, 0}, {~0U, 31, 0, 0, 2, 0}, {2, 31, 0, 0, 2, 0},    {8, 2, 1, 0, 3, 0},
+                 {8, 2, 2, 0, 3, 0},  {8, 2, 0, 1, 2, 0},    {8, 2, 0, 2, 2, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         cutils_ring_buffer ring;
