@@ -83,9 +83,12 @@ TEST(Info, DamagedBlobsAndTheirErrors) {
         EXPECT_EQ(result.error, c.error) << c.what;
         EXPECT_TRUE(all_zero(result.gpu)) << c.what;
     }
+    // The caller's error is kept.
     const std::error_code before(5, std::system_category());
-    std::error_code ec = before;
-    EXPECT_TRUE(all_zero(hardware::info(sound, ec)) && ec == before) << "the caller's error is kept";
+    for (const bytes& blob : {sound, one_group}) {
+        std::error_code ec = before;
+        EXPECT_TRUE(all_zero(hardware::info(blob, ec)) && ec == before);
+    }
 }
 
 TEST(Info, NumbersComeFromTheirKeys) {
