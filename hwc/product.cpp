@@ -13,6 +13,14 @@ product::product(const stx::backport::filesystem::path& path, std::error_code& e
     if (ec) {
         return;
     }
+    find_counters(ec);
+}
+
+product::product(const hardware::gpu_info& numbers, std::error_code& ec) : gpu_info(numbers) {
+    find_counters(ec);
+}
+
+void product::find_counters(std::error_code& ec) {
     const auto entry = product_tables.find(gpu_info::product);
     if (entry == product_tables.end()) {
         ec = std::error_code(EINVAL, std::generic_category());

@@ -19,7 +19,13 @@ struct product : hardware::gpu_info {
     // it, and all numbers are zero; or it is EINVAL of the generic category for a product without a table.
     product(const stx::backport::filesystem::path& path, std::error_code& ec);
 
+    // The GPU that these numbers describe, without looking for a device. On failure ec is EINVAL as above.
+    product(const hardware::gpu_info& numbers, std::error_code& ec);
+
     const counter_table* counters = nullptr;  // null exactly when ec was set
+
+private:
+    void find_counters(std::error_code& ec);
 };
 
 }  // namespace qel::vexa::hwc

@@ -16,6 +16,7 @@
 #include "hwc/measure_unit.h"
 #include "hwc/product.h"
 #include "hwc/profiler.h"
+#include "hwc/reported_value.h"
 
 PERFETTO_DEFINE_DATA_SOURCE_STATIC_MEMBERS(qel::vexa::counterfeed::vexa_gpu_data_source);
 
@@ -30,7 +31,6 @@ constexpr const char* device_path = "/dev/vexa0";  // always the first instance
 // Nanoseconds, as the service is told and as a session's period is limited.
 constexpr std::int64_t min_sampling_period = 1'000'000;
 constexpr std::int64_t max_sampling_period = 1'000'000'000;
-constexpr double full_percent = 100.0;
 
 // A row as the tracing protocol describes it. The order of the fields is part of the format.
 void populate_counter_spec(pbzero::GpuCounterDescriptor_GpuCounterSpec& spec,
@@ -43,7 +43,7 @@ void populate_counter_spec(pbzero::GpuCounterDescriptor_GpuCounterSpec& spec,
     spec.add_numerator_units(static_cast<measure_unit>(row.numerator_units));
     spec.add_denominator_units(static_cast<measure_unit>(row.denominator_units));
     if (row.numerator_units == hwc::unit_percent) {
-        spec.set_double_peak_value(full_percent);
+        spec.set_double_peak_value(hwc::full_percent);
     }
 }
 
@@ -77,20 +77,6 @@ std::unique_ptr<hwc_reader> ask_reader_factory(const perfetto::DataSourceConfig&
         std::abort();
     }
     return factory();
-}
-
-// What a session reports for a row: percentages stay within 0 and 100, and no derived counter is below zero.
-double reported_value(const hwc::profiler& profiler, const std::uint32_t* sample,
-                      const hwc::vexa_counter_descriptor& row) {
-    double value = profiler.get_value_for_counter(sample, row).value();
-    if (row.numerator_units == hwc::unit_percent) {
-        value = value > full_percent ? full_percent : value;
-        value = value < 0.0 ? 0.0 : value;
-    }
-    if (row.evaluator != nullptr && value < 0.0) {
-        value = 0.0;
-    }
-    return value;
 }
 
 [[noreturn]] void thread_failed(const std::error_code& reason) {
@@ -221,7 +207,7 @@ void vexa_gpu_data_source::threadfn_periodic_counter_poll_loop() const {
                 for (const hwc::vexa_counter_descriptor& row : selected_counters) {
                     auto* counter = event->add_counters();
                     counter->set_counter_id(row.id);
-                    counter->set_double_value(reported_value(profiler, sample, row));
+                    counter->set_double_value(hwc::reported_value(profiler, sample, row));
                 }
             });
         });
