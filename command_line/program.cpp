@@ -1,0 +1,62 @@
+#include "command_line/program.h"
+
+#include <errno.h>
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace qel::vexa::command_line {
+
+void fail(int status, const std::string& message) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, message.c_str());
+    std::exit(status);
+}
+
+void fail_usage(const std::string& message) {
+    if (!message.empty()) {
+        std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, message.c_str());
+    }
+    std::fprintf(stderr, "Try '%s --help'.\n", program_invocation_short_name);
+    std::exit(exit_usage);
+}
+
+void print_version() {
+    std::printf("%s " COUNTERFEED_VERSION "\n", program_invocation_short_name);
+}
+
+void finish() {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        fail(exit_failure, std::string("can't write the output: ") + std::strerror(errno));
+    }
+    std::exit(EXIT_SUCCESS);
+}
+
+std::optional<std::uint64_t> parse_number(std::string_view text, std::uint64_t most) {
+    int base = 10;
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        base = 16;
+    } else if (text.starts_with("0b") || text.starts_with("0B")) {
+        base = 2;
+    }
+    if (base != 10) {
+        text.remove_prefix(2);
+    }
+    std::uint64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    return error == std::errc() && end == text.data() + text.size() && value <= most ? std::optional(value)
+                                                                                     : std::nullopt;
+}
+
+std::uint64_t number_argument(const char* option, const char* text, std::uint64_t least, std::uint64_t most) {
+    const std::optional<std::uint64_t> number = parse_number(text, most);
+    if (!number || *number < least) {
+        fail_usage(std::string(option) + " is a whole number from " + std::to_string(least) + " to " +
+                   std::to_string(most) + ", not \"" + text + "\"");
+    }
+    return *number;
+}
+
+}  // namespace qel::vexa::command_line

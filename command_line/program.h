@@ -1,0 +1,36 @@
+// How the tools end, complain and read numbers. Single-threaded, like the tools.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace qel::vexa::command_line {
+
+// Exit statuses beside success: what was asked for could not be had; the question makes no sense.
+inline constexpr int exit_failure = 1;
+inline constexpr int exit_usage = 2;
+
+// Prints "PROGRAM: message" on standard error and ends the process.
+[[noreturn]] void fail(int status, const std::string& message);
+
+// What every complaint about the command line ends with: points at --help, and ends with exit_usage. An empty
+// message stands for one that has been printed already.
+[[noreturn]] void fail_usage(const std::string& message);
+
+// The answer to --version.
+void print_version();
+
+// Ends the process with success, or with exit_failure when standard output could not take all that was
+// written.
+[[noreturn]] void finish();
+
+// A whole number, decimal or after 0x or 0b, and no larger than most; nothing for any other text.
+std::optional<std::uint64_t> parse_number(std::string_view text, std::uint64_t most);
+
+// The same for the value of an option. What is no such number ends the process, with the option's name and
+// the limits in the message.
+std::uint64_t number_argument(const char* option, const char* text, std::uint64_t least, std::uint64_t most);
+
+}  // namespace qel::vexa::command_line
