@@ -1,0 +1,385 @@
+// counterfeed-counters, run as a process, and the trace configs that it makes.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <perfetto.h>
+
+#include <bit>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "hwc/hwc_names.h"
+#include "hwc/measure_unit.h"
+#include "hwc/profiler.h"
+#include "tests/support/tool.h"
+#include "tests/support/tracing_service.h"
+
+namespace {
+
+using namespace qel::vexa;  // NOLINT(google-build-using-namespace)
+using hwc::saturating_double;
+using nlohmann::json;
+using test_support::run_tool;
+using test_support::tool_result;
+using testing::HasSubstr;
+using row = hwc::vexa_counter_descriptor;
+using arguments = std::vector<std::string>;
+
+constexpr unsigned product_of_table[] = {0, 1, 2, 5, 6, 7, 3, 4, 10};
+
+tool_result counters(unsigned product, arguments more) {
+    more.insert(more.begin(), {"--gpu", std::to_string(product)});
+    return run_tool(COUNTERS, more);
+}
+json list(unsigned product) {
+    return json::parse(counters(product, {"--json"}).out);
+}
+std::vector<std::uint32_t> ids_in(const std::string& config) {
+    std::vector<std::uint32_t> result;
+    const std::regex line("counter_ids: ([0-9]+)  # .");
+    for (std::sregex_iterator match(config.begin(), config.end(), line), end; match != end; ++match) {
+        result.push_back(static_cast<std::uint32_t>(std::stoul((*match)[1])));
+    }
+    return result;
+}
+
+TEST(Counters, EveryFormatHasAllRowsOfEveryProduct) {
+    for (const auto& [product, table] : hwc::product_tables) {
+        const auto number = static_cast<unsigned>(product);
+        const json rows = list(number);
+        const auto csv = test_support::read_csv(counters(number, {"-c"}).out);
+        std::istringstream lines(counters(number, {}).out);
+        std::string line;
+        std::getline(lines, line);
+        const std::size_t name_column = line.find("name");
+        ASSERT_EQ(rows.size(), table.get().size());
+        ASSERT_EQ(csv.size(), rows.size() + 1);
+        std::set<std::uint32_t> seen;
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            const row* expected = table.get().find(rows[i]["id"].get<std::uint32_t>());
+            ASSERT_NE(expected, nullptr);
+            EXPECT_TRUE(seen.insert(expected->id).second);
+            EXPECT_EQ(rows[i]["name"], expected->name);
+            EXPECT_EQ(rows[i]["description"], expected->description);
+            EXPECT_EQ(rows[i]["dependencies"], json(expected->dependencies));
+            ASSERT_EQ(csv[i + 1].size(), csv[0].size());
+            EXPECT_EQ(csv[i + 1].front(), std::to_string(expected->id));
+            EXPECT_EQ(csv[i + 1].back(), expected->description);
+            std::getline(lines, line);
+            EXPECT_EQ(line.find(std::string(expected->name) + " "), name_column) << line;
+        }
+        EXPECT_FALSE(std::getline(lines, line));
+    }
+}
+
+// Works out a written expression by the usual rules: products before sums, and both from left to right.
+class calculator {
+public:
+    using lookup = std::function<saturating_double(const std::string&)>;
+    calculator(const std::string& text, lookup value_of)
+        : rest_(std::regex_replace(text, std::regex("([(),])"), " $1 ")), value_of_(std::move(value_of)) {
+        next();
+    }
+    saturating_double sum() {
+        saturating_double value = product();
+        while (word_ == "+" || word_ == "-") {
+            const bool plus = take() == "+";
+            const saturating_double right = product();
+            value = plus ? value + right : value - right;
+        }
+        return value;
+    }
+
+private:
+    saturating_double product() {
+        saturating_double value = operand();
+        while (word_ == "*" || word_ == "/") {
+            const bool times = take() == "*";
+            const saturating_double right = operand();
+            value = times ? value * right : value / right;
+        }
+        return value;
+    }
+    saturating_double operand() {
+        const std::string word = take();
+        if (word != "max" && word != "(") {
+            return value_of_(word);
+        }
+        if (word == "(") {
+            const saturating_double value = sum();
+            EXPECT_EQ(take(), ")");
+            return value;
+        }
+        EXPECT_EQ(take(), "(");
+        const saturating_double a = sum();
+        EXPECT_EQ(take(), ",");
+        const saturating_double b = sum();
+        EXPECT_EQ(take(), ")");
+        return max(a, b);
+    }
+    std::string take() {
+        std::string taken = word_;
+        next();
+        return taken;
+    }
+    void next() {
+        word_.clear();
+        rest_ >> word_;
+    }
+
+    std::istringstream rest_;
+    lookup value_of_;
+    std::string word_;
+};
+
+TEST(Counters, ExpressionsSayWhatTheProfilerComputes) {
+    std::mt19937 random(8);
+    std::size_t derived = 0;
+    for (const unsigned number : product_of_table) {
+        const json rows = list(number);
+        std::error_code ec;
+        const hwc::product gpu(hardware::gpu_info{.product = hardware::product{number},
+                                                  .shader_core_count = 2,
+                                                  .shader_core_mask = 0b101,
+                                                  .l2_slice_count = 3,
+                                                  .bus_width_bytes = 16},
+                               ec);
+        hwc::profiler profiler(gpu, 5);
+        std::vector<std::uint32_t> sample(std::size_t{64} * (2 + 3 + 3));
+        std::map<std::string, const row*> by_hardware_name;
+        for (const json& each : rows) {
+            if (each["kind"] == "raw") {
+                by_hardware_name[each["expression"]] = gpu.counters->find(each["id"]);
+            }
+        }
+        std::set<std::uint32_t> read;
+        const auto value_of = [&](const std::string& word) {
+            if (const auto found = by_hardware_name.find(word); found != by_hardware_name.end()) {
+                read.insert(found->second->id);
+                return profiler.get_value_for_counter(sample.data(), *found->second);
+            }
+            return word == "BUS_WIDTH"      ? saturating_double(gpu.bus_width_bytes)
+                   : word == "L2_SLICES"    ? saturating_double(gpu.l2_slice_count)
+                   : word == "SHADER_CORES" ? saturating_double(gpu.shader_core_count)
+                                            : saturating_double::from(std::stod(word));
+        };
+        for (int round = 0; round < 20; ++round) {
+            for (std::uint32_t& word : sample) {
+                word = round == 0 ? 0 : static_cast<std::uint32_t>(random() >> random() % 32);
+            }
+            profiler.gpu_cycles = random();
+            for (const json& each : rows) {
+                if (each["kind"] == "derived") {
+                    derived += round == 0;
+                    read.clear();
+                    const row& expected = *gpu.counters->find(each["id"]);
+                    const double value = calculator(each["expression"], value_of).sum().value();
+                    ASSERT_EQ(std::bit_cast<std::uint64_t>(value),
+                              std::bit_cast<std::uint64_t>(
+                                  profiler.get_value_for_counter(sample.data(), expected).value()))
+                        << each["expression"];
+                    ASSERT_EQ(read, std::set(expected.dependencies.begin(), expected.dependencies.end()));
+                }
+            }
+        }
+    }
+    EXPECT_EQ(derived, 751U);
+}
+
+TEST(Counters, OneCounterIsShownInFullWithoutNeedlessParentheses) {
+    const struct {
+        unsigned product;
+        const char* name;
+        std::vector<const char*> texts;
+    } cases[] = {
+        {2,
+         "fpk killed quad percentage",
+         {"expression  (FRAG_QUADS_RAST - FRAG_QUADS_EZS_KILL - FRAG_WARPS * 8 * 0.25) / FRAG_QUADS_RAST * "
+          "100\n",
+          "unit        percent\n", "block       shader core\n", "\"Rasterized quads\"\n",
+          "This expression defines"}},
+        {0, "GPU utilization", {"GPU_ACTIVE / max(GPU_CYCLES, GPU_ACTIVE) * 100\n", "65535 GPU_CYCLES, "}},
+        {0, "FRAG_ACTIVE", {"hardware    FRAG_ACTIVE\n", "unit        none\n"}},
+    };
+    for (const auto& c : cases) {
+        const std::string shown = counters(c.product, {c.name}).out;
+        for (const char* const text : c.texts) {
+            EXPECT_THAT(shown, HasSubstr(text));
+        }
+    }
+}
+
+TEST(Counters, NamesAndFiltersChoose) {
+    const auto contains = [](const row& r, const char* word) {
+        return std::string(r.name).find(word) != std::string::npos ||
+               std::string(r.description).find(word) != std::string::npos;
+    };
+    const auto in_block = [](const row& r, std::uint32_t block) {
+        return (r.dependencies.empty() ? r.id : r.dependencies[0]) / 64 == block;
+    };
+    const struct {
+        arguments options;
+        std::function<bool(const row&)> fits;
+    } cases[] = {
+        {{"--default"}, [](const row& r) { return r.select_by_default; }},
+        {{"--raw"}, [](const row& r) { return r.id <= hwc::gpu_cycles_id; }},
+        {{"-e", "-u", "NONE"},
+         [](const row& r) {
+             return r.evaluator != nullptr && (r.numerator_units | r.denominator_units) == hwc::unit_none;
+         }},
+        {{"--unit=pixel"},
+         [](const row& r) {
+             return r.numerator_units == hwc::unit_pixel || r.denominator_units == hwc::unit_pixel;
+         }},
+        {{"--block", "memory-system"}, [&](const row& r) { return in_block(r, 2); }},
+        {{"-b", "Tiler", "-d"}, [&](const row& r) { return in_block(r, 1) && r.select_by_default; }},
+        {{"-s", "stall EXTERNAL"},
+         [&](const row& r) {
+             return contains(r, "stall") && (contains(r, "external") || contains(r, "External"));
+         }},
+        {{"gpu ACTIVE cycles", "0xc4", "65536", "frag_warps"},
+         [](const row& r) { return r.id == 6 || r.id == 196 || r.id == 65536 || r.id == 201; }},
+        {{"Fragment [ptu]*", "-r"},
+         [](const row& r) {
+             const std::string name = r.name;
+             return r.evaluator == nullptr && name.size() > 9 && name.starts_with("Fragment ") &&
+                    std::strchr("ptu", name[9]) != nullptr;
+         }},
+    };
+    for (const auto& c : cases) {
+        arguments options = c.options;
+        options.insert(options.end(), {"--gpu", "0x19002", "--json"});  // a GPU id with bits that don't count
+        std::set<std::uint32_t> expected;
+        for (const row& each : hwc::counter_tables[8 - 1]) {
+            if (c.fits(each)) {
+                expected.insert(each.id);
+            }
+        }
+        std::set<std::uint32_t> chosen;
+        for (const json& each : json::parse(run_tool(COUNTERS, options).out, nullptr, false)) {
+            chosen.insert(each["id"].get<std::uint32_t>());
+        }
+        EXPECT_FALSE(expected.empty()) << c.options[0];
+        EXPECT_EQ(chosen, expected) << c.options[0];
+    }
+}
+
+// The trace has in it the config that the service understood.
+TEST(Counters, ServiceTakesConfigs) {
+    namespace pbzero = perfetto::protos::pbzero;
+    const std::string config = counters(9, {"-C", "-d", "--period", "3", "--duration", "1"}).out;
+    const std::string trace = test_support::tracing_service().record(config);
+    std::vector<std::uint32_t> ids;
+    protozero::ProtoDecoder file(trace.data(), trace.size());
+    for (protozero::Field field = file.ReadField(); field.valid(); field = file.ReadField()) {
+        const pbzero::TracePacket::Decoder packet(field.as_bytes());
+        if (!packet.has_trace_config()) {
+            continue;
+        }
+        perfetto::protos::gen::TraceConfig understood;
+        ASSERT_TRUE(understood.ParseFromArray(packet.trace_config().data, packet.trace_config().size));
+        EXPECT_EQ(understood.duration_ms(), 1000U);
+        ASSERT_EQ(understood.data_sources().size(), 1U);
+        EXPECT_EQ(understood.data_sources()[0].config().name(), "gpu.counters");
+        const std::string& bytes = understood.data_sources()[0].config().gpu_counter_config_raw();
+        const pbzero::GpuCounterConfig::Decoder gpu(reinterpret_cast<const std::uint8_t*>(bytes.data()),
+                                                    bytes.size());
+        EXPECT_EQ(gpu.counter_period_ns(), 3'000'000U);
+        for (auto id = gpu.counter_ids(); id; ++id) {
+            ids.push_back(*id);
+        }
+    }
+    EXPECT_EQ(ids.size(), 94U);
+    EXPECT_EQ(ids, ids_in(config));
+}
+
+// The GPUs for which a config says that it is have its counters.
+TEST(Counters, ShippedConfigsFitTheirGpus) {
+    std::size_t files = 0;
+    std::multiset<std::string> gpus;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(TRACE_CONFIGS)) {
+        if (entry.path().extension() != ".txtpb") {
+            continue;
+        }
+        const std::string table = entry.path().parent_path().filename();
+        const hwc::counter_table& counters = hwc::counter_tables.at(std::stoul(table.substr(6)) - 1);
+        const std::string config = test_support::read_file(entry.path());
+        for (const std::uint32_t id : ids_in(config)) {
+            EXPECT_NE(counters.find(id), nullptr) << entry.path() << " " << id;
+        }
+        EXPECT_GT(ids_in(config).size(), 20U) << entry.path();
+        const std::regex gpu_id("0x[0-9a-f]{4}");
+        for (std::sregex_iterator match(config.begin(), config.end(), gpu_id), end; match != end; ++match) {
+            std::error_code ec;
+            const auto product = hardware::detail::to_product(std::stoul(match->str(), nullptr, 16), ec);
+            EXPECT_EQ(&hwc::product_tables.at(product).get(), &counters) << entry.path();
+            gpus.insert(match->str());
+        }
+        ++files;
+    }
+    EXPECT_EQ(files, 6U * hwc::table_count);
+    EXPECT_EQ(gpus.size(), 6U * 15U);
+}
+
+TEST(Counters, LinesEndAtTheTerminalsEdge) {
+    const test_support::temporary_folder folder;
+    test_support::run({.command = {"/usr/bin/script", "-qec",
+                                   "stty cols 60; " COUNTERFEED_EMULATOR " " COUNTERS " -g 1", "/dev/null"},
+                       .environment = {},
+                       .preload = {},
+                       .output = folder.file("out")});
+    std::istringstream lines(test_support::read_file(folder.file("out")));
+    std::size_t count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        EXPECT_LE(line.size(), 60U + 1) << line;  // and a carriage return
+    }
+    EXPECT_EQ(count, 276U);
+}
+
+TEST(Counters, Complaints) {
+    const struct {
+        arguments words;
+        int status;
+        const char* message;
+    } cases[] = {
+        {{"-g", "9", "Fragment utilisation"},
+         1,
+         "\"Fragment utilisation\"; the nearest are:\n  Fragment utilization\n"},
+        {{"-g", "9", "FRAG_ACTIV"}, 1, "are:\n  FRAG_ACTIVE\n"},
+        {{"-g", "9", "-C", "nothing*like*it"}, 1, "has no counter \"nothing*like*it\""},
+        {{"-g", "9", "-s", "walrus"}, 1, "no counter fits"},
+        {{"-g", "14"},
+         2,
+         "unknown GPU \"14\": give a product number from 0 to 13, or a GPU id, masked one of 0x7003"},
+        {{"-g", "0x9005"}, 2, "unknown GPU"},
+        {{"-g", "9x"}, 2, "unknown GPU"},
+        {{"-g", ""}, 2, "unknown GPU"},
+        {{"-g", "0x10000000000000009"}, 2, "unknown GPU"},
+        {{"FRAG_ACTIVE"}, 2, "--gpu"},
+        {{"-g", "9", "-u", "furlong"}, 2, "unknown unit \"furlong\": there are byte,"},
+        {{"-g", "9", "-b", "fpga"}, 2, "unknown block \"fpga\": there are job-manager,"},
+        {{"-g", "9", "-C", "-p", "0"}, 2, "--period is a whole number from 1 to 1000, not \"0\""},
+        {{"-g", "9", "-C", "-p", "1001"}, 2, "not \"1001\""},
+        {{"-g", "9", "-C", "-t", "-1"}, 2, "not \"-1\""},
+        {{"-g", "9", "-t", "5"}, 2, "go with --config"},
+        {{"-g", "9", "-C", "-j"}, 2, "--json"},
+        {{"--no-such-option"}, 2, "--help"},
+    };
+    for (const auto& c : cases) {
+        const tool_result result = run_tool(COUNTERS, c.words);
+        EXPECT_EQ(result.status, c.status) << c.message;
+        EXPECT_THAT(result.err, HasSubstr(c.message));
+        EXPECT_EQ(result.out, "") << c.message;
+    }
+    EXPECT_EQ(run_tool(COUNTERS, {"-g", "9"}, "/dev/null", "/dev/full").status, 1);
+    EXPECT_EQ(run_tool(COUNTERS, {"--help"}).out.rfind("Usage: counterfeed-counters ", 0), 0U);
+    EXPECT_EQ(run_tool(COUNTERS, {"-V"}).out.rfind("counterfeed-counters ", 0), 0U);
+}
+
+}  // namespace

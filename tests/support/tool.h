@@ -1,0 +1,22 @@
+// The command-line tools as their users meet them: processes, and what they print.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace test_support {
+
+struct tool_result {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+// Runs a program of this build to its end. Its output can go to a file of the test's choice instead.
+tool_result run_tool(const std::string& program, const std::vector<std::string>& arguments,
+                     const std::string& input = "/dev/null", const std::string& output = {});
+
+// The fields of each line of CSV. Lines end in a line feed.
+std::vector<std::vector<std::string>> read_csv(const std::string& text);
+
+}  // namespace test_support
