@@ -19,6 +19,7 @@ namespace {
 using namespace qel::vexa;  // NOLINT(google-build-using-namespace)
 using nlohmann::json;
 using test_support::run_tool;
+using test_support::words_of;
 using words = std::vector<std::uint32_t>;
 using arguments = std::vector<std::string>;
 
@@ -68,23 +69,10 @@ TEST_F(Evaluate, ValuesAreTheProfilers) {
             sample[i] = static_cast<std::uint32_t>(random() >> random() % 64);
             blocks[i / 64].push_back(sample[i]);
         }
-        const arguments options{"-g",
-                                std::to_string(number),
-                                "--core-mask",
-                                "0x" +
-                                    [mask] {
-                                        std::ostringstream text;
-                                        text << std::hex << mask;
-                                        return text.str();
-                                    }(),
-                                "-l",
-                                std::to_string(slices),
-                                "-b",
-                                std::to_string(gpu.bus_width_bytes),
-                                "--cycles",
-                                std::to_string(profiler.gpu_cycles),
-                                "--hw-version",
-                                std::to_string(version)};
+        const auto text = [](std::uint64_t each) { return std::to_string(each); };
+        const arguments options = words_of("-g|" + text(number) + "|--core-mask|" + text(mask) + "|-l|" +
+                                           text(slices) + "|-b|" + text(gpu.bus_width_bytes) + "|--cycles|" +
+                                           text(profiler.gpu_cycles) + "|--hw-version|" + text(version));
         const auto run = [&options](arguments more, const std::string& input = "/dev/null") {
             more.insert(more.begin(), options.begin(), options.end());
             return run_tool(EVALUATE, more, input).out;
@@ -133,76 +121,56 @@ TEST_F(Evaluate, NamedCountersAsATable) {
 }
 
 TEST_F(Evaluate, Complaints) {
-    const std::string block = "[" + [] {
-        std::string zeros = "0";
-        for (int i = 1; i < 64; ++i) {
-            zeros += ",0";
-        }
-        return zeros;
-    }() + "]";
+    const std::string block = json(words(64)).dump();
+    const std::string fitting(256 * 6, 'x');
     const struct {
-        arguments options;
         std::string name, content;
+        const char* more;
         int status;
         const char* message;
     } cases[] = {
-        {{}, "s", std::string(256 * 3, 'x'), 2, " has 3 blocks, but this GPU's samples have 6: "},
-        {{}, "s", std::string(256 * 7, 'x'), 2, " has 7 blocks, but"},
-        {{},
-         "s",
-         std::string(256 * 6 - 1, 'x'),
-         2,
-         " has 1535 bytes, which is no whole number of blocks of 256"},
-        {{}, "s", "", 2, " has 0 blocks"},
-        {{}, "s", std::string(17 << 20, 'x'), 2, "has more than 16777216 bytes"},
-        {{}, "s.json", "[1,2", 2, "is no JSON from byte 5 on"},
-        {{}, "s.json", "{}", 2, "holds no array of words or blocks, but something of the type object"},
-        {{}, "s.json", "[]", 2, " has 0 blocks"},
-        {{}, "s.json", "[1,2,3]", 2, " has 3 words, which is no whole number of blocks of 64"},
-        {{}, "s.json", "[" + block + ",[1]]", 2, "block 1 is no array of 64 words, but one of 1"},
-        {{},
-         "s.json",
-         "[" + block + ",7]",
-         2,
+        {"s", std::string(256 * 3, 'x'), "", 2, " has 3 blocks, but this GPU's samples have 6: "},
+        {"s", fitting + std::string(256, 'x'), "", 2, " has 7 blocks, but"},
+        {"s", std::string(1535, 'x'), "", 2, " has 1535 bytes, which is no whole number of blocks of 256"},
+        {"s", "", "", 2, " has 0 blocks"},
+        {"s", std::string(17 << 20, 'x'), "", 2, "has more than 16777216 bytes"},
+        {"s.json", "[1,2", "", 2, "is no JSON from byte 5 on"},
+        {"s.json", std::string(100000, '['), "", 2, "is no JSON"},
+        {"s.json", "{}", "", 2, "holds no array of words or blocks, but something of the type object"},
+        {"s.json", "[]", "", 2, " has 0 blocks"},
+        {"s.json", "[1,2,3]", "", 2, " has 3 words, which is no whole number of blocks of 64"},
+        {"s.json", "[" + block + ",[1]]", "", 2, "block 1 is no array of 64 words, but one of 1"},
+        {"s.json", "[" + block + ",7]", "", 2,
          "block 1 is no array of 64 words, but something of the type number"},
-        {{}, "s.json", "[0,4294967296]", 2, "word 1 is 4294967296, not a whole number from 0 to 4294967295"},
-        {{}, "s.json", "[0,-1]", 2, "word 1 is -1,"},
-        {{}, "s.json", "[0,0.5]", 2, "word 1 is 0.5,"},
-        {{}, "s.json", "[0,\"\\ud83d\\ude00\"]", 2, "word 1 is \"\\ud83d\\ude00\","},
-        {{}, "s.json", std::string(100000, '['), 2, "is no JSON"},
-        {{"-m", "0b12"}, "s", "", 2, "--core-mask is a whole number from 0 to 4294967295, not \"0b12\""},
-        {{"-m", "0x100000000"}, "s", "", 2, "--core-mask"},
-        {{"-l", "4294967295"}, "s", std::string(256 * 6, 'x'), 2, "samples have 4294967300: "},
-        {{"-y", "18446744073709551616"},
-         "s",
-         "",
-         2,
+        {"s.json", "[0,4294967296]", "", 2, "word 1 is 4294967296, not a whole number from 0 to 4294967295"},
+        {"s.json", "[0,-1]", "", 2, "word 1 is -1,"},
+        {"s.json", "[0,0.5]", "", 2, "word 1 is 0.5,"},
+        {"s.json", "[0,\"\\ud83d\\ude00\"]", "", 2, "word 1 is \"\\ud83d\\ude00\","},
+        {"s", fitting, "-m|0b12", 2, "--core-mask is a whole number from 0 to 4294967295, not \"0b12\""},
+        {"s", fitting, "-m|0x100000000", 2, "--core-mask"},
+        {"s", fitting, "-l|4294967295", 2, "samples have 4294967300: "},
+        {"s", fitting, "-y|18446744073709551616", 2,
          "--cycles is a whole number from 0 to 18446744073709551615"},
-        {{"-b", ""}, "s", "", 2, "--bus-width"},
-        {{"-v", "five"}, "s", "", 2, "--hw-version"},
-        {{"-g", "99"}, "s", "", 2, "unknown GPU"},
+        {"s", fitting, "--bus-width=", 2, "--bus-width"},
+        {"s", fitting, "-v|five", 2, "--hw-version"},
+        {"s", fitting, "-g|99", 2, "unknown GPU"},
+        {"s", fitting, "LINE", 1, "\"LINE\"; the nearest are:\n  LINES\n"},
     };
     const arguments gpu{"-g", "9", "-m", "0b101", "-l", "1", "-b", "16"};
+    const auto run_with = [&gpu](arguments more) {
+        more.insert(more.begin(), gpu.begin(), gpu.end());
+        return run_tool(EVALUATE, more);
+    };
     for (const auto& c : cases) {
-        arguments options = gpu;
-        options.insert(options.end(), c.options.begin(), c.options.end());
-        options.push_back(write(c.name, c.content));
-        const auto result = run_tool(EVALUATE, options);
+        const auto result = run_with(words_of(write(c.name, c.content) + "|" + c.more));
         EXPECT_EQ(result.status, c.status) << c.message;
         EXPECT_THAT(result.err, testing::HasSubstr(c.message));
-        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.out, "") << c.message;
     }
-    const std::string sample = write("s", std::string(256 * 6, '\0'));
-    EXPECT_EQ(run_tool(EVALUATE, {"-g", "9", sample}).status, 2);
-    arguments options = gpu;
-    EXPECT_EQ(run_tool(EVALUATE, options).status, 2);
-    options.push_back(folder.file("missing"));
-    EXPECT_EQ(run_tool(EVALUATE, options).status, 1);
-    options.back() = sample;
-    options.emplace_back("GPU activ cycles");
-    const auto result = run_tool(EVALUATE, options);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, testing::HasSubstr("are:\n  GPU active cycles\n"));
+    EXPECT_EQ(run_with({write("s", fitting)}).status, 0);
+    EXPECT_EQ(run_with({}).status, 2);
+    EXPECT_EQ(run_with({folder.file("missing")}).status, 1);
+    EXPECT_EQ(run_tool(EVALUATE, {"-g", "9", folder.file("s")}).status, 2);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "tests/support/tool.h"
 
+#include <sstream>
+
 #include "tests/support/process.h"
 
 namespace test_support {
@@ -22,6 +24,15 @@ tool_result run_tool(const std::string& program, const std::vector<std::string>&
     setup.command.insert(setup.command.end(), arguments.begin(), arguments.end());
     const int status = run(setup);
     return {.status = status, .out = output.empty() ? read_file(out) : "", .err = read_file(err)};
+}
+
+std::vector<std::string> words_of(const std::string& text) {
+    std::vector<std::string> words;
+    std::istringstream stream(text);
+    for (std::string word; std::getline(stream, word, '|');) {
+        words.push_back(word);
+    }
+    return words;
 }
 
 std::vector<std::vector<std::string>> read_csv(const std::string& text) {

@@ -16,6 +16,9 @@ struct tool_result {
 tool_result run_tool(const std::string& program, const std::vector<std::string>& arguments,
                      const std::string& input = "/dev/null", const std::string& output = {});
 
+// The parts of a text between vertical bars; none when it is empty.
+std::vector<std::string> words_of(const std::string& text);
+
 // The fields of each line of CSV. Lines end in a line feed.
 std::vector<std::vector<std::string>> read_csv(const std::string& text);
 
