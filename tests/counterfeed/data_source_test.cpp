@@ -6,9 +6,11 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <optional>
 #include <random>
 
 #include "counterfeed/src/vexa_gpu_data_source.h"
@@ -195,16 +197,22 @@ TEST_F(DataSource, SetupOrStartThatFails) {
     const log_lines begin_failed = {{6, tag, "Couldn't start because periodic sampling setup failed"}};
     const struct {
         const reader_factory* factory;
+        std::optional<virtual_gpu::request_kind>
+            refused;  // of the driver, whose reader takes the factory's place
         log_lines of_setup, of_start;
-    } cases[] = {{nullptr, setup_failed, not_set_up},
-                 {&factories[0], setup_failed, not_set_up},
-                 {&factories[1], setup_failed, not_set_up},
-                 {&factories[2], {}, begin_failed}};
+    } cases[] = {{nullptr, virtual_gpu::request_kind::reader_setup, setup_failed, not_set_up},
+                 {&factories[0], {}, setup_failed, not_set_up},
+                 {&factories[1], virtual_gpu::request_kind::reader_setup, setup_failed, not_set_up},
+                 {&factories[2], {}, {}, begin_failed},
+                 {nullptr, virtual_gpu::request_kind::set_interval, {}, begin_failed}};
     for (const auto& c : cases) {
+        if (c.refused) {
+            machine::fail(*c.refused, EIO);
+        }
         data_source source;
         source.set_up(number(2, 7), c.factory);
         EXPECT_EQ(take_log_lines(), c.of_setup);
-        EXPECT_EQ(readers, c.of_setup.empty() ? 1 : 0);
+        EXPECT_EQ(source.reader != nullptr, c.of_setup.empty());
         source.begin();
         EXPECT_EQ(take_log_lines(), c.of_start);
         EXPECT_TRUE(!source.reader && readers == 0 && !source.poll_thread.joinable());
@@ -218,6 +226,7 @@ TEST_F(DataSource, ReportsNameTheirPlace) {
         [&places](const stx::source_location& place, logging::priority, logging::tag, std::string_view) {
             places.push_back(place.file + std::string(" ") + place.function);
         });
+    machine::fail(virtual_gpu::request_kind::reader_setup, EIO);
     data_source source;
     source.set_up("", nullptr);
     source.begin();
@@ -265,9 +274,9 @@ TEST_F(DataSource, ThreadThatEndsEarly) {
 
 TEST_F(DataSource, StopDoesNotWaitForThePeriod) {
     const reader_factory factory = make_factory(test_support::every(1'000'000'000));
-    for (const useconds_t delay : {0U, 20000U}) {
+    for (const useconds_t delay : {0U, 20000U, 1U, 20001U}) {
         data_source source;
-        source.set_up("", &factory);
+        source.set_up(number(1, 1'000'000'000), delay % 2 == 0 ? &factory : nullptr);
         source.begin();
         ::usleep(delay);
         const auto begin = std::chrono::steady_clock::now();
@@ -277,20 +286,27 @@ TEST_F(DataSource, StopDoesNotWaitForThePeriod) {
     }
 }
 
+// Stopped at a thousand moments of a sample's life, which lasts a millisecond.
 TEST_F(DataSource, ManySessionsLeaveNothingBehind) {
+    const reader_factory none = [] { return nullptr; };
+    std::ptrdiff_t driver_samples = 0;
     held_resources before{};
-    for (int session = 0; session < 110; ++session) {
+    for (useconds_t session = 0; session < 1010; ++session) {
         if (session == 10) {
             before = held_resources::now();
         }
         data_source source;
-        source.set_up(number(2, 5), &factory_);
+        source.set_up(number(1, 1000000) + number(2, 5), session % 2 == 0 ? &none : nullptr);
         source.begin();
-        if (session % 4 == 0) {
-            EXPECT_TRUE(wait_for(samples, 1));
-        }
+        ::usleep(session * 37 % 3000);
         source.stop();
+        ASSERT_FALSE(source.reader || source.poll_thread.joinable());
+        driver_samples += std::ranges::count(machine::requests(), virtual_gpu::request_kind::put_buffer,
+                                             &virtual_gpu::request_record::kind);
+        machine::clear_requests();
     }
+    EXPECT_GT(driver_samples, 500);
+    EXPECT_EQ(machine::open_now(), virtual_gpu::open_counts{});
     // A thread that is joined may take a moment more to leave the kernel's list.
     EXPECT_TRUE(test_support::eventually([&before] { return held_resources::now().nothing_beyond(before); }))
         << testing::PrintToString(held_resources::now()) << " beyond " << testing::PrintToString(before);
