@@ -15,21 +15,12 @@ namespace {
 
 using namespace qel::vexa;  // NOLINT(google-build-using-namespace)
 using test_support::eventually;
+using test_support::launcher_setup;
 using test_support::process;
 using test_support::process_setup;
 using test_support::read_file;
 using test_support::temporary_folder;
 using test_support::tracing_service;
-
-process_setup launcher(const std::string& gpu, const std::string& output,
-                       std::vector<std::string> environment = {}) {
-    environment.push_back("VIRTUAL_GPU=" + gpu);
-    return {.command = {COUNTERFEED_LAUNCHER, COUNTERFEED_LIBRARY},
-            .environment = std::move(environment),
-            .preload = COUNTERFEED_VIRTUAL_GPU,
-            .output = output,
-            .of_this_build = true};
-}
 
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> result;
@@ -48,7 +39,7 @@ TEST(Launcher, GivesUpAfterOneLogLineWithoutAGpu) {
     const std::string output = folder.file("output");
     for (const char* gpu : {"none", "id=0x7004", "id=0x0ff0"}) {
         EXPECT_EQ(test_support::run(
-                      launcher(gpu, output, {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("nobody")})),
+                      launcher_setup(gpu, output, {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("nobody")})),
                   1);
         const std::vector<std::string> lines = lines_of(read_file(output));
         ASSERT_EQ(lines.size(), 2U) << gpu;
@@ -61,7 +52,7 @@ TEST(Launcher, GivesUpAfterOneLogLineWithoutAGpu) {
 TEST(Launcher, ParksInSilenceWithoutAService) {
     const temporary_folder folder;
     const std::string output = folder.file("output");
-    process running(launcher(
+    process running(launcher_setup(
         "", output,
         {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("nobody"), "VIRTUAL_GPU_SEAM=" + folder.file("seam")}));
     EXPECT_TRUE(eventually([&] { return !read_file(folder.file("seam")).empty(); }));
@@ -72,7 +63,7 @@ TEST(Launcher, ParksInSilenceWithoutAService) {
 
 TEST(Launcher, SaysWhenItHasNoLibrary) {
     const temporary_folder folder;
-    process_setup setup = launcher("none", folder.file("output"));
+    process_setup setup = launcher_setup("none", folder.file("output"), {});
     setup.command[1] = "/nonexistent.so";
     EXPECT_EQ(test_support::run(setup), 1);
     EXPECT_NE(read_file(folder.file("output")).find("/nonexistent.so"), std::string::npos);
@@ -88,7 +79,7 @@ TEST(Launcher, EveryProductIsOfferedWithItsWholeTable) {
                     {"0xa004", 321}, {"0xa003", 321}, {"0xa007", 321}, {"0xa002", 321}, {"0x9003", 289}};
     for (const auto& product : products) {
         const tracing_service service;
-        const process running(launcher(std::string("id=") + product.id, "", service.environment()));
+        const process running(launcher_setup(std::string("id=") + product.id, "", service.environment()));
         std::vector<report::counter_description> offered;
         ASSERT_TRUE(eventually([&] {
             offered = report::read_offered_counters(service.query());

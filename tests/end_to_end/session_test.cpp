@@ -5,8 +5,6 @@
 #include <perfetto.h>
 #include <stdlib.h>
 
-#include <bit>
-#include <map>
 #include <mutex>
 #include <thread>
 
@@ -14,8 +12,8 @@
 #include "counterfeed/src/start.h"
 #include "hwc/hwc_names.h"
 #include "hwc/product.h"
-#include "hwc/profiler.h"
 #include "report/trace_file.h"
+#include "tests/end_to_end/formula_values.h"
 #include "tests/support/platform_log.h"
 #include "tests/support/readers.h"
 #include "tests/support/resources.h"
@@ -82,14 +80,10 @@ std::string config_text(const std::vector<std::uint32_t>& ids, const reader_fact
         const std::lock_guard held(meeting);
         test_factory = factory;
     }
-    std::string result =
-        "buffers { size_kb: 16384 } data_sources { config { name: \"gpu.counters\" gpu_counter_config {";
-    for (const std::uint32_t id : ids) {
-        result += " counter_ids: " + std::to_string(id);
-    }
-    return result + " } for_testing { dummy_fields { field_uint64: " +
-           std::to_string(reinterpret_cast<std::uintptr_t>(&published_factory)) +
-           " } } } } duration_ms: " + std::to_string(duration_ms);
+    return test_support::session_config(
+        ids, duration_ms, "",
+        "for_testing { dummy_fields { field_uint64: " +
+            std::to_string(reinterpret_cast<std::uintptr_t>(&published_factory)) + " } }");
 }
 
 // Delivers given samples at once, and then waits for the interrupt.
@@ -233,61 +227,11 @@ TEST_F(Sessions, AllRowsOfAllProducts) {
         ASSERT_EQ(sequence.counters.size(), product.counters->size());
         ASSERT_EQ(sequence.samples.size(), 20U);
 
-        hwc::profiler profiler(product, 5);
-        const virtual_gpu::sample_layout layout(gpu);
-        std::vector<std::uint32_t> words(layout.word_count());
-        for (std::size_t n = 0; n < sequence.samples.size(); ++n) {
-            const std::uint64_t sample_number = n + 1;  // the first sample only sets the time base
-            for (std::size_t w = 0; w < words.size(); ++w) {
-                words[w] = virtual_gpu::formula_word(sample_number, w / 64, w % 64);
-            }
-            profiler.gpu_cycles = virtual_gpu::formula_cycles(sample_number);
-            ASSERT_EQ(sequence.samples[n].values.size(), all_ids.size());
-            for (const report::counter_value& value : sequence.samples[n].values) {
-                const hwc::vexa_counter_descriptor& row = *product.counters->find(value.id);
-                double expected = profiler.get_value_for_counter(words.data(), row).value();
-                expected = row.evaluator != nullptr ? std::max(expected, 0.0) : expected;
-                expected = row.numerator_units == 37 ? std::min(expected, 100.0) : expected;
-                ASSERT_EQ(std::bit_cast<std::uint64_t>(value.value), std::bit_cast<std::uint64_t>(expected))
-                    << row.name << " of GPU " << std::hex << ids[i];
-            }
-        }
+        test_support::expect_formula_values(sequence, product, gpu);
     }
     EXPECT_EQ(products, 0x3fffU);
     machine::remove_node(0);
     machine::add_node(0, {});
-}
-
-// Each session has its own thread and selection, and receives what its neighbours write as well.
-TEST_F(Sessions, SeveralAtTheSameTime) {
-    const reader_factory factory = [] { return test_support::formula_reader(every(2'000'000)); };
-    std::vector<std::unique_ptr<test_support::process>> recordings;
-    constexpr unsigned session_count = 4;
-    for (unsigned i = 0; i < session_count; ++i) {
-        recordings.push_back(service().start_recording(config_text({6, 70 + i}, factory, 1500),
-                                                       service().folder.file("several" + std::to_string(i))));
-    }
-    for (const auto& recording : recordings) {
-        EXPECT_EQ(recording->wait(), 0);
-    }
-    for (unsigned i = 0; i < session_count; ++i) {
-        const auto sequences = report::read_counters(
-            test_support::read_file(service().folder.file("several" + std::to_string(i))));
-        ASSERT_TRUE(sequences);
-        std::map<std::uint32_t, std::size_t> samples_of_counter;  // that only one session asked for
-        bool own_is_described = false;
-        for (const auto& [sequence_number, sequence] : *sequences) {
-            own_is_described |= sequence.counters.size() == 2 && sequence.counters[1].id == 70 + i;
-            for (const report::counter_sample& sample : sequence.samples) {
-                ASSERT_EQ(sample.values.size(), 2U);
-                EXPECT_EQ(sample.values[0].id, 6U);
-                ++samples_of_counter[sample.values[1].id];
-            }
-        }
-        EXPECT_TRUE(own_is_described) << i;
-        EXPECT_EQ(samples_of_counter.size(), session_count);
-        EXPECT_GT(samples_of_counter[70 + i], 50U);
-    }
 }
 
 TEST_F(Sessions, AHundredInARowLeaveNothingBehind) {

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 
 namespace test_support {
 
@@ -29,6 +30,16 @@ temporary_folder::~temporary_folder() {
 std::string read_file(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+process_setup launcher_setup(const std::string& gpu, const std::string& output,
+                             std::vector<std::string> environment) {
+    environment.push_back("VIRTUAL_GPU=" + gpu);
+    return {.command = {COUNTERFEED_LAUNCHER, COUNTERFEED_LIBRARY},
+            .environment = std::move(environment),
+            .preload = COUNTERFEED_VIRTUAL_GPU,
+            .output = output,
+            .of_this_build = true};
 }
 
 process::process(const process_setup& setup) {

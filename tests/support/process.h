@@ -36,6 +36,10 @@ struct process_setup {
     bool of_this_build = false;  // for this build's processor, and so under the emulator where there is one
 };
 
+// The launcher with this build's library, on the machine that VIRTUAL_GPU describes.
+process_setup launcher_setup(const std::string& gpu, const std::string& output,
+                             std::vector<std::string> environment);
+
 // A running program. Killed at the end if it still runs.
 class process {
 public:

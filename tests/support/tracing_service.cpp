@@ -18,11 +18,30 @@ std::string unused_file(const temporary_folder& folder, const char* kind) {
 
 }  // namespace
 
-tracing_service::tracing_service()
-    : service_(std::make_unique<process>(process_setup{.command = {COUNTERFEED_TRACING_SERVICE "/traced"},
+std::string session_config(const std::vector<std::uint32_t>& ids, unsigned duration_ms,
+                           const std::string& counter_details, const std::string& source_details) {
+    std::string result = "buffers { size_kb: 65536 } ";
+    if (duration_ms != 0) {
+        result += "duration_ms: " + std::to_string(duration_ms);
+    }
+    result += " data_sources { config { name: \"gpu.counters\" gpu_counter_config { " + counter_details;
+    for (const std::uint32_t id : ids) {
+        result += " counter_ids: " + std::to_string(id);
+    }
+    return result + " } " + source_details + " } }";
+}
+
+tracing_service::tracing_service() {
+    restart();
+}
+
+void tracing_service::restart() {
+    service_.reset();
+    std::filesystem::remove(folder.file("consumer"));
+    service_ = std::make_unique<process>(process_setup{.command = {COUNTERFEED_TRACING_SERVICE "/traced"},
                                                        .environment = environment(),
                                                        .preload = {},
-                                                       .output = folder.file("traced.log")})) {
+                                                       .output = folder.file("traced.log")});
     EXPECT_TRUE(eventually([this] { return std::filesystem::exists(folder.file("consumer")); }));
 }
 

@@ -1,6 +1,7 @@
 // A tracing service of a test's own, and its consumer.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +10,11 @@
 
 namespace test_support {
 
+// The text config of a session with these counters. The details are more fields of the counters' config and
+// of the data source's. 0 is for no duration.
+std::string session_config(const std::vector<std::uint32_t>& ids, unsigned duration_ms,
+                           const std::string& counter_details = "", const std::string& source_details = "");
+
 // The real service, on sockets in a folder of its own.
 class tracing_service {
 public:
@@ -16,6 +22,9 @@ public:
     ~tracing_service();
     tracing_service(const tracing_service&) = delete;
     tracing_service& operator=(const tracing_service&) = delete;
+
+    // Kills the service and starts another one in its place.
+    void restart();
 
     // What a producer or consumer needs to find it.
     std::vector<std::string> environment() const;
