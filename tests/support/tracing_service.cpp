@@ -20,11 +20,15 @@ std::string unused_file(const temporary_folder& folder, const char* kind) {
 
 std::string session_config(const std::vector<std::uint32_t>& ids, unsigned duration_ms,
                            const std::string& counter_details, const std::string& source_details) {
-    std::string result = "buffers { size_kb: 65536 } ";
-    if (duration_ms != 0) {
-        result += "duration_ms: " + std::to_string(duration_ms);
-    }
-    result += " data_sources { config { name: \"gpu.counters\" gpu_counter_config { " + counter_details;
+    return "buffers { size_kb: 65536 } " +
+           (duration_ms != 0 ? "duration_ms: " + std::to_string(duration_ms) : "") +
+           data_source_config(ids, counter_details, source_details);
+}
+
+std::string data_source_config(const std::vector<std::uint32_t>& ids, const std::string& counter_details,
+                               const std::string& source_details) {
+    std::string result =
+        " data_sources { config { name: \"gpu.counters\" gpu_counter_config { " + counter_details;
     for (const std::uint32_t id : ids) {
         result += " counter_ids: " + std::to_string(id);
     }

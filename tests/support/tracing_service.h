@@ -11,9 +11,11 @@
 namespace test_support {
 
 // The text config of a session with these counters. The details are more fields of the counters' config and
-// of the data source's. 0 is for no duration.
+// of the data source's. A duration of 0 is none. More data sources may follow.
 std::string session_config(const std::vector<std::uint32_t>& ids, unsigned duration_ms,
                            const std::string& counter_details = "", const std::string& source_details = "");
+std::string data_source_config(const std::vector<std::uint32_t>& ids, const std::string& counter_details = "",
+                               const std::string& source_details = "");
 
 // The real service, on sockets in a folder of its own.
 class tracing_service {
