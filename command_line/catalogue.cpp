@@ -145,6 +145,7 @@ gpu gpu_argument(const char* text) {
 
 std::vector<gpu> all_gpus() {
     std::vector<gpu> result;
+    result.reserve(hwc::product_tables.size());
     for (const auto& [product, table] : hwc::product_tables) {
         result.push_back(make_gpu(product));
     }

@@ -1,7 +1,6 @@
 #include "command_line/program.h"
 
-#include <errno.h>
-
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>

@@ -184,6 +184,7 @@ hwc::profiler make_profiler(const request& asked) {
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): none is thrown but for want of memory, which may well end it
 int main(int argument_count, char** arguments) {
     const request asked = read_command_line(argument_count, arguments);
     const std::vector<counter> chosen = counters_named(*asked.of, asked.names);

@@ -1,8 +1,7 @@
 #include "evaluate/sample_file.h"
 
-#include <errno.h>
-
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
