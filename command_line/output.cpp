@@ -8,6 +8,8 @@
 #include <sstream>
 #include <vector>
 
+#include "command_line/program.h"
+
 namespace qel::vexa::command_line {
 
 namespace {
@@ -99,6 +101,25 @@ void print_table(const rows& data, std::initializer_list<const char*> columns) {
 }
 
 }  // namespace
+
+void take_common_option(int option, format& how, const char* usage) {
+    switch (option) {
+        case 'j':
+            how = format::json;
+            break;
+        case 'c':
+            how = format::csv;
+            break;
+        case 'h':
+            std::fputs(usage, stdout);
+            finish();
+        case 'V':
+            print_version();
+            finish();
+        default:
+            fail_usage("");
+    }
+}
 
 void print(const rows& data, format how, std::initializer_list<const char*> table_columns) {
     switch (how) {

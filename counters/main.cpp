@@ -169,12 +169,6 @@ request read_command_line(int argument_count, char** arguments) {
             case 'D':
                 result.what = action::details;
                 break;
-            case 'j':
-                result.how = format::json;
-                break;
-            case 'c':
-                result.how = format::csv;
-                break;
             case 'C':
                 result.what = action::config;
                 break;
@@ -190,14 +184,8 @@ request read_command_line(int argument_count, char** arguments) {
             case 'G':
                 result.what = action::list_gpus;
                 break;
-            case 'h':
-                std::fputs(usage, stdout);
-                finish();
-            case 'V':
-                print_version();
-                finish();
             default:
-                fail_usage("");
+                take_common_option(option, result.how, usage);
         }
     }
     result.names.assign(arguments + optind, arguments + argument_count);

@@ -122,20 +122,8 @@ request read_command_line(int argument_count, char** arguments) {
             case 'r':
                 result.raw = true;
                 break;
-            case 'j':
-                result.how = format::json;
-                break;
-            case 'c':
-                result.how = format::csv;
-                break;
-            case 'h':
-                std::fputs(usage, stdout);
-                finish();
-            case 'V':
-                print_version();
-                finish();
             default:
-                fail_usage("");
+                take_common_option(option, result.how, usage);
         }
     }
     if (!result.of || !result.core_mask || !result.l2_slices || !result.bus_width) {
