@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 #include <map>
 #include <optional>
 #include <string>
@@ -9,7 +10,8 @@
 
 namespace qel::vexa::report {
 
-// A counter as its producer describes it.
+// A counter as its producer describes it. The texts are valid UTF-8 without control characters, whatever the
+// file holds.
 struct counter_description {
     std::uint32_t id = 0;
     std::string name;
@@ -20,6 +22,9 @@ struct counter_description {
 
     // "percent", "byte/pixel"; empty for a plain count.
     std::string unit() const;
+
+    // The hardware block that counts it, which its id tells, or "Derived".
+    const char* block() const;
 };
 
 struct counter_value {
@@ -32,15 +37,39 @@ struct counter_sample {
     std::vector<counter_value> values;
 };
 
-// What one sampling thread wrote. A session also receives what its neighbours write, each on a sequence of
-// its own.
+// Bytes of a file that can't be read, and why.
+struct unreadable_part {
+    std::uint64_t offset;
+    std::uint64_t size;
+    std::string reason;
+};
+
+// Takes what a trace holds while it is read. Each sampling thread wrote a sequence of its own, with a number
+// that the service gave it: a session also receives what its neighbours write.
+class trace_listener {
+public:
+    virtual ~trace_listener() = default;
+
+    // What a sequence's samples hold, in their order. It comes before them unless it was lost.
+    virtual void on_counters(std::uint32_t sequence, const std::vector<counter_description>& counters) = 0;
+    virtual void on_sample(std::uint32_t sequence, const counter_sample& sample) = 0;
+    virtual void on_unreadable(const unreadable_part& /*part*/) {}
+    // Now and then: the number of bytes that are behind the reader.
+    virtual void on_progress(std::uint64_t /*bytes*/) {}
+};
+
+// Reads a trace from the stream's position to its end, a piece at a time: it never holds more than a packet
+// of the largest size. Where bytes are damaged it goes on at the next place where a packet begins. Gives the
+// number of whole packets, of any kind; none means that this is no trace.
+std::uint64_t read_trace(std::istream& file, trace_listener& listener);
+
 struct counter_sequence {
     std::vector<counter_description> counters;  // in the order in which the samples have them
     std::vector<counter_sample> samples;
 };
 
-// The sequences of a recorded trace, by the number that the service gave them. A trace that was cut short
-// gives what is whole of it. Nothing when the bytes are not a trace at all.
+// The sequences of a short trace, by number. A trace that was cut short gives what is whole of it. Nothing
+// when the bytes are not a trace at all.
 std::optional<std::map<std::uint32_t, counter_sequence>> read_counters(const std::string& trace);
 
 // The counters of the first "gpu.counters" data source in the state of a service, as its query gives it.

@@ -1,0 +1,156 @@
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <ostream>
+#include <string_view>
+
+#include "report/page_parts.h"
+#include "report/writers.h"
+
+namespace qel::vexa::report {
+
+namespace {
+
+// A JSON text that may stand in a script element: nothing in it ends the element.
+std::string json_text(std::string_view text) {
+    std::string result = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            result += '\\';
+            result += c;
+        } else if (c == '<' || static_cast<unsigned char>(c) < 0x20) {
+            constexpr const char* digits = "0123456789abcdef";
+            result += "\\u00";
+            result += digits[static_cast<unsigned char>(c) >> 4];
+            result += digits[c & 0xf];
+        } else {
+            result += c;
+        }
+    }
+    return result + '"';
+}
+
+// Numbers as base64 of their little-endian bytes: half the size of their digits, and quick to read.
+class base64_numbers {
+public:
+    void add(float value) { add_bytes(std::bit_cast<std::uint32_t>(value), sizeof value); }
+    void add(double value) { add_bytes(std::bit_cast<std::uint64_t>(value), sizeof value); }
+
+    std::string finish() {
+        if (bits_ != 0) {
+            put((word_ << (6 - bits_)) & 0x3fU);
+        }
+        text_.resize((text_.size() + 3) / 4 * 4, '=');
+        return '"' + text_ + '"';
+    }
+
+private:
+    void add_bytes(std::uint64_t value, std::size_t count) {
+        for (; count != 0; --count, value >>= 8) {
+            word_ = word_ << 8 | (value & 0xffU);
+            bits_ += 8;
+            while (bits_ >= 6) {
+                bits_ -= 6;
+                put(word_ >> bits_ & 0x3fU);
+            }
+            word_ &= 0x3fU;
+        }
+    }
+    void put(std::uint64_t six_bits) {
+        text_ += "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"[six_bits];
+    }
+
+    std::string text_;
+    std::uint64_t word_ = 0;
+    unsigned bits_ = 0;
+};
+
+// One number of each bin; not-a-number where a bin has no value.
+template <typename Number>
+std::string numbers_of(const counter_series& series, std::size_t count, Number number) {
+    constexpr double limit = std::numeric_limits<float>::max();
+    base64_numbers result;
+    for (std::size_t i = 0; i < count; ++i) {
+        const bool is_there = i < series.bins.size() && series.bins[i].count != 0;
+        result.add(is_there ? static_cast<float>(std::clamp(number(series.bins[i]), -limit, limit))
+                            : std::numeric_limits<float>::quiet_NaN());
+    }
+    return result.finish();
+}
+
+void write_series(std::ostream& out, const counter_series& series, const sequence_summary& summary) {
+    const counter_description& counter = series.counter;
+    out << "{\"id\":" << counter.id << ",\"name\":" << json_text(counter.name)
+        << ",\"description\":" << json_text(counter.description) << ",\"unit\":" << json_text(counter.unit())
+        << ",\"block\":" << json_text(counter.block())
+        << ",\"selected\":" << (counter.select_by_default ? "true" : "false")
+        << ",\"count\":" << series.total.count;
+    if (series.total.count != 0) {
+        const std::size_t bins = summary.bin_times.size();
+        out << ",\"min\":" << exact_number(series.total.least)
+            << ",\"mean\":" << exact_number(series.total.mean())
+            << ",\"max\":" << exact_number(series.total.most)
+            << ",\"means\":" << numbers_of(series, bins, [](const value_range& bin) { return bin.mean(); });
+        if (summary.samples_per_bin > 1) {
+            out << ",\"mins\":" << numbers_of(series, bins, [](const value_range& bin) { return bin.least; })
+                << ",\"maxs\":" << numbers_of(series, bins, [](const value_range& bin) { return bin.most; });
+        }
+    }
+    out << '}';
+}
+
+void write_data(std::ostream& out, const page_source& source) {
+    std::uint64_t origin = std::numeric_limits<std::uint64_t>::max();
+    for (const auto& [number, summary] : source.sequences) {
+        if (summary.samples != 0) {
+            origin = std::min(origin, summary.first);
+        }
+    }
+    out << "{\"file\":" << json_text(source.file) << ",\"size\":" << source.file_size << ",\"origin\":\""
+        << origin << "\",\"problems\":[";
+    for (std::size_t i = 0; i < source.problems.size(); ++i) {
+        out << (i == 0 ? "" : ",") << json_text(source.problems[i]);
+    }
+    out << "],\"sequences\":[";
+    bool is_first = true;
+    for (const auto& [number, summary] : source.sequences) {
+        if (summary.samples == 0) {
+            continue;
+        }
+        base64_numbers times;
+        for (const std::uint64_t time : summary.bin_times) {
+            times.add(static_cast<double>(time - origin) / 1e9);
+        }
+        out << (is_first ? "" : ",") << "\n{\"number\":" << number << ",\"samples\":" << summary.samples
+            << ",\"samplesPerBin\":" << summary.samples_per_bin
+            << ",\"first\":" << exact_number(static_cast<double>(summary.first - origin) / 1e9)
+            << ",\"times\":" << times.finish() << ",\"counters\":[";
+        for (std::size_t i = 0; i < summary.series.size(); ++i) {
+            out << (i == 0 ? "\n" : ",\n");
+            write_series(out, summary.series[i], summary);
+        }
+        out << "]}";
+        is_first = false;
+    }
+    out << "]}";
+}
+
+}  // namespace
+
+void write_page(std::ostream& out, const page_source& source) {
+    std::string_view rest = page_html;
+    const auto write_up_to = [&out, &rest](std::string_view mark) {
+        const std::size_t end = rest.find(mark);
+        out << rest.substr(0, end);
+        rest.remove_prefix(end + mark.size());
+    };
+    write_up_to("/* page.css */");
+    out << page_css;
+    write_up_to("/* data */");
+    write_data(out, source);
+    write_up_to("/* page.js */");
+    out << page_js << rest;
+}
+
+}  // namespace qel::vexa::report
