@@ -219,7 +219,7 @@
     context.fill(area);
     context.globalAlpha = 1;
     context.strokeStyle = hue;
-    context.lineWidth = 1.25;
+    context.lineWidth = last - first < width / 1.5 ? 1.5 : 1;
     context.lineJoin = "round";
     context.stroke(line);
   }
@@ -257,7 +257,7 @@
       drawSeries(context, counter, view, scale, width, height, colors.get(row.hue));
       context.restore();
     }
-    row.top.textContent = short(scale.top, counter.unit);
+    row.top.textContent = counter.max > 0 || counter.unit === "percent" ? short(scale.top, counter.unit) : "";
     for (const key of ["min", "mean", "max"]) row.cells[key].textContent = short(stats[key], counter.unit);
     row.plot.setAttribute("aria-label", `Chart of ${counter.name}: minimum ${short(stats.min, counter.unit)}, ` +
       `mean ${short(stats.mean, counter.unit)}, maximum ${short(stats.max, counter.unit)}`);
@@ -421,7 +421,7 @@
     row.what = element("button", "what", counter.name);
     row.what.type = "button";
     row.what.setAttribute("aria-expanded", "false");
-    row.pin = element("button", "pin", "📌\ufe0e");
+    row.pin = element("button", "pin", pinned.has(counter) ? "★" : "☆");
     row.pin.type = "button";
     row.pin.title = "Pin to the top";
     row.pin.setAttribute("aria-label", `Pin ${counter.name} to the top`);
@@ -484,6 +484,12 @@
       (show !== "selected" || counter.selected) && (show !== "changing" || counter.max > counter.min);
   }
 
+  // What stays at the top of the screen must not cover what is scrolled to. On a phone that is the time alone.
+  function measureHeader() {
+    const height = document.querySelector("header").offsetHeight || document.querySelector(".time").offsetHeight;
+    document.documentElement.style.setProperty("--header", `${height}px`);
+  }
+
   // Lays the page out anew. The row of one counter keeps the focus.
   function build(focused) {
     const byUnit = document.querySelector("input[name=group]:checked").value === "unit";
@@ -513,7 +519,7 @@
       const heading = element("h2", "group");
       const button = element("button", "", name);
       button.type = "button";
-      button.append(element("small", "", String(counters.length)));
+      button.append(" ", element("small", "", String(counters.length)));
       heading.append(button);
       const list = element("div", "rows");
       const fold = (isFolded) => {
@@ -543,7 +549,7 @@
     byId("found").textContent = `${wanted.length + pinned.size} of ${sequence.counters.length} counters`;
     const row = focused && rows.find((each) => each.counter === focused);
     if (row) row.article.focus({ preventScroll: true });
-    document.documentElement.style.setProperty("--header", `${document.querySelector("header").offsetHeight}px`);
+    measureHeader();
     schedule();
   }
 
@@ -755,7 +761,7 @@
   byId("session").value = largest;
   openSequence(largest);
   new ResizeObserver(() => {
-    document.documentElement.style.setProperty("--header", `${document.querySelector("header").offsetHeight}px`);
+    measureHeader();
     schedule();
   }).observe(document.body);
 })();

@@ -220,6 +220,10 @@ bool read_packet(ConstBytes bytes, packet_content& content) {
             case pbzero::TracePacket::kCompressedPacketsFieldNumber:
                 content.compressed = is_bytes(field) ? field.as_bytes() : ConstBytes{};
                 return is_bytes(field);
+            case pbzero::TracePacket::kFtraceEventsFieldNumber:
+                // What the service adds stands last. What looks like this field behind it is the next packet,
+                // swallowed by a damaged length.
+                return content.sequence == 0;
             default:
                 return true;
         }
@@ -332,6 +336,9 @@ private:
     void read_next() {
         const packet_frame frame = read_frame(window_.at_least(max_header));
         const std::size_t total = frame.total();
+        const std::uint64_t offset = window_.position();
+        // Where the next packet begins if the length of this one is right.
+        std::optional<std::uint64_t> next;
         std::string reason;
         if (frame.header == 0) {
             reason = "no packet begins here";
@@ -340,21 +347,19 @@ private:
         } else {
             const ConstBytes packet{bytes.data() + frame.header, frame.size};
             const char* fault = read_packet(packet, content_) ? deliver(content_, true) : "malformed packet";
-            packet_count_ += fault == nullptr ? 1U : 0U;
-            const std::uint64_t offset = window_.position();
-            if (fault == nullptr || bytes.size() == total || bytes[total] == packet_tag) {
+            if (fault == nullptr) {
+                ++packet_count_;
                 window_.advance(total);
-                if (fault != nullptr) {
-                    listener_.on_unreadable({offset, total, fault});
-                }
                 return;
             }
             reason = fault;
+            if (bytes.size() == total || bytes[total] == packet_tag) {
+                next = offset + total;
+            }
         }
-        const std::uint64_t offset = window_.position();
         do {
             window_.advance(1);
-        } while (!window_.at_least(1).empty() && !resumes_here());
+        } while (!window_.at_least(1).empty() && window_.position() != next && !resumes_here());
         listener_.on_unreadable({offset, window_.position() - offset, reason});
     }
 

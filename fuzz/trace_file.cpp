@@ -1,0 +1,63 @@
+// Any bytes as a trace: read, summed up and shown in all forms. What is not readable lies within the bytes,
+// in order, and the bins hold every sample once.
+
+#include <cstdint>
+#include <cstdlib>
+#include <sstream>
+
+#include "report/summary.h"
+#include "report/writers.h"
+
+namespace {
+
+using namespace qel::vexa::report;  // NOLINT(google-build-using-namespace)
+
+class checked_summary : public trace_summary {
+public:
+    using trace_summary::trace_summary;
+
+    void on_unreadable(const unreadable_part& part) override {
+        if (part.offset < end || part.size == 0 || part.reason.empty()) {
+            std::abort();
+        }
+        end = part.offset + part.size;
+    }
+
+    std::uint64_t end = 0;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    std::istringstream file(std::string(reinterpret_cast<const char*>(data), size));
+    checked_summary summary(4, {});
+    read_trace(file, summary);
+    if (summary.end > size) {
+        std::abort();
+    }
+    const auto& sequences = summary.finish();
+    for (const auto& [number, sequence] : sequences) {
+        for (const counter_series& series : sequence.series) {
+            std::uint64_t count = 0;
+            for (const value_range& bin : series.bins) {
+                count += bin.count;
+            }
+            if (sequence.bin_times.size() > 4 || series.bins.size() > sequence.bin_times.size() ||
+                count != series.total.count) {
+                std::abort();
+            }
+        }
+    }
+    std::ostringstream out;
+    write_summary(out, sequences, {.width = 80, .charts = chart_style::blocks, .all = true});
+    write_page(out, {.file = "input", .file_size = size, .sequences = sequences, .problems = {}});
+    trace_survey survey;
+    file.clear();
+    file.seekg(0);
+    read_trace(file, survey);
+    csv_writer csv(out, survey, {}, false);
+    file.clear();
+    file.seekg(0);
+    read_trace(file, csv);
+    return 0;
+}
