@@ -1,7 +1,7 @@
-# Writes files as constants into a source: cmake -DOUTPUT=file.cpp "-DINPUTS=page.html page.css" -P embed.cmake
+# Writes files as constants into a source: cmake -DOUTPUT=file.cpp "-DINPUTS=page.html|page.css" -P embed.cmake
 
 set(text "#include \"report/page_parts.h\"\n\nnamespace qel::vexa::report {\n")
-separate_arguments(INPUTS)
+string(REPLACE "|" ";" INPUTS "${INPUTS}")
 foreach(input IN LISTS INPUTS)
     cmake_path(GET input FILENAME name)
     string(REPLACE "." "_" name ${name})

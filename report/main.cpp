@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -371,18 +372,17 @@ int list_offered(const char* path) {
 // A number from 0 on that takes up the whole text.
 std::optional<double> parse_number(const char* text) {
     char* end = nullptr;
-    const double value = std::strtod(text, &end);
-    return end != text && *end == '\0' && std::isfinite(value) && value >= 0 ? std::optional(value)
-                                                                             : std::nullopt;
+    const double value = text != nullptr ? std::strtod(text, &end) : 0;
+    return text != nullptr && end != text && *end == '\0' && std::isfinite(value) && value >= 0
+               ? std::optional(value)
+               : std::nullopt;
 }
 
 int wrong_use(const char* problem, const char* argument) {
     return fail("%s%s\nTry 'counterfeed-report --help'.", problem, argument);
 }
 
-}  // namespace
-
-int main(int argument_count, char** arguments) {
+int run(int argument_count, char** arguments) {
     enum long_option { csv = 256, html, from, to, bins, charts, offered };
     const option options[] = {{"all", no_argument, nullptr, 'a'},
                               {"csv", optional_argument, nullptr, csv},
@@ -467,4 +467,15 @@ int main(int argument_count, char** arguments) {
         return wrong_use("a page is for a browser: say where it goes with -o FILE", "");
     }
     return report_trace(wanted);
+}
+
+}  // namespace
+
+int main(int argument_count, char** arguments) {
+    try {
+        return run(argument_count, arguments);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "counterfeed-report: %s\n", error.what());
+        return exit_unusable;
+    }
 }

@@ -107,8 +107,8 @@ void write_data(std::ostream& out, const page_source& source) {
             origin = std::min(origin, summary.first);
         }
     }
-    out << "{\"file\":" << json_text(source.file) << ",\"size\":" << source.file_size << ",\"origin\":\""
-        << origin << "\",\"problems\":[";
+    out << "{\"file\":" << json_text(source.file) << ",\"size\":" << source.file_size
+        << ",\"origin\":" << json_text(std::to_string(origin)) << ",\"problems\":[";
     for (std::size_t i = 0; i < source.problems.size(); ++i) {
         out << (i == 0 ? "" : ",") << json_text(source.problems[i]);
     }

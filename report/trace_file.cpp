@@ -103,12 +103,24 @@ bool for_each_field(ConstBytes message, Take take) {
     return decoder.bytes_left() == 0;
 }
 
-// Whether a field has the type that the protocol gives it.
-bool is_number(const Field& field) {
-    return field.type() == wire_type::kVarInt;
-}
 bool is_bytes(const Field& field) {
     return field.type() == wire_type::kLengthDelimited;
+}
+
+// Takes a field's value; false when it is not of the type that the protocol gives it.
+template <typename Number>
+bool take_number(const Field& field, Number& number) {
+    const bool is_number = field.type() == wire_type::kVarInt;
+    if (is_number) {
+        number = static_cast<Number>(field.as_uint64());
+    }
+    return is_number;
+}
+bool take_text(const Field& field, std::string& text) {
+    if (is_bytes(field)) {
+        text = clean_text(field);
+    }
+    return is_bytes(field);
 }
 
 bool read_spec(ConstBytes bytes, counter_description& counter) {
@@ -116,25 +128,17 @@ bool read_spec(ConstBytes bytes, counter_description& counter) {
     return for_each_field(bytes, [&counter](const Field& field) {
         switch (field.id()) {
             case spec::kCounterIdFieldNumber:
-                counter.id = is_number(field) ? field.as_uint32() : 0;
-                return is_number(field);
+                return take_number(field, counter.id);
             case spec::kNameFieldNumber:
-                counter.name = is_bytes(field) ? clean_text(field) : "";
-                return is_bytes(field);
+                return take_text(field, counter.name);
             case spec::kDescriptionFieldNumber:
-                counter.description = is_bytes(field) ? clean_text(field) : "";
-                return is_bytes(field);
+                return take_text(field, counter.description);
             case spec::kNumeratorUnitsFieldNumber:
+                return take_number(field, counter.numerator_units.emplace_back());
             case spec::kDenominatorUnitsFieldNumber:
-                if (is_number(field)) {
-                    (field.id() == spec::kNumeratorUnitsFieldNumber ? counter.numerator_units
-                                                                    : counter.denominator_units)
-                        .push_back(field.as_uint32());
-                }
-                return is_number(field);
+                return take_number(field, counter.denominator_units.emplace_back());
             case spec::kSelectByDefaultFieldNumber:
-                counter.select_by_default = is_number(field) && field.as_bool();
-                return is_number(field);
+                return take_number(field, counter.select_by_default);
             default:
                 return true;
         }
@@ -151,13 +155,16 @@ bool read_descriptor(ConstBytes bytes, std::vector<counter_description>& counter
 bool read_value(ConstBytes bytes, counter_value& value) {
     using counter = pbzero::GpuCounterEvent_GpuCounter;
     return for_each_field(bytes, [&value](const Field& field) {
+        std::int64_t whole = 0;
         switch (field.id()) {
             case counter::kCounterIdFieldNumber:
-                value.id = is_number(field) ? field.as_uint32() : 0;
-                return is_number(field);
+                return take_number(field, value.id);
             case counter::kIntValueFieldNumber:
-                value.value = is_number(field) ? static_cast<double>(field.as_int64()) : 0;
-                return is_number(field);
+                if (!take_number(field, whole)) {
+                    return false;
+                }
+                value.value = static_cast<double>(whole);
+                return true;
             case counter::kDoubleValueFieldNumber:
                 if (field.type() != wire_type::kFixed64) {
                     return false;
@@ -210,11 +217,9 @@ bool read_packet(ConstBytes bytes, packet_content& content) {
     return for_each_field(bytes, [&content](const Field& field) {
         switch (field.id()) {
             case pbzero::TracePacket::kTimestampFieldNumber:
-                content.sample.timestamp = is_number(field) ? field.as_uint64() : 0;
-                return is_number(field);
+                return take_number(field, content.sample.timestamp);
             case pbzero::TracePacket::kTrustedPacketSequenceIdFieldNumber:
-                content.sequence = is_number(field) ? field.as_uint32() : 0;
-                return is_number(field);
+                return take_number(field, content.sequence);
             case pbzero::TracePacket::kGpuCounterEventFieldNumber:
                 return is_bytes(field) && read_event(field.as_bytes(), content);
             case pbzero::TracePacket::kCompressedPacketsFieldNumber:
