@@ -283,6 +283,16 @@ int no_counters(const std::string& trace, std::uint64_t packets, const std::vect
     return fail("%s has no samples of GPU counters", trace.c_str());
 }
 
+// Whether any counter is left of what the trace has; says so if not.
+template <typename Sequences, typename HasWanted>
+bool has_match(const Sequences& sequences, const settings& wanted, HasWanted has_wanted) {
+    if (wanted.match.empty() || std::any_of(sequences.begin(), sequences.end(), has_wanted)) {
+        return true;
+    }
+    fail("%s has no counter of that name", wanted.trace.c_str());
+    return false;
+}
+
 std::uint64_t nanoseconds(double seconds) {
     return seconds < 1e9 ? static_cast<std::uint64_t>(std::llround(seconds * 1e9))
                          : std::numeric_limits<std::uint64_t>::max() / 2;
@@ -312,6 +322,12 @@ int report_trace(const settings& wanted) {
 
     result_output output;
     if (is_csv) {
+        if (!has_match(survey.sequences(), wanted, [&selected](const auto& entry) {
+                return std::any_of(entry.second.begin(), entry.second.end(),
+                                   [&](const counter_description& counter) { return selected.has(counter); });
+            })) {
+            return exit_unusable;
+        }
         std::ostream* out = output.open(wanted);
         if (out == nullptr) {
             return exit_unusable;
@@ -330,6 +346,9 @@ int report_trace(const settings& wanted) {
     if (std::none_of(sequences.begin(), sequences.end(),
                      [](const auto& entry) { return entry.second.samples != 0; })) {
         return no_counters(name, packets, problems);
+    }
+    if (!has_match(sequences, wanted, [](const auto& entry) { return !entry.second.series.empty(); })) {
+        return exit_unusable;
     }
     if (summary.out_of_order() != 0) {
         problems.push_back(std::to_string(summary.out_of_order()) +
@@ -456,7 +475,8 @@ int run(int argument_count, char** arguments) {
                 std::puts("counterfeed-report " COUNTERFEED_VERSION);
                 return EXIT_SUCCESS;
             default:
-                return wrong_use("see above", "");
+                std::fputs("Try 'counterfeed-report --help'.\n", stderr);  // getopt has said what is wrong
+                return exit_unusable;
         }
     }
     if (optind != argument_count - 1) {

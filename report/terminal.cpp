@@ -16,6 +16,7 @@ constexpr std::size_t number_width = 9;
 constexpr std::size_t numbers_width = 3 * (number_width + 1);
 constexpr std::size_t least_name_width = 20;
 constexpr std::size_t least_chart_width = 8;
+constexpr std::size_t good_chart_width = 20;
 constexpr std::size_t most_chart_width = 60;
 
 std::size_t display_width(std::string_view text) {
@@ -93,8 +94,8 @@ void write_sequence(std::ostream& out, const sequence_summary& summary, const te
         }
     }
     std::ostringstream head;
-    head << summary.series.size() << " counters, " << by_default << " of them selected by default; "
-         << summary.samples << " samples";
+    head << summary.series.size() << (summary.series.size() == 1 ? " counter, " : " counters, ") << by_default
+         << " of them selected by default; " << summary.samples << " samples";
     if (summary.samples > 1) {
         const auto nanoseconds = static_cast<double>(summary.last() - summary.first);
         head << std::fixed << std::setprecision(3) << " over " << nanoseconds / 1e9 << " s, one every "
@@ -114,9 +115,9 @@ void write_sequence(std::ostream& out, const sequence_summary& summary, const te
         // Names give way first, down to a point; then the charts do.
         const std::size_t fixed = 1 + unit_width + numbers_width + (has_chart ? 1U : 0U) + 1;
         const std::size_t rest = options.width > fixed ? options.width - fixed : 0;
-        const std::size_t least_chart = has_chart ? least_chart_width : 0;
+        const std::size_t good_chart = has_chart ? good_chart_width : 0;
         name_width =
-            std::min(name_width, std::max(rest > least_chart ? rest - least_chart : 0, least_name_width));
+            std::min(name_width, std::max(rest > good_chart ? rest - good_chart : 0, least_name_width));
         chart_width = std::min(chart_width, rest > name_width ? rest - name_width : 0);
         chart_width = chart_width < least_chart_width ? 0 : chart_width;
     }

@@ -350,14 +350,17 @@ private:
         } else if (const auto bytes = window_.at_least(total + 1); bytes.size() < total) {
             reason = "the file ends inside a packet of " + std::to_string(frame.size) + " bytes";
         } else {
-            const ConstBytes packet{bytes.data() + frame.header, frame.size};
-            const char* fault = read_packet(packet, content_) ? deliver(content_, true) : "malformed packet";
-            if (fault == nullptr) {
-                ++packet_count_;
+            if (read_packet({bytes.data() + frame.header, frame.size}, content_)) {
+                const char* fault = deliver(content_, true);
                 window_.advance(total);
+                if (fault == nullptr) {
+                    ++packet_count_;
+                } else {
+                    listener_.on_unreadable({offset, total, fault});
+                }
                 return;
             }
-            reason = fault;
+            reason = "malformed packet";
             if (bytes.size() == total || bytes[total] == packet_tag) {
                 next = offset + total;
             }
