@@ -29,7 +29,8 @@ extern "C" {
 
 // Connects to a device: to the one that the setting VEXA_INSTANCE names, otherwise to the first one whose
 // driver and GPU are accepted. 1 on success. On failure 0, with the reasons printed for the user, and nothing
-// is held.
+// is held. `flags` are the creation flags of the kernel's side, BASE_CREATE_FLAGS. A device that is not there
+// is waited for, up to five seconds.
 std::uint32_t base_context_init(base_context* ctx, std::uint32_t flags);
 
 // The same for one instance, or for BASE_ANY_INSTANCE.
@@ -38,11 +39,12 @@ std::uint32_t base_context_init_for_instance(base_context* ctx, std::uint32_t fl
 // Undoes a successful initialisation. Every reader of the context must be gone before.
 void base_context_term(base_context* ctx);
 
+// The properties of a context that is up. They live as long as it.
 const base_gpu_props* base_get_gpu_props(const base_context* ctx);
 
-// Makes a reader of hardware counters with so many sample buffers and these enable words. BASE_SUCCESS with
-// the reader's descriptor in `out_fd`, or BASE_FAILURE. The reader does not need the context's node from then
-// on.
+// Makes a reader of hardware counters with so many sample buffers and, for each kind of block, a word of
+// enable bits; all ones enable all counters. BASE_SUCCESS with the reader's descriptor in `out_fd`, which the
+// caller closes, or BASE_FAILURE. The reader does not need the context's node from then on.
 base_result base_context_hwcnt_reader_setup(const base_context* ctx, std::uint32_t buffer_count,
                                             std::uint32_t jm_bm, std::uint32_t shader_bm,
                                             std::uint32_t tiler_bm, std::uint32_t mmu_l2_bm,

@@ -64,10 +64,12 @@ struct base_hwcnt_reader {
 
 extern "C" {
 
-// Makes a reader with so many sample buffers and these enable words. `period` is in nanoseconds; 0 is for
-// samples on demand. BASE_SUCCESS with the reader in `reader_out`, which is otherwise not written.
-// BASE_FAILURE when there is no memory for the reader's record, but BASE_OUT_OF_MEMORY when there is none for
-// its backend's state; any other failure is a BASE_FAILURE. Whatever was made is undone.
+// Makes a reader with so many sample buffers and, for each kind of block, a word of enable bits; all ones
+// enable all counters. The context is up. `period` is in nanoseconds; 0 is for samples on demand.
+//
+// BASE_SUCCESS with the reader in `reader_out`, which is otherwise not written. BASE_FAILURE when there is no
+// memory for the reader's record, but BASE_OUT_OF_MEMORY when there is none for its backend's state; any
+// other failure is a BASE_FAILURE. Whatever was made is undone.
 base_result base_hwcnt_reader_init(base_hwcnt_reader** reader_out, const base_context* ctx,
                                    std::uint32_t buffer_count, std::uint32_t jm_bm, std::uint32_t shader_bm,
                                    std::uint32_t tiler_bm, std::uint32_t mmu_l2_bm, std::uint32_t period);

@@ -30,6 +30,7 @@ public:
         return true;
     }
 
+    // Takes the memory for so many rows.
     void reserve(std::size_t row_count) { rows_.reserve(row_count); }
 
     // The row with this id, or null.

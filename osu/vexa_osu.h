@@ -1,9 +1,10 @@
 /* Operating system support, exported to the library's clients: thread data and names, mutexes, semaphores,
  * sync objects, dynamic loading, processors and the library's unload. For C and C++.
  *
- * Any thread may call any of these. Unless a comment says otherwise the result is OSUP_SUCCESS or
- * OSUP_FAILURE. Objects are the caller's memory, and no operation takes a null address where it needs an
- * object. */
+ * Any thread may call any of these, from the library's load on. Unless a comment says otherwise the result is
+ * OSUP_SUCCESS or OSUP_FAILURE, which stands for any error of the system's. Objects are the caller's memory:
+ * they are made by an _init or by pthread's own means, stay where they are, and nobody waits on one that is
+ * terminated. No operation takes a null address where it needs an object or a text. */
 #pragma once
 
 /* NOLINTBEGIN(modernize-deprecated-headers,modernize-redundant-void-arg,modernize-use-using): C reads this
@@ -47,23 +48,26 @@ typedef struct osup_sync_object {
  * for the process, and threads that end while it is changed may still use the former one. */
 OSUP_API void osup_thread_callback_set(osup_thread_callback_function callback);
 OSUP_API void osup_thread_callback_unset(void);
+/* The calling thread's word, null before it is set. */
 OSUP_API void* osup_thread_data_get(void);
-/* Returns an osup_thread_data_result. */
+/* Sets it. Returns an osup_thread_data_result: it is refused when there is no memory. */
 OSUP_API int osup_thread_data_set(void* value);
 
 /* A hook that is empty on this platform, deliberately: returns its argument. */
 OSUP_API void* osup_register_new_thread_callback(void* argument);
 
-/* Starts a joinable thread with default attributes. */
+/* Starts a joinable thread with default attributes, on which start(argument) runs. pthread_join gives what it
+ * returns. After a failure `thread` must not be used. */
 OSUP_API int osup_thread_create(pthread_t* thread, osup_thread_function start, void* argument);
 
-/* The calling thread's name. Setting cuts it to 15 characters. Getting stores at most 15 characters, or
- * `size` - 1, and a terminator, and an empty text on failure; without a buffer or with a `size` of 0 it does
- * nothing. */
+/* The calling thread's name, a terminated text. Setting cuts it to 15 characters. Getting stores at most 15
+ * characters, or `size` - 1, and a terminator, and an empty text on failure; without a buffer or with a
+ * `size` of 0 it does nothing. */
 OSUP_API int osup_thread_setname(const char* name);
 OSUP_API void osup_thread_getname(char* buffer, size_t size);
 
-/* Mutexes and spinlocks are the same on this platform. The results are those of the pthread calls. */
+/* Mutexes and spinlocks are the same on this platform: pthread mutexes of any kind, which the caller makes.
+ * `term` destroys one that nobody holds. The results are those of the pthread calls, 0 or an errno. */
 OSUP_API int osup_mutex_lock(pthread_mutex_t* mutex);
 OSUP_API int osup_mutex_unlock(pthread_mutex_t* mutex);
 OSUP_API int osup_d_mutex_term(pthread_mutex_t* mutex);
@@ -75,17 +79,19 @@ OSUP_API int osup_spinlock_term(pthread_mutex_t* spinlock);
  * fixed by its index. The index must be below OSUP_STATIC_MUTEX_COUNT: it is not tested. */
 OSUP_API pthread_mutex_t* osup_mutex_static_get(uint32_t index);
 
-/* Semaphores of one process. */
+/* Semaphores of one process. `value` is the count to begin with; one above SEM_VALUE_MAX fails. */
 OSUP_API int osup_sem_init(sem_t* semaphore, uint32_t value);
-/* Returns what sem_destroy returns. */
+/* Returns what sem_destroy returns, 0 or -1 with errno. */
 OSUP_API int osup_sem_term(sem_t* semaphore);
+/* Takes one from the count, or fails at once when it is 0. */
 OSUP_API int osup_sem_trywait(sem_t* semaphore);
+/* Waits until there is one to take. */
 /* Returns OSUP_SEM_WAIT_DONE, or the errno of a failure. Signals do not end the wait. */
 OSUP_API int osup_sem_wait(sem_t* semaphore);
 /* Fails after a time-out in nanoseconds on CLOCK_REALTIME. Signals neither end nor prolong the wait. No wait
  * lasts beyond second 0x7fffffff of the clock. */
 OSUP_API int osup_sem_timedwait(sem_t* semaphore, uint64_t nanoseconds);
-/* Returns what sem_post returns. */
+/* Adds one to the count. Returns what sem_post returns, 0 or -1 with errno. */
 OSUP_API int osup_sem_post(sem_t* semaphore);
 
 /* Sync objects. Initialisation leaves the object cleared, and nothing to terminate if it fails. */
@@ -102,11 +108,13 @@ OSUP_API int osup_sync_object_clear(osup_sync_object* object);
 /* Returns the result of destroying the mutex. */
 OSUP_API int osup_sync_object_term(osup_sync_object* object);
 
-/* Dynamic loading, with immediate and local binding. What could not be found is stored as null. A symbol
- * whose value is null is found all the same. The handle is passed by its address. */
+/* Dynamic loading, with immediate and local binding. `name` is a file's or a symbol's as dlopen and dlsym
+ * take it; a null file name means the program itself. What could not be found is stored as null, and the
+ * thread's dlerror is used up by dlsym. A symbol whose value is null is found all the same. The handle is
+ * passed by its address. */
 OSUP_API int osup_dlopen(void** handle_out, const char* name);
 OSUP_API int osup_dlsym(void** symbol_out, void* const* handle, const char* name);
-/* Returns what dlclose returns. */
+/* Returns what dlclose returns, 0 or another number. */
 OSUP_API int osup_dlclose(void* const* handle);
 
 /* The number of configured processors, -1 if it is unknown. */
@@ -116,8 +124,8 @@ OSUP_API int osup_get_number_of_cpu_cores(void);
  * on every configured core below 32. A refusal by the kernel is ignored. */
 OSUP_API void osup_thread_setdeferrability(int deferrable);
 
-/* Keeps the calling thread on one core. If the kernel refuses, as it always does for a core above 31, an
- * error is printed and nothing changes. */
+/* Keeps the calling thread on one core, counted from 0. If the kernel refuses, as it always does for a core
+ * above 31, an error is printed and nothing changes. */
 OSUP_API void osup_set_core_id(uint32_t core);
 
 /* Callbacks at the unload of the library, or at the end of the process if that comes first: each runs once

@@ -35,6 +35,7 @@ uku_open_result uku_open(std::uint32_t client, std::uint32_t instance, base_vers
 // Closes the node; closes nothing if that has been done before. Any thread may call it.
 void uku_close(const uku_context* ctx);
 
+// Reads and writes one field each.
 std::int32_t uku_get_fd(const uku_context* ctx);
 void uku_set_instance(uku_context* ctx, std::uint32_t instance);
 

@@ -13,6 +13,8 @@ namespace qel::vexa::counterfeed {
 using sample_callback = std::function<void(std::uint64_t timestamp, std::uint64_t delta, std::uint64_t cycles,
                                            const std::uint32_t* sample)>;
 
+// Made, started and destroyed by the session's thread; process_buffers_until_interrupted is called once, by
+// the sampling thread, after begin_sampling_periodic has succeeded.
 class hwc_reader {
 public:
     virtual ~hwc_reader() = default;
