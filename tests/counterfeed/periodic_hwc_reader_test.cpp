@@ -162,7 +162,7 @@ TEST_F(PeriodicReader, EveryWordArrivesInEveryLayoutAndForm) {
             ASSERT_EQ(samples.size(), layout.samples);
             EXPECT_EQ(requests_of(request_kind::get_buffer), samples.size() + 1);
             EXPECT_EQ(requests_of(request_kind::put_buffer), samples.size() + 1);
-            for (std::uint64_t number = 1; number <= samples.size(); ++number) {
+            for (std::size_t number = 1; number <= samples.size(); ++number) {
                 const delivered_sample& sample = samples[number - 1];
                 ASSERT_TRUE(sample.is_number(number)) << number;
                 EXPECT_EQ(sample.delta, static_cast<std::uint64_t>(period.count()));

@@ -181,6 +181,11 @@ TEST(Device, OffersItsCountersToTheNextServiceToo) {
         EXPECT_FALSE(sequence.samples.empty());
         gpu.expect_exact(sequence, {5, 6, 65535}, 1);
     }
+    const auto cut_short = gpu.service.start_recording(session_config({5}, 0, period_config(1)),
+                                                       gpu.service.folder.file("trace"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    gpu.service.restart();
+    EXPECT_TRUE(gpu.is_offered());
     EXPECT_TRUE(gpu.launcher.is_running());
 }
 

@@ -40,8 +40,11 @@ tracing_service::tracing_service() {
 }
 
 void tracing_service::restart() {
-    service_.reset();
+    // Before the service is killed: a producer that finds the socket of a dying service still open connects
+    // to it, and the SDK never tries again.
+    std::filesystem::remove(folder.file("producer"));
     std::filesystem::remove(folder.file("consumer"));
+    service_.reset();
     service_ = std::make_unique<process>(process_setup{.command = {COUNTERFEED_TRACING_SERVICE "/traced"},
                                                        .environment = environment(),
                                                        .preload = {},
