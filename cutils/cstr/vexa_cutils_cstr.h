@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <cstring>
 
 extern "C" {
 
@@ -35,7 +36,9 @@ std::int32_t cutils_cstr_strncmp(const char* a, const char* b, std::uint32_t n);
 
 // Returns the number of bytes before the terminator, or limit if none of the first limit bytes is one. With
 // limit 0 the text may be null.
-std::uint32_t cutils_cstr_len(const char* text, std::uint32_t limit);
+inline std::uint32_t cutils_cstr_len(const char* text, std::uint32_t limit) {
+    return limit == 0 ? 0 : static_cast<std::uint32_t>(strnlen(text, limit));
+}
 
 // Returns the first byte of the text that equals the low 8 bits of character, or null. The terminator counts
 // as part of the text, so that 0 finds its end.

@@ -22,17 +22,50 @@ constexpr std::uint32_t HASH_PRIME = 16777619;
 constexpr char DUMMY_KEY[] = "<dummy>";
 constexpr std::uint32_t DUMMY_KEY_LENGTH = sizeof DUMMY_KEY - 1;
 
-// FNV-1a, but from the last byte to the first. Deliberate: the slots that keys fall into depend on it.
+// FNV-1a, but from the last byte to the first. Deliberate: the slots that keys fall into depend on it. Every
+// byte waits for the one before it, so the time is theirs in a row. Two in each round leave less work around
+// them, and more of what comes next fits into the processor meanwhile.
 std::uint32_t hash_of(const cutils_string& string) {
+    const auto add = [](std::uint32_t hash, char byte) {
+        return (hash ^ static_cast<unsigned char>(byte)) * HASH_PRIME;
+    };
     std::uint32_t hash = HASH_BASIS;
-    for (std::uint32_t i = string.length; i > 0; --i) {
-        hash = (hash ^ static_cast<unsigned char>(string.text[i - 1])) * HASH_PRIME;
+    const char* end = string.text + string.length;
+    for (; end - string.text >= 2; end -= 2) {
+        hash = add(add(hash, end[-1]), end[-2]);
     }
-    return hash;
+    return end != string.text ? add(hash, *string.text) : hash;
 }
 
 bool is_live(const cutils_strdict_slot& slot) {
     return slot.key != nullptr && slot.key != DUMMY_KEY;
+}
+
+bool has_key(const cutils_strdict_slot& slot, const cutils_string& key, std::uint32_t hash) {
+    return slot.hash == hash && is_live(slot) &&
+           (slot.key == key.text || cutils_string_cmp(slot.key, slot.key_length, key.text, key.length) == 0);
+}
+
+// cutilsp_strdict_lookup, for use in this file.
+inline std::uint32_t find_slot(const cutils_strdict& dictionary, const cutils_string& key,
+                               std::uint32_t hash) {
+    const std::uint32_t mask = dictionary.mask;
+    // An odd step shares no factor with the number of slots, so the probe comes to every one of them. It
+    // always ends: some slot never had a key, because insertion grows the table long before, or refuses.
+    const std::uint32_t step = ((hash >> STEP_SHIFT) & mask) | 1U;
+    std::uint32_t dummy = CUTILS_STRDICT_NONE;
+    for (std::uint32_t index = hash & mask;; index = (index + step) & mask) {
+        const cutils_strdict_slot& slot = dictionary.table[index];
+        if (has_key(slot, key, hash)) {
+            return index;
+        }
+        if (slot.key == nullptr) {
+            return dummy != CUTILS_STRDICT_NONE ? dummy : index;
+        }
+        if (slot.key == DUMMY_KEY && dummy == CUTILS_STRDICT_NONE) {
+            dummy = index;
+        }
+    }
 }
 
 void append_to_order(cutils_strdict* dictionary, std::uint32_t index) {
@@ -114,7 +147,7 @@ cutils_result grow(cutils_strdict* dictionary) {
             continue;
         }
         const cutils_string key = {old_slot.key, old_slot.key_length};
-        const std::uint32_t index = cutilsp_strdict_lookup(dictionary, &key, old_slot.hash);
+        const std::uint32_t index = find_slot(*dictionary, key, old_slot.hash);
         table[index] = old_slot;
         append_to_order(dictionary, index);
         ++dictionary->used;
@@ -130,8 +163,7 @@ cutils_strdict_slot* find(const cutils_strdict* dictionary, const char* key) {
     if (cutils_string_from_cstring_nocopy(key, &string) != CUTILS_SUCCESS) {
         return nullptr;
     }
-    cutils_strdict_slot* const slot =
-        &dictionary->table[cutilsp_strdict_lookup(dictionary, &string, hash_of(string))];
+    cutils_strdict_slot* const slot = &dictionary->table[find_slot(*dictionary, string, hash_of(string))];
     return is_live(*slot) ? slot : nullptr;
 }
 
@@ -198,7 +230,7 @@ cutils_result cutils_strdict_insert(cutils_strdict* dictionary, const char* key,
     }
 
     const std::uint32_t hash = hash_of(string);
-    const std::uint32_t index = cutilsp_strdict_lookup(dictionary, &string, hash);
+    const std::uint32_t index = find_slot(*dictionary, string, hash);
     cutils_strdict_slot& slot = dictionary->table[index];
     if (is_live(slot)) {
         release_owned_key(dictionary, &slot);
@@ -259,22 +291,5 @@ void cutils_strdict_iter_next(cutils_string* key_out, cutils_strdict_iter* itera
 
 std::uint32_t cutilsp_strdict_lookup(const cutils_strdict* dictionary, const cutils_string* string,
                                      std::uint32_t hash) {
-    const std::uint32_t mask = dictionary->mask;
-    // An odd step shares no factor with the number of slots, so the probe comes to every one of them. It
-    // always ends: some slot never had a key, because insertion grows the table long before, or refuses.
-    const std::uint32_t step = ((hash >> STEP_SHIFT) & mask) | 1U;
-    std::uint32_t dummy = CUTILS_STRDICT_NONE;
-    for (std::uint32_t index = hash & mask;; index = (index + step) & mask) {
-        const cutils_strdict_slot& slot = dictionary->table[index];
-        if (slot.key == nullptr) {
-            return dummy != CUTILS_STRDICT_NONE ? dummy : index;
-        }
-        if (slot.key == DUMMY_KEY) {
-            dummy = dummy != CUTILS_STRDICT_NONE ? dummy : index;
-        } else if (slot.hash == hash &&
-                   (slot.key == string->text ||
-                    cutils_string_cmp(slot.key, slot.key_length, string->text, string->length) == 0)) {
-            return index;
-        }
-    }
+    return find_slot(*dictionary, *string, hash);
 }

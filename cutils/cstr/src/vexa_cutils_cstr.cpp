@@ -33,10 +33,6 @@ std::int32_t cutils_cstr_strncmp(const char* a, const char* b, std::uint32_t n) 
     return (order > 0 ? 1 : 0) - (order < 0 ? 1 : 0);
 }
 
-std::uint32_t cutils_cstr_len(const char* text, std::uint32_t limit) {
-    return limit == 0 ? 0 : static_cast<std::uint32_t>(strnlen(text, limit));
-}
-
 const char* cutils_cstr_strchr(const char* text, std::int32_t character) {
     return std::strchr(text, character);
 }
