@@ -170,3 +170,5 @@ void all_rows(benchmark::State& state) {
 BENCHMARK(all_rows)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
+
+BENCHMARK_MAIN();
