@@ -24,9 +24,16 @@ public:
     // version below 5 have no known layout of cores, and every shader core counter then reads as 0.
     profiler(const product& gpu, std::uint32_t hw_version);
 
+    // How many words of a sample the rows read: up to the end of the last core's block. The numbers behind it
+    // are the driver's, and the sample's size is told elsewhere, so that the two may not agree.
+    std::uint64_t words_read() const {
+        const std::uint64_t cores = core_indices.empty() ? 0 : std::uint64_t{core_indices.back()} + 1;
+        return (memory_system_class + std::uint64_t{l2_slice_count} + cores) * counters_per_block;
+    }
+
     // The value of a row in a sample; a raw counter of L2 slices is their sum, one of shader cores their
     // mean. An id without a meaning gives 0. Reads only, and nothing is kept between calls. The sample must
-    // have all blocks that the profiler's numbers imply.
+    // have words_read() words.
     saturating_double get_value_for_counter(const std::uint32_t* sample,
                                             const vexa_counter_descriptor& descriptor) const {
         const std::uint32_t id = descriptor.id;
@@ -70,7 +77,7 @@ private:
         saturating_double sum;
         for (std::uint32_t slice = 0; slice < l2_slice_count; ++slice) {
             sum = sum +
-                  saturating_double(counter[std::size_t{memory_system_class + slice} * counters_per_block]);
+                  saturating_double(counter[(std::size_t{memory_system_class} + slice) * counters_per_block]);
         }
         return sum;
     }

@@ -134,4 +134,14 @@ void periodic_hwc_reader::interrupt() {
     }
 }
 
+std::uint64_t periodic_hwc_reader::words_per_sample() const {
+    if (!hwcnt_reader) {
+        return 0;
+    }
+    const base_hwcnt_reader_operations& backend = hwcnt_reader->backend;
+    const std::size_t value_size =
+        backend.data_is_u64(hwcnt_reader->state) != 0 ? sizeof(std::uint64_t) : sizeof(std::uint32_t);
+    return backend.get_sample_size(hwcnt_reader->state) / value_size;
+}
+
 }  // namespace qel::vexa::counterfeed

@@ -29,6 +29,8 @@ public:
     // The first sample only sets the time base and does not reach the callback. Aborts on an empty callback.
     void process_buffers_until_interrupted(sample_callback callback) override;
     void interrupt() override;
+    // 0 for a reader that is not initialised.
+    std::uint64_t words_per_sample() const override;
 
 private:
     struct reader_deleter {

@@ -195,6 +195,12 @@ void vexa_gpu_data_source::threadfn_periodic_counter_poll_loop() const {
             populate_counter_spec(*descriptor->add_specs(), row);
         }
     });
+    // What the driver tells detection of slices and cores, and what it tells the reader of a sample's size,
+    // are answers of their own. Where the rows would read behind a sample, the session gets no samples, like
+    // one whose reader has failed.
+    if (reader->words_per_sample() < profiler.words_read()) {
+        return;
+    }
     reader->process_buffers_until_interrupted(
         [&profiler, &selected_counters](std::uint64_t timestamp, std::uint64_t /*delta*/,
                                         std::uint64_t cycles, const std::uint32_t* sample) {
