@@ -16,18 +16,32 @@ namespace {
 
 bool snprintf_fails = false;
 
-}  // namespace
-
-// Takes the place of the C library's, so that the formatting of a log line can be made to fail half-way.
-extern "C" int snprintf(char* buffer, std::size_t size, const char* format, ...) {
-    std::va_list arguments;
-    va_start(arguments, format);
+int format_line(char* buffer, std::size_t size, const char* format, std::va_list arguments) {
     const int result = std::vsnprintf(buffer, size, format, arguments);
-    va_end(arguments);
     if (snprintf_fails) {
         buffer[5] = '\0';
         return -1;
     }
+    return result;
+}
+
+}  // namespace
+
+// These take the place of the C library's, so that the formatting of a log line can be made to fail half-way.
+// The second is what hardened code calls.
+extern "C" int snprintf(char* buffer, std::size_t size, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int result = format_line(buffer, size, format, arguments);
+    va_end(arguments);
+    return result;
+}
+extern "C" int __snprintf_chk(char* buffer, std::size_t size, int /*flag*/, std::size_t /*room*/,
+                              const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int result = format_line(buffer, size, format, arguments);
+    va_end(arguments);
     return result;
 }
 

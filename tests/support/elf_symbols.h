@@ -1,4 +1,4 @@
-// The symbols of an ELF file of this build's processor.
+// What is in an ELF file of this build's processor. The bytes are always the whole file.
 #pragma once
 
 #include <elf.h>
@@ -12,25 +12,37 @@
 
 namespace test_support {
 
-// The defined and named symbols of one kind of table, SHT_DYNSYM or SHT_SYMTAB, by name. The bytes are the
-// whole file.
-inline std::map<std::string, std::uintptr_t> elf_symbols(const std::string& file, unsigned table) {
+// The records from an offset on.
+template <typename Record>
+std::vector<Record> elf_records(const std::string& file, std::size_t offset, std::size_t count) {
+    std::vector<Record> records(count);
+    std::copy_n(file.data() + offset, count * sizeof(Record), reinterpret_cast<char*>(records.data()));
+    return records;
+}
+
+inline ElfW(Ehdr) elf_header(const std::string& file) {
+    return elf_records<ElfW(Ehdr)>(file, 0, 1)[0];
+}
+
+inline std::vector<ElfW(Phdr)> elf_segments(const std::string& file) {
+    const ElfW(Ehdr) header = elf_header(file);
+    return elf_records<ElfW(Phdr)>(file, header.e_phoff, header.e_phnum);
+}
+
+// The named symbols of one kind of table, SHT_DYNSYM or SHT_SYMTAB, by name: those that are defined, or those
+// that are missing there.
+inline std::map<std::string, std::uintptr_t> elf_symbols(const std::string& file, unsigned table,
+                                                         bool defined = true) {
     std::map<std::string, std::uintptr_t> result;
-    const auto copy = [&file](std::size_t offset, auto* records, std::size_t count) {
-        std::copy_n(file.data() + offset, count * sizeof *records, reinterpret_cast<char*>(records));
-    };
-    ElfW(Ehdr) header;
-    copy(0, &header, 1);
-    std::vector<ElfW(Shdr)> sections(header.e_shnum);
-    copy(header.e_shoff, sections.data(), sections.size());
+    const ElfW(Ehdr) header = elf_header(file);
+    const auto sections = elf_records<ElfW(Shdr)>(file, header.e_shoff, header.e_shnum);
     for (const ElfW(Shdr) & section : sections) {
         if (section.sh_type != table) {
             continue;
         }
-        std::vector<ElfW(Sym)> symbols(section.sh_size / sizeof(ElfW(Sym)));
-        copy(section.sh_offset, symbols.data(), symbols.size());
-        for (const ElfW(Sym) & symbol : symbols) {
-            if (symbol.st_shndx != SHN_UNDEF && symbol.st_name != 0) {
+        for (const ElfW(Sym) & symbol :
+             elf_records<ElfW(Sym)>(file, section.sh_offset, section.sh_size / sizeof(ElfW(Sym)))) {
+            if ((symbol.st_shndx != SHN_UNDEF) == defined && symbol.st_name != 0) {
                 result[file.data() + sections[section.sh_link].sh_offset + symbol.st_name] = symbol.st_value;
             }
         }
