@@ -27,8 +27,8 @@ install(FILES ${CMAKE_BINARY_DIR}/package/counterfeed.pc DESTINATION ${CMAKE_INS
 set(programs launcher report)
 if(NOT ANDROID)
     list(APPEND programs counters evaluate)
-    install(DIRECTORY ${CMAKE_BINARY_DIR}/configs/ DESTINATION ${configs_folder} FILES_MATCHING PATTERN "*.txtpb"
-        PATTERN CMakeFiles EXCLUDE)
+    install(DIRECTORY ${CMAKE_BINARY_DIR}/configs/ DESTINATION ${configs_folder}
+        FILES_MATCHING PATTERN "*.txtpb" PATTERN CMakeFiles EXCLUDE)
 endif()
 install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 file(GLOB manual_pages CONFIGURE_DEPENDS */*.1)
@@ -39,7 +39,7 @@ install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME copyright)
 if(TARGET virtual_gpu_preload)
     # To be preloaded, and never linked to: it stays out of the folder that linkers search.
     install(TARGETS virtual_gpu_preload LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/counterfeed)
-    install(FILES virtual_gpu/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME virtual_gpu.md)
+    install(FILES virtual_gpu/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/virtual_gpu)
 endif()
 
 set(CPACK_GENERATOR DEB)
