@@ -30,7 +30,7 @@ static_assert(sizeof(base_property_request) == 16);
 static_assert(offsetof(base_property_request, size) == 8);
 static_assert(offsetof(base_property_request, flags) == 12);
 
-// Enable words of the blocks' counters, one bit for each four counters.
+// With the enable words of the blocks' counters.
 struct base_hwcnt_reader_setup_record {
     std::uint32_t buffer_count;
     std::uint32_t jm_bm;

@@ -28,9 +28,10 @@ inline constexpr std::uint32_t BASE_ANY_INSTANCE = 0xffff'ffff;
 extern "C" {
 
 // Connects to a device: to the one that the setting VEXA_INSTANCE names, otherwise to the first one whose
-// driver and GPU are accepted. 1 on success. On failure 0, with the reasons printed for the user, and nothing
-// is held. `flags` are the creation flags of the kernel's side, BASE_CREATE_FLAGS. A device that is not there
-// is waited for, up to five seconds.
+// driver and GPU are accepted. 1 on success. On failure 0, with the reasons printed for the user unless the
+// device of an instance other than 0 can't be opened. Nothing is held then, but for a search that succeeds
+// only in its second round: see search_instances. `flags` are the creation flags of the kernel's side,
+// BASE_CREATE_FLAGS. A device that is not there is waited for, up to five seconds.
 std::uint32_t base_context_init(base_context* ctx, std::uint32_t flags);
 
 // The same for one instance, or for BASE_ANY_INSTANCE.

@@ -1,8 +1,8 @@
 // A reader of hardware counters: samples from the kernel driver, one after another, read where the kernel put
 // them.
 //
-// A reader belongs to the thread that takes the samples; only base_hwcnt_reader_interrupt may come from
-// another one. Nothing here prints.
+// One thread at a time may use a reader; only base_hwcnt_reader_interrupt may come from another one
+// meanwhile. Nothing here prints.
 #pragma once
 
 #include <cstdint>

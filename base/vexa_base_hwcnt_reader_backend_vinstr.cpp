@@ -122,11 +122,9 @@ std::uint32_t block_size(const vinstr_state* state) {
     return state->values_per_block * static_cast<std::uint32_t>(sizeof(std::uint32_t));
 }
 
-// A driver whose sample buffers are too small for their blocks would have the last ones read behind the ring,
-// so that it gets none.
 bool map_ring(vinstr_state* state) {
     const std::size_t length = ring_length(state);
-    if (length == 0 || state->sample_size < state->num_blocks * block_size(state)) {
+    if (length == 0) {
         return false;
     }
     void* ring = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, state->reader_fd, 0);
@@ -252,7 +250,17 @@ base_hwcnt_get_result wait_for_sample(const vinstr_state* state, std::int32_t ti
     return descriptors[1].revents != 0 ? BASE_HWCNT_SAMPLE_READY : BASE_HWCNT_FAILURE;
 }
 
-// Has the kernel hand over the oldest filled buffer. One that lies outside the ring is no buffer.
+bool give_back_buffer(vinstr_state* state) {
+    constexpr std::uint32_t cycle_features =
+        BASE_HWCNT_READER_FEATURE_CYCLES_TOP | BASE_HWCNT_READER_FEATURE_CYCLES_SHADER;
+    return request(state,
+                   (state->features & cycle_features) == 0 ? BASE_REQUEST_PUT_BUFFER_SHORT
+                                                           : BASE_REQUEST_PUT_BUFFER_LONG,
+                   &state->metadata);
+}
+
+// Has the kernel hand over the oldest filled buffer. One that lies outside the ring is none, and goes back at
+// once.
 bool claim_buffer(vinstr_state* state) {
     base_hwcnt_reader_metadata& metadata = state->metadata;
     if ((state->features & BASE_HWCNT_READER_FEATURE_CYCLES_SHADER) != 0) {
@@ -271,16 +279,23 @@ bool claim_buffer(vinstr_state* state) {
         metadata.cycles_top = 0;
         metadata.cycles_shader = 0;
     }
-    return metadata.buffer_idx < state->buffer_count;
+    if (metadata.buffer_idx >= state->buffer_count) {
+        give_back_buffer(state);
+        return false;
+    }
+    return true;
 }
 
-// More blocks than a sample can name are left out of `blocks`, and are in the ring all the same.
+// More blocks than a sample can name are left out of `blocks`, and are in the ring all the same. So are those
+// that a driver with too small buffers would have behind the ring's end.
 void fill_sample(const vinstr_state* state, base_hwcnt_sample* sample) {
-    const std::byte* buffer =
-        state->ring + static_cast<std::size_t>(state->metadata.buffer_idx) * state->sample_size;
+    const std::size_t offset = static_cast<std::size_t>(state->metadata.buffer_idx) * state->sample_size;
+    const std::size_t blocks_in_ring = (ring_length(state) - offset) / block_size(state);
+    const std::size_t count =
+        std::min<std::size_t>({state->num_blocks, BASE_HWCNT_SAMPLE_BLOCKS, blocks_in_ring});
     std::fill(std::begin(sample->blocks), std::end(sample->blocks), nullptr);
-    for (std::uint32_t i = 0; i < std::min(state->num_blocks, BASE_HWCNT_SAMPLE_BLOCKS); ++i) {
-        sample->blocks[i] = buffer + static_cast<std::size_t>(i) * block_size(state);
+    for (std::size_t i = 0; i < count; ++i) {
+        sample->blocks[i] = state->ring + offset + i * block_size(state);
     }
     sample->data_is_u64 = 0;
     sample->num_blocks = state->num_blocks;
@@ -314,11 +329,7 @@ base_hwcnt_get_result base_hwcnt_reader_backend_vinstr_get_buffer(void* state, b
 // Does not look whether anything is claimed: the kernel does.
 base_result base_hwcnt_reader_backend_vinstr_put_buffer(void* state) {
     vinstr_state* self = to_state(state);
-    constexpr std::uint32_t cycle_features =
-        BASE_HWCNT_READER_FEATURE_CYCLES_TOP | BASE_HWCNT_READER_FEATURE_CYCLES_SHADER;
-    const unsigned number =
-        (self->features & cycle_features) == 0 ? BASE_REQUEST_PUT_BUFFER_SHORT : BASE_REQUEST_PUT_BUFFER_LONG;
-    if (!request(self, number, &self->metadata)) {
+    if (!give_back_buffer(self)) {
         return BASE_FAILURE;
     }
     self->buffer_held = 0;

@@ -1,4 +1,4 @@
-// How the layers below diagnostics report: the only operations of diagnostics that they may call.
+// How the layers below diagnostics report what ends the process.
 #pragma once
 
 #include <cstdint>

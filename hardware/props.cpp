@@ -1,6 +1,6 @@
-// Reading the property bytes, before any trace has begun. It opens the node by itself and asks less of it
-// than a driver context does: it doesn't wait for a node to appear, accepts any kind of file and any
-// interface version. That is deliberate: a GPU can be described that gives no samples.
+// Reading the property bytes, at start-up and as each session starts. It opens the node by itself and asks
+// less of it than a driver context does: it doesn't wait for a node to appear, accepts any kind of file and
+// any interface version. That is deliberate: a GPU can be described that gives no samples.
 
 #include <fcntl.h>
 #include <sys/ioctl.h>

@@ -1,7 +1,7 @@
 // The tracing producer's log: short printf-style messages, each with a priority, a tag and its call site.
 //
-// Any thread may log. No call waits, allocates or gives a result, and none adds a newline: the format carries
-// its own, or goes without.
+// Any thread may log. Logging neither waits nor allocates, gives no result and adds no newline: the format
+// carries its own, or goes without.
 #pragma once
 
 #include <cstdarg>

@@ -85,8 +85,8 @@ OSUP_API int osup_sem_init(sem_t* semaphore, uint32_t value);
 OSUP_API int osup_sem_term(sem_t* semaphore);
 /* Takes one from the count, or fails at once when it is 0. */
 OSUP_API int osup_sem_trywait(sem_t* semaphore);
-/* Waits until there is one to take. */
-/* Returns OSUP_SEM_WAIT_DONE, or the errno of a failure. Signals do not end the wait. */
+/* Waits until there is one to take. Returns OSUP_SEM_WAIT_DONE, or the errno of a failure. Signals do not end
+ * the wait. */
 OSUP_API int osup_sem_wait(sem_t* semaphore);
 /* Fails after a time-out in nanoseconds on CLOCK_REALTIME. Signals neither end nor prolong the wait. No wait
  * lasts beyond second 0x7fffffff of the clock. */

@@ -192,8 +192,7 @@ std::uint32_t uku_ddk_compatible(const base_gpu_props* props, std::uint32_t verb
         cutils_cstr_snprintf(name, sizeof name, "%s%u", NODE_PREFIX, instance);
         cdbg_print_to_error_channel(
             "ERROR: The DDK (built for 0x%x r%dp%d status range [%d..%d]) is not compatible with this Vexa "
-            "GPU "
-            "device, %s detected as 0x%x r%dp%d status %d.",
+            "GPU device, %s detected as 0x%x r%dp%d status %d.",
             BUILT_FOR_ID, BUILT_FOR_MAJOR_REVISION, BUILT_FOR_MINOR_REVISION, BUILT_FOR_STATUS_MIN,
             BUILT_FOR_STATUS_MAX, name, props->product_id, major, minor, status);
     }

@@ -46,16 +46,18 @@ struct cdbgp_channel_row {
     std::uint32_t conversion_size;
     std::uint32_t destinations;
     const char* file_name;
-    android_LogPriority priority;
 };
 
 constexpr cdbgp_channel_row cdbgp_channel_table[CDBGP_CHANNEL_COUNT] = {
-    {4, MESSAGE_SIZE, 0, CDBGP_DEST_STDOUT | CDBGP_DEST_PLATFORM, nullptr, ANDROID_LOG_INFO},
-    {4, MESSAGE_SIZE, 0, CDBGP_DEST_STDERR | CDBGP_DEST_PLATFORM, nullptr, ANDROID_LOG_WARN},
-    {4, MESSAGE_SIZE, 0, CDBGP_DEST_STDERR | CDBGP_DEST_PLATFORM, nullptr, ANDROID_LOG_ERROR},
+    {4, MESSAGE_SIZE, 0, CDBGP_DEST_STDOUT | CDBGP_DEST_PLATFORM, nullptr},
+    {4, MESSAGE_SIZE, 0, CDBGP_DEST_STDERR | CDBGP_DEST_PLATFORM, nullptr},
+    {4, MESSAGE_SIZE, 0, CDBGP_DEST_STDERR | CDBGP_DEST_PLATFORM, nullptr},
     {0, VERBOSE_MESSAGE_SIZE, conversion_size_of(VERBOSE_MESSAGE_SIZE),
-     CDBGP_DEST_STDOUT | CDBGP_DEST_PLATFORM, nullptr, ANDROID_LOG_VERBOSE},
+     CDBGP_DEST_STDOUT | CDBGP_DEST_PLATFORM, nullptr},
 };
+
+constexpr android_LogPriority cdbgp_channel_priorities[CDBGP_CHANNEL_COUNT] = {
+    ANDROID_LOG_INFO, ANDROID_LOG_WARN, ANDROID_LOG_ERROR, ANDROID_LOG_VERBOSE};
 
 constexpr const char* PLATFORM_TAG = "vexa";
 constexpr int PLATFORM_BUSY = -EAGAIN;
@@ -463,7 +465,7 @@ void cdbgp_unlock_newline_conversion_buffer(cdbgp_channel* channel) {
 
 cdbgp_result cdbgp_emptying_ringbuf_init(cutils_ring_buffer* ring, std::uint32_t entry_size,
                                          std::uint32_t order) {
-    return static_cast<cdbgp_result>(cutils_ring_buffer_init(ring, entry_size, order));
+    return cdbgp_result_of(cutils_ring_buffer_init(ring, entry_size, order));
 }
 
 void cdbgp_emptying_ringbuf_term(cutils_ring_buffer* ring) {
@@ -490,7 +492,7 @@ void cdbgp_emptying_ringbuf_write_unlock(cutils_ring_buffer* ring, cutils_ring_b
 
 cdbgp_result cdbgp_channel_platform_destination_open(cdbgp_destination* destination,
                                                      std::uint32_t channel_index) {
-    destination->priority = cdbgp_channel_table[channel_index].priority;
+    destination->priority = cdbgp_channel_priorities[channel_index];
     return CDBGP_SUCCESS;
 }
 

@@ -127,8 +127,8 @@ cdbgp_result write_to_channels(cdbgp_destination_set* set, std::uint32_t mask, c
                                std::uint32_t size);
 
 // Copies a text, giving it the line ends of a newline mode and one at its end. Returns the size of the result
-// with its terminator, or 0 for an unknown mode. The result fits the destination, if need be by losing its
-// end.
+// with its terminator, or 0 for an unknown mode. The result fits the destination: its end is lost where there
+// is no room for it, and 1 comes back where there is room for nothing.
 std::uint32_t cdbgp_channel_convert_newlines(const cdbgp_newline_conversion* work);
 
 // Makes a text of `length` bytes in a buffer of `size` end in a newline, if need be in place of its last

@@ -41,16 +41,9 @@ constexpr std::uint32_t CDBGP_ENV_PROCESS_SPECIFIC = 1;
 constinit cutils_strdict cdbgp_env_dict = {};
 constinit pthread_mutex_t cdbgp_env_lock = PTHREAD_MUTEX_INITIALIZER;
 
-// Too large for a stack that may be a client's. The one thread that fills the store uses them.
+// The one thread that fills the store uses them.
 constinit char cdbgp_env_name_scratch[CDBGP_ENV_TEXT_SIZE] = {};
 constinit char cdbgp_env_value_scratch[CDBGP_ENV_TEXT_SIZE] = {};
-
-// The dictionary's codes are diagnostics' own.
-cdbgp_result result_of(cutils_result result) {
-    static_assert(std::uint32_t{CUTILS_OUT_OF_MEMORY} == std::uint32_t{CDBGP_OUT_OF_MEMORY});
-    static_assert(std::uint32_t{CUTILS_FAILURE} == std::uint32_t{CDBGP_FAILURE});
-    return static_cast<cdbgp_result>(result);
-}
 
 bool has_prefix(const char* name) {
     return cutils_cstr_strncmp(name, prefix, prefix_length) == 0;
@@ -278,7 +271,7 @@ cdbgp_result cdbgp_env_set(const char* name, const char* value) {
     const char* const key = without_prefix(name);
     if (value == nullptr) {
         void* record = nullptr;
-        const cdbgp_result result = result_of(cutils_strdict_remove(&cdbgp_env_dict, key, &record));
+        const cdbgp_result result = cdbgp_result_of(cutils_strdict_remove(&cdbgp_env_dict, key, &record));
         std::free(record);
         return result;
     }
@@ -298,7 +291,7 @@ cdbgp_result cdbgp_env_set(const char* name, const char* value) {
         std::free(old_record);
     }
     cutils_cstr_strncpy(record->value, length + 1, value, length + 1);
-    const cdbgp_result result = result_of(cutils_strdict_insert(&cdbgp_env_dict, key, record, true));
+    const cdbgp_result result = cdbgp_result_of(cutils_strdict_insert(&cdbgp_env_dict, key, record, true));
     if (result != CDBGP_SUCCESS) {
         std::free(record);
         if (old_record != nullptr) {

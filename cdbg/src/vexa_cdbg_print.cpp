@@ -50,6 +50,18 @@ void write_report(cdbgp_message* message, const char* feature, const char* modul
 constinit cdbgp_destination_set cdbgp_channel_shared = {};
 constinit cdbgp_channel cdbgp_channels[CDBGP_CHANNEL_COUNT] = {};
 
+namespace {
+
+// Closes the first `count` channels, the last of them first, and what they share.
+void close_channels(std::uint32_t count) {
+    while (count > 0) {
+        cdbgp_channel_close(&cdbgp_channels[--count]);
+    }
+    cdbgp_channel_term(&cdbgp_channel_shared);
+}
+
+}  // namespace
+
 cdbgp_result cdbgp_print_init() {
     if (const cdbgp_result result = cdbgp_channel_init(&cdbgp_channel_shared); result != CDBGP_SUCCESS) {
         CDBGP_REPORT_INIT("Initialization of CDBG channels failed (%d)", result);
@@ -59,10 +71,7 @@ cdbgp_result cdbgp_print_init() {
         const cdbgp_result result = cdbgp_channel_open(&cdbgp_channel_shared, &cdbgp_channels[i], i);
         if (result != CDBGP_SUCCESS) {
             CDBGP_REPORT_INIT("Initialization of CDBG channel %d failed (%d)", i, result);
-            while (i > 0) {
-                cdbgp_channel_close(&cdbgp_channels[--i]);
-            }
-            cdbgp_channel_term(&cdbgp_channel_shared);
+            close_channels(i);
             return result;
         }
     }
@@ -70,10 +79,7 @@ cdbgp_result cdbgp_print_init() {
 }
 
 void cdbgp_print_term() {
-    for (std::uint32_t i = CDBGP_CHANNEL_COUNT; i > 0;) {
-        cdbgp_channel_close(&cdbgp_channels[--i]);
-    }
-    cdbgp_channel_term(&cdbgp_channel_shared);
+    close_channels(CDBGP_CHANNEL_COUNT);
 }
 
 void cdbg_print_to_error_channel(const char* format, ...) {

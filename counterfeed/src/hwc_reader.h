@@ -1,10 +1,8 @@
 // The source of periodic hardware counter samples, and the seam at which another source can be plugged in.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <limits>
 #include <memory>
 
 namespace qel::vexa::counterfeed {
@@ -39,12 +37,6 @@ public:
     // The one operation that another thread may call meanwhile. Never blocks. A sample in the callback's
     // hands is completed first; after the loop has ended it has no effect.
     virtual void interrupt() = 0;
-
-    // How many words each sample has, at most. A substitute reader that doesn't say is taken to deliver all
-    // that the GPU in use calls for, as far as memory can hold a sample at all.
-    virtual std::uint64_t words_per_sample() const {
-        return std::numeric_limits<std::size_t>::max() / sizeof(std::uint32_t);
-    }
 };
 
 // Makes a substitute reader, or an empty owner for none. A trace config can carry the address of one that

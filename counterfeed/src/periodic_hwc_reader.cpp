@@ -93,11 +93,13 @@ const std::uint32_t* periodic_hwc_reader::words_of(const base_hwcnt_sample& samp
         return static_cast<const std::uint32_t*>(sample.blocks[0]);
     }
     const std::uint64_t word_count = std::uint64_t{sample.num_blocks} * sample.values_per_block;
-    if (word_count > converted_sample.size()) {
-        if (word_count >= word_count_limit) {
-            std::abort();
-        }
-        converted_sample.resize(static_cast<std::size_t>(word_count));
+    if (word_count >= word_count_limit) {
+        std::abort();
+    }
+    // What the callback may read is there, whatever the sample says of itself.
+    if (const std::uint64_t size = std::max(word_count, words_per_sample()); size > converted_sample.size()) {
+        // Made anew, for what it held is of no use, and a vector that grows takes more than it is told to.
+        converted_sample = std::vector<std::uint32_t>(static_cast<std::size_t>(size));
     }
     std::uint32_t* word = converted_sample.data();
     for (std::uint32_t i = 0; i < std::min(sample.num_blocks, BASE_HWCNT_SAMPLE_BLOCKS); ++i) {

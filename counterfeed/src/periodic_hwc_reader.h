@@ -29,8 +29,8 @@ public:
     // The first sample only sets the time base and does not reach the callback. Aborts on an empty callback.
     void process_buffers_until_interrupted(sample_callback callback) override;
     void interrupt() override;
-    // 0 for a reader that is not initialised.
-    std::uint64_t words_per_sample() const override;
+    // What the kernel's samples have room for. 0 for a reader that is not initialised.
+    std::uint64_t words_per_sample() const;
 
 private:
     struct reader_deleter {

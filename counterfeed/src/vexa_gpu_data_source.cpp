@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <exception>
 #include <functional>
+#include <limits>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -131,8 +132,12 @@ void vexa_gpu_data_source::OnSetup(const SetupArgs& arguments) {
 
     std::error_code ec;
     std::unique_ptr<hwc_reader> new_reader = ask_reader_factory(config);
+    words_per_sample = std::numeric_limits<std::uint64_t>::max();
     if (!new_reader) {
-        new_reader = std::make_unique<periodic_hwc_reader>(std::chrono::nanoseconds(sampling_period), ec);
+        auto kernel_reader =
+            std::make_unique<periodic_hwc_reader>(std::chrono::nanoseconds(sampling_period), ec);
+        words_per_sample = kernel_reader->words_per_sample();
+        new_reader = std::move(kernel_reader);
     }
     if (!ec && new_reader->is_initialized()) {
         reader = std::move(new_reader);
@@ -198,7 +203,7 @@ void vexa_gpu_data_source::threadfn_periodic_counter_poll_loop() const {
     // What the driver tells detection of slices and cores, and what it tells the reader of a sample's size,
     // are answers of their own. Where the rows would read behind a sample, the session gets no samples, like
     // one whose reader has failed.
-    if (reader->words_per_sample() < profiler.words_read()) {
+    if (words_per_sample < profiler.words_read()) {
         return;
     }
     reader->process_buffers_until_interrupted(

@@ -44,7 +44,11 @@ protected:  // and not private, so that a test can derive from the class and loo
 
     std::int64_t sampling_period = default_sampling_period;  // nanoseconds
     std::set<std::uint32_t> counter_ids;
-    std::unique_ptr<hwc_reader> reader;  // held exactly when the setup has worked
+    std::unique_ptr<hwc_reader>
+        reader;  // held from a setup that worked until the stop, or a start that failed
+    // What a sample of the kernel's has room for; a substitute reader is taken to deliver all that the GPU in
+    // use calls for.
+    std::uint64_t words_per_sample = 0;
     std::thread poll_thread;
     logging::print::logger logger{logging::tag("vexa_gpu_data_source")};
 };
