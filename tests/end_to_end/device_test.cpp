@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <filesystem>
 #include <optional>
 #include <regex>
 #include <set>
@@ -130,6 +131,16 @@ TEST(Device, EveryValueOfEveryRowArrives) {
     }
 }
 
+// How many threads of a process wait for samples.
+std::size_t sampling_threads(pid_t id) {
+    std::size_t result = 0;
+    const auto threads = "/proc/" + std::to_string(id) + "/task";
+    for (const auto& thread : std::filesystem::directory_iterator(threads)) {
+        result += read_file(thread.path() / "comm") == "gpu-hwc-periodi\n" ? 1U : 0U;
+    }
+    return result;
+}
+
 // Each has its own thread, selection and period, and receives what its neighbours write as well. The service
 // does not let one user have eight, so that these come in pairs. So many writers have too little of the
 // memory that they share with the service, and packets get lost there.
@@ -143,11 +154,14 @@ TEST(Device, EightSessionsAtATime) {
     std::vector<std::unique_ptr<process>> recordings;
     for (std::uint32_t i = 0; i < session_count; i += 2) {
         recordings.push_back(gpu.service.start_recording(
-            session_config(ids_of(i), 2000, period_config(i + 1)) +
+            session_config(ids_of(i), 0, period_config(i + 1)) +
                 test_support::data_source_config(ids_of(i + 1), period_config(i + 2)),
             trace_of(i)));
     }
+    ASSERT_TRUE(eventually([&] { return sampling_threads(gpu.launcher.id()) == session_count; }));
+    std::this_thread::sleep_for(std::chrono::seconds(2));
     for (const auto& recording : recordings) {
+        ::kill(recording->id(), SIGTERM);
         EXPECT_EQ(recording->wait(), 0);
     }
     for (std::uint32_t i = 0; i < session_count; ++i) {
