@@ -190,7 +190,7 @@ TEST(TraceReader, GivesAllThatIsWholeOfACutTrace) {
     for (std::size_t size = 0; size < trace.size(); ++size) {
         const recorder result = record(trace.substr(0, size));
         const auto next = std::upper_bound(ends.begin(), ends.end(), size);
-        const auto whole = static_cast<std::uint64_t>(next - ends.begin() - 1);
+        const auto whole = static_cast<std::size_t>(next - ends.begin() - 1);
         const std::uint64_t samples[] = {0, 0, 0, 1, 1, 2};
         ASSERT_EQ(result.packets, whole) << size;
         ASSERT_EQ(result.samples.size(), samples[whole]) << size;
