@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -161,10 +162,10 @@ cdbgp_result write_to_destination(cdbgp_destination_set* set, std::uint32_t inde
 // Calls an operation for each destination in `mask`, in the order of opening, writing and closing.
 template <typename Operation>
 void for_each_destination(std::uint32_t mask, Operation operation) {
-    for (std::uint32_t index = CDBGP_DEST_COUNT; index > 0;) {
-        if (--index; (mask & 1U << index) != 0) {
-            operation(index);
-        }
+    for (mask %= 1U << CDBGP_DEST_COUNT; mask != 0;) {
+        const auto index = static_cast<std::uint32_t>(std::bit_width(mask)) - 1;
+        mask ^= 1U << index;
+        operation(index);
     }
 }
 

@@ -3,8 +3,6 @@
 
 #include <cstring>
 
-#include "cutils/cstr/vexa_cutils_cstr.h"
-
 namespace {
 
 // The table grows when this part of its slots has a key.
@@ -224,8 +222,8 @@ cutils_result cutils_strdict_insert(cutils_strdict* dictionary, const char* key,
         if (owned_key == nullptr) {
             return CUTILS_OUT_OF_MEMORY;
         }
-        // Cut at its own length the text is copied without its terminator, for which the copy has no room.
-        cutils_cstr_strncpy(owned_key, string.length, string.text, string.length);
+        // Without its terminator, for which the copy has no room.
+        std::memcpy(owned_key, string.text, string.length);
         string.text = owned_key;
     }
 
