@@ -85,4 +85,8 @@ BENCHMARK(report_with_name)->UseManualTime();
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argument_count, char** arguments) {
+    qel::vexa::benchmarks::have_had_threads();
+    benchmark::Initialize(&argument_count, arguments);
+    benchmark::RunSpecifiedBenchmarks();
+}

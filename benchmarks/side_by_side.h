@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 namespace qel::vexa::benchmarks {
@@ -23,6 +24,11 @@ inline double thread_time() {
     timespec time;
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+// A process that never had a second thread takes locks without atomic operations. The product has threads.
+inline void have_had_threads() {
+    std::thread([] {}).join();
 }
 
 // Runs `ours` and `theirs` in turn, so that both see the same moments of the machine. Each does `items`

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <string>
 #include <unordered_map>
@@ -83,38 +84,78 @@ void insert(benchmark::State& state) {
         });
 }
 
+// The dictionary's hash, in which every byte waits for the one behind it.
+std::uint32_t hash_alone(const char* key, std::size_t length) {
+    std::uint32_t hash = 0x811c9dc5;
+    for (; length > 0; --length) {
+        hash = (hash ^ static_cast<unsigned char>(key[length - 1])) * 16777619;
+    }
+    return hash;
+}
+
+// The keys in an arbitrary order that is the same in every run.
+std::vector<const std::string*> shuffled(const std::vector<std::string>& keys) {
+    std::vector<const std::string*> order;
+    for (const std::string& key : keys) {
+        order.push_back(&key);
+    }
+    std::shuffle(order.begin(), order.end(), std::mt19937(1));
+    return order;
+}
+
+void look_up_in_map(const hash_map& map, const std::vector<const std::string*>& order) {
+    for (const std::string* key : order) {
+        void* value = map.find(key->c_str())->second;
+        benchmark::DoNotOptimize(value);
+    }
+}
+
 void lookup(benchmark::State& state) {
     std::vector<std::string> keys = make_keys(state.range(0));
     cutils_strdict dictionary;
     hash_map map;
     fill(dictionary, keys);
     fill(map, keys);
-    std::vector<const char*> order;
-    for (const std::string& key : keys) {
-        order.push_back(key.c_str());
-    }
-    std::shuffle(order.begin(), order.end(), std::mt19937(1));
+    const std::vector<const std::string*> order = shuffled(keys);
     compare(
         state,
         [&] {
-            for (const char* key : order) {
+            for (const std::string* key : order) {
                 void* value = nullptr;
-                cutils_strdict_lookup_key(&dictionary, key, &value);
+                cutils_strdict_lookup_key(&dictionary, key->c_str(), &value);
                 benchmark::DoNotOptimize(value);
             }
         },
-        [&] {
-            for (const char* key : order) {
-                void* value = map.find(key)->second;
-                benchmark::DoNotOptimize(value);
-            }
-        });
+        [&] { look_up_in_map(map, order); });
     cutils_strdict_term(&dictionary);
+}
+
+// What every look-up in the dictionary has to do with a key, and no look-up: measure it, hash it, and compare
+// it once, here with itself.
+void least_lookup(benchmark::State& state) {
+    std::vector<std::string> keys = make_keys(state.range(0));
+    hash_map map;
+    fill(map, keys);
+    const std::vector<std::string> copies = keys;
+    const std::vector<const std::string*> order = shuffled(keys);
+    compare(
+        state,
+        [&] {
+            for (const std::string* key : order) {
+                const char* const text = key->c_str();
+                const std::size_t length = strnlen(text, 1025);
+                const char* const copy = copies[static_cast<std::size_t>(key - keys.data())].data();
+                benchmark::DoNotOptimize(hash_alone(text, length));
+                benchmark::DoNotOptimize(std::memcmp(text, copy, length));
+            }
+        },
+        [&] { look_up_in_map(map, order); });
 }
 
 // The map compares all its keys and hashes none of them up to 20 keys.
 BENCHMARK(insert)->Arg(20)->Arg(21)->Arg(500)->UseManualTime();
 BENCHMARK(lookup)->Arg(20)->Arg(21)->Arg(500)->UseManualTime();
+BENCHMARK(least_lookup)->Arg(20)->UseManualTime();
 
 }  // namespace
 
