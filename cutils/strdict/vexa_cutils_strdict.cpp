@@ -216,6 +216,8 @@ cutils_result cutils_strdict_insert(cutils_strdict* dictionary, const char* key,
     if (cutils_string_from_cstring_nocopy(key, &string) != CUTILS_SUCCESS) {
         return CUTILS_FAILURE;
     }
+    // Of the caller's text, and not of the copy: the hash then need not wait for the copy's bytes.
+    const std::uint32_t hash = hash_of(string);
     char* owned_key = nullptr;
     if (copy_key) {
         owned_key = static_cast<char*>(dictionary->allocate(dictionary->allocator_context, string.length));
@@ -227,7 +229,6 @@ cutils_result cutils_strdict_insert(cutils_strdict* dictionary, const char* key,
         string.text = owned_key;
     }
 
-    const std::uint32_t hash = hash_of(string);
     const std::uint32_t index = find_slot(*dictionary, string, hash);
     cutils_strdict_slot& slot = dictionary->table[index];
     if (is_live(slot)) {
