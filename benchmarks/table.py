@@ -234,6 +234,10 @@ def memory_of(pid):
             for kind, size in re.findall(r"(VmRSS|RssAnon):\s+(\d+)", Path(f"/proc/{pid}/status").read_text())}
 
 
+def plural(count, noun):
+    return f"{count} {noun}" if count == 1 else f"{count} {noun}s"
+
+
 SESSIONS = Sessions()
 KIB = 1024
 MESSAGES = ("node_name", "command_line", "report_header", "context_failure", "incompatible", "processor_core",
@@ -258,9 +262,9 @@ FIGURES = [
       for what in ("insert", "lookup") for keys in (20, 21, 500)),
     Figure("dictionary: measure, hash, compare, 20 keys", "unordered_map lookup", None, "a limit",
            timing("strdict", "least_lookup/20")),
-    *(Figure(f"ring, {size} bytes, {threads} threads", "Boost's queue", 1.0, "< 1",
+    *(Figure(f"ring, {size} bytes, {plural(threads, 'thread')}", "Boost's queue", 1.0, "< 1",
              timing("ring_buffer", f"transfer<{size}>/threads:{threads}")) for size in (64, 512) for threads in (1, 2, 4)),
-    *(Figure(f"ring, atomic operations alone, {threads} threads", "Boost's queue, 64 bytes", None, "a limit",
+    *(Figure(f"ring, atomic operations alone, {plural(threads, 'thread')}", "Boost's queue, 64 bytes", None, "a limit",
              timing("ring_buffer", f"transfer<64, ring_operations>/threads:{threads}")) for threads in (1, 2, 4)),
     Figure("error message, plain", "fprintf and fflush", 1.2, "< 1.2", timing("error_message", "plain_line")),
     Figure("error message, header and thread name", "fprintf and fflush", 1.2, "< 1.2", timing("error_message", "report")),
