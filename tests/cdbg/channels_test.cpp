@@ -12,11 +12,9 @@
 #include <vector>
 
 #include "cdbg/src/vexa_cdbg_channels.h"
-#include "cdbg/src/vexa_cdbg_print.h"
-#include "tests/cdbg/outputs.h"
+#include "tests/cdbg/surroundings.h"
 #include "tests/support/failing_calls.h"
-#include "tests/support/platform_log.h"
-#include "tests/support/process.h"
+#include "tests/support/resources.h"
 
 namespace {
 
@@ -37,13 +35,10 @@ struct open_channel {
     open_channel& operator=(const open_channel&) = delete;
 
     cdbgp_result send(const std::string& message) {
-        cdbgp_message slot = {};
+        cdbgp_channel_handle handle = {};
         std::uint32_t size = 0;
-        char* text = cdbgp_channel_lock(&slot.handle, &size, &channel);
-        cdbgp_buffer_init(&slot.buffer, text, size);
-        cdbgp_message_printf(&slot, "%s", message.c_str());
-        cdbgp_buffer_finish(&slot.buffer);
-        return cdbgp_channel_unlock(&slot.handle, slot.buffer.total);
+        char* const text = cdbgp_channel_lock(&handle, &size, &channel);
+        return cdbgp_channel_unlock(&handle, std::snprintf(text, size, "%s", message.c_str()));
     }
 
     // What a text becomes at the streams.
@@ -58,72 +53,48 @@ struct open_channel {
     cdbgp_channel channel = {};
 };
 
-std::string take_logged() {
-    std::string texts;
-    for (const log_line& line : take_log_lines()) {
-        texts += line.text;
-    }
-    return texts;
-}
-
-TEST(channels, every_length_around_the_slot_arrives_whole_or_marked) {
-    const struct {
-        std::uint32_t index, size;
-        int priority;
-    } rows[] = {{0, 512, 4}, {1, 512, 5}, {2, 512, 6}, {3, 2048, 2}};
-    for (const auto& row : rows) {
-        open_channel open(row.index);
+TEST(channels, every_length_around_the_slot_arrives_and_the_last_messages_stay_as_history) {
+    for (const auto& [index, size, history, priority] : {std::tuple(0U, 512U, 16U, "4/vexa:"),
+                                                         {1U, 512U, 16U, "5/vexa:"},
+                                                         {2U, 512U, 16U, "6/vexa:"},
+                                                         {3U, 2048U, 1U, "2/vexa:"}}) {
+        open_channel open(index);
         std::vector<std::size_t> lengths(30);
-        std::iota(lengths.begin(), lengths.end(), row.size - 27);
-        lengths.insert(lengths.end(), {0, 1, 2, row.size * 4});
+        std::iota(lengths.begin(), lengths.end(), size - 27);
+        lengths.insert(lengths.end(), {0, 1, 2, size * 4});
+        strings arrived;
         for (const std::size_t length : lengths) {
             const std::string text(length, 'x');
-            std::string expected = text.substr(length == row.size - 1 ? 1 : 0) + "\n";
-            if (length >= row.size) {
-                expected = text.substr(0, row.size - 26) + "\n***MESSAGE TRUNCATED***\n";
+            std::string expected = text.substr(length == size - 1 ? 1 : 0) + "\n";
+            if (length >= size) {
+                expected = text.substr(0, size - 26) + "\n***MESSAGE TRUNCATED***\n";
             }
             // What ends in a newline already is sent as it stands.
             for (const std::string& sent : {text, expected}) {
                 EXPECT_EQ(open.arrival(sent), expected) << length;
-                EXPECT_EQ(take_log_lines(), (std::vector<log_line>{{row.priority, "vexa", expected}}));
+                EXPECT_EQ(take_log(), priority + expected);
+                arrived.push_back(expected);
             }
         }
-    }
-}
-
-TEST(channels, messages_beyond_the_ring_all_arrive_and_the_last_stay_as_history) {
-    open_channel open(CDBGP_CHANNEL_WARN);
-    for (const int count : {17, 40}) {
-        std::string sent;
-        for (int i = 0; i < count; ++i) {
-            const std::string message = "message " + std::to_string(i) + "\n";
-            EXPECT_EQ(open.arrival(message), message);
-            sent += message;
-        }
-        EXPECT_EQ(take_logged(), sent);
-        std::string kept;
+        strings kept;
         while (cutils_ring_buffer_slot* slot = cutils_ring_buffer_read_lock(&open.channel.ring)) {
-            kept += static_cast<char*>(slot->data);
+            kept.emplace_back(static_cast<char*>(slot->data));
             cutils_ring_buffer_read_unlock(&open.channel.ring, slot);
         }
-        EXPECT_TRUE(sent.ends_with(kept) && std::count(kept.begin(), kept.end(), '\n') == 16) << kept;
+        EXPECT_EQ(kept, strings(arrived.end() - history, arrived.end()));
     }
 }
 
 TEST(channels, a_busy_log_is_tried_sixteen_times_and_fails_nobody) {
     open_channel open(CDBGP_CHANNEL_ERROR);
     for (const int busy : {1, 3, 15, 16, 100}) {
-        outputs.busy_answers = busy;
-        outputs.sleeps.clear();
+        busy_answers = busy;
+        slept = 0;
         EXPECT_EQ(open.arrival("late"), "late\n");
         const int tries = std::min(busy, 16);
-        EXPECT_EQ(busy - std::exchange(outputs.busy_answers, 0), tries);
-        EXPECT_EQ(take_logged(), busy < 16 ? "late\n" : "");
-        std::vector<unsigned> sleeps;
-        for (int i = 0; i < tries; ++i) {
-            sleeps.push_back(1U << i);
-        }
-        EXPECT_EQ(outputs.sleeps, sleeps);
+        EXPECT_EQ(busy - std::exchange(busy_answers, 0), tries);
+        EXPECT_EQ(slept, (1U << tries) - 1) << "twice as long after each";
+        EXPECT_EQ(take_log(), busy < 16 ? "6/vexa:late\n" : "");
     }
 }
 
@@ -142,7 +113,7 @@ TEST(channels, a_stream_that_takes_nothing_fails_the_message_and_not_the_log) {
     EXPECT_EQ(open.send("next"), CDBGP_SUCCESS);
     dup2(saved, STDERR_FILENO);
     EXPECT_EQ(bytes.substr(0, static_cast<std::size_t>(read(ends[0], bytes.data(), bytes.size()))), "next\n");
-    EXPECT_EQ(take_logged(), "closed\nfull\nnext\n");
+    EXPECT_EQ(take_log(), "6/vexa:closed\n6/vexa:full\n6/vexa:next\n");
     for (const int descriptor : {saved, ends[0], ends[1]}) {
         close(descriptor);
     }
@@ -156,8 +127,7 @@ TEST(channels, file_destination) {
         int failing_mutex_init;
         bool opens;
     } rows[] = {{"out", 0, true}, {"../out", 0, false}, {"none/out", 0, false}, {"out", 1, false}};
-    const int next_descriptor = dup(0);
-    close(next_descriptor);
+    const held_resources before = held_resources::now();
     for (const auto& row : rows) {
         cdbgp_destination_set set = {};
         set.requested = CDBGP_DEST_FILE | CDBGP_DEST_PLATFORM;
@@ -167,14 +137,12 @@ TEST(channels, file_destination) {
         init_destinations(&set);
         EXPECT_EQ(set.active, CDBGP_DEST_PLATFORM | (row.opens ? CDBGP_DEST_FILE : 0U));
         EXPECT_EQ(write_to_channels(&set, set.active, "a\nb\n", 5), CDBGP_SUCCESS);
-        EXPECT_EQ(take_logged(), "a\nb\n");
+        EXPECT_EQ(take_log(), "4/vexa:a\nb\n");
         EXPECT_EQ(read_file(folder.file("out")), row.failing_mutex_init == 0 ? "a\nb\n" : "");
         term_destinations(&set);
         EXPECT_EQ(set.active | set.requested, 0U);
         EXPECT_EQ(calls.mutexes, mutexes);
-        const int descriptor = dup(0);
-        EXPECT_EQ(descriptor, next_descriptor) << row.name;
-        close(descriptor);
+        EXPECT_EQ(held_resources::now().descriptors, before.descriptors) << row.name;
     }
     unsetenv("EXTERNAL_STORAGE");
 }
@@ -196,7 +164,7 @@ TEST(channels, newline_conversion) {
         {1, 2, "a\nb", 4, 2, "a"},      {1, 9, "", 1, 3, "\r\n"},
         {1, 9, "", 0, 3, "\r\n"},       {1, 2, "", 0, 1, ""},
         {1, 0, "ab", 3, 1, ""},         {1, 9, "abc", 3, 5, "ab\r\n"},
-        {2, 9, "ab", 3, 0, "?"},
+        {1, 9, "\n", 2, 3, "\r\n"},     {2, 9, "ab", 3, 0, "?"},
     };
     for (const auto& row : rows) {
         // Memory of that size exactly, so that a sanitizer sees a byte too many.
@@ -217,10 +185,10 @@ TEST(channels, a_destination_of_the_other_newline_mode_gets_converted_text) {
         cdbgp_newline_masks[CDBGP_NEWLINE_LF] &= ~CDBGP_DEST_PLATFORM;
         cdbgp_newline_masks[CDBGP_NEWLINE_CRLF] |= CDBGP_DEST_PLATFORM;
         EXPECT_EQ(open.arrival("a\nb"), "a\nb\n");
-        EXPECT_EQ(take_logged(), "a\r\nb\r\n");
+        EXPECT_TRUE(take_log().ends_with(":a\r\nb\r\n"));
         open.arrival(std::string(index == CDBGP_CHANNEL_ERROR ? 511 : 2047, '\n'));
-        const std::string cut = take_logged();
-        EXPECT_EQ(cut.size(), index == CDBGP_CHANNEL_ERROR ? 562U : 2251U);
+        const std::string cut = take_log();
+        EXPECT_EQ(cut.size(), std::strlen("6/vexa:") + (index == CDBGP_CHANNEL_ERROR ? 562U : 2251U));
         EXPECT_TRUE(cut.ends_with("\r\n"));
     }
 }
