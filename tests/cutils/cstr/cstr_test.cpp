@@ -10,6 +10,7 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <tuple>
 
 #include "cutils/cstr/src/format_engine.h"
 #include "cutils/cstr/src/format_writer.h"
@@ -48,8 +49,7 @@ void check(const std::string& expected, std::size_t expected_result, const char*
     va_list args;
     for (std::uint32_t step = 0; step < 2 * (expected.size() + 3); ++step) {
         const std::uint32_t size = step / 2;
-        std::string memory(size + 32, '\x5a');
-        std::string expected_memory = memory;
+        std::string memory(size + 32, '\x5a'), expected_memory = memory;
         if (size != 0) {
             const std::string stored = expected.substr(0, size - 1);
             expected_memory.replace(16, stored.size() + 1, stored.c_str(), stored.size() + 1);
@@ -103,33 +103,25 @@ void agrees(const std::string& format, auto... args) {
     ASSERT_STREQ(ours, theirs) << format;
 }
 
-TEST(format, integers) {
-    prints("0|||||", "%d|%.0d|%.d|%.0u|%.0x|%#.0x", 0, 0, 0, 0, 0, 0);
+// What can be compared with the C library is, below; here is what a program may not ask of that, and a case
+// of each kind for what `check` sees beside the text.
+TEST(format, conversions) {
     prints("  007|-0042|-42  |    3", "%5.3d|%05d|%-05d|%05.1d", 7, -42, -42, 3);
+    prints("0 0xff 0XFF 010 00010", "%#x %#x %#X %#o %#.5o", 0, 255, 255, 8, 8);
     prints("+5|+5| 5|-5|7|7", "%+ d|% +i|% d|% d|%+u|% u", 5, 5, 5, -5, 7U, 7U);
-    prints("0 0xff 0XFF 010", "%#x %#x %#X %#o", 0, 255, 255, 8);
-    prints("0|0|00010|010|0x0000ff", "%#o|%#.0o|%#.5o|%#.3o|%#08x", 0, 0, 8, 8, 255);
-    prints("-1 255 -2 65534", "%hhd %hhu %hd %hu", 0x1ff, 0x1ff, 0x1fffe, 0x1fffe);
-    prints("-9223372036854775808", "%lld", LLONG_MIN);
-    prints("18446744073709551615", "%llu", ULLONG_MAX);
-    prints("1777777777777777777777", "%llo", ULLONG_MAX);
-    prints("1 -2 3", "%d %lld %d", 1, -2LL, 3);  // an aligned argument between others
+    prints("1 -2 3 18446744073709551615", "%d %lld %d %llu", 1, -2LL, 3, ULLONG_MAX);  // aligned arguments
     // As wide as a machine word, and the same number on every machine otherwise.
     prints(wide_words ? "ffffffffffffffff -1" : "ffffffff -1", "%lx %ld", -1L, -1L);
-    prints(std::to_string(SIZE_MAX), "%zu", SIZE_MAX);
     prints(std::to_string(PTRDIFF_MIN), "%td", PTRDIFF_MIN);
-}
 
-TEST(format, texts_characters_and_pointers) {
     prints("abc|  abc|abc  |ab|   ab", "%s|%5s|%-5s|%.2s|%5.2s", "abc", "abc", "abc", "abc", "abc");
     prints("    abc|  x|x  |x", "%07s|%03c|%-3c|%.0c", "abc", 'x', 'x', 'x');
     prints("", "%.0s%.s", nullptr, nullptr);
     const char unterminated[] = {'a', 'b'};
     prints("ab", "%.2s", unterminated);
     prints(std::string("a\0b", 3), "a%cb", 0x100);
-    prints("0x00000000|0x|0x012345|  0x00000000|0x00000000  ", "%p|%.0p|%.6p|%#012p|%-012p", nullptr, nullptr,
-           address(0x12345), nullptr, nullptr);
-    prints("0x00000000|0x00000000", "%+p|% p", nullptr, nullptr);
+    prints("0x00000000|0x|0x012345|  0x00000000|0x00000000  ", "%+p|%.0p|%.6p|%#012p|%-012p", nullptr,
+           nullptr, address(0x12345), nullptr, nullptr);
     prints(wide_words ? "0xffffffffffffffff" : "0xffffffff", "%p", address(UINTPTR_MAX));
     prints("100%|%s", "%d%%|%%s", 100);
     prints("", "");
@@ -146,8 +138,6 @@ TEST(format, count) {
         EXPECT_EQ(static_cast<std::uint32_t>(counts[i]), expected[i]);
         EXPECT_EQ(counts[i] >> 32, i == 2 ? 0 : -1);
     }
-    refuses("ab", "ab%hhn", nullptr);
-    refuses("ab", "ab%hn", nullptr);
 }
 
 TEST(format, width_and_precision) {
@@ -157,10 +147,23 @@ TEST(format, width_and_precision) {
     prints("", "%.-d", 0);
     // Digits of a precision wrap around in 32 bits: here to 3, to none, and with a sign back to 2.
     prints("007|7|07", "%.4294967299d|%.2147483648d|%.-4294967294d", 7, 7, 7);
-    for (const char* format : {"ab%2147483640d", "ab%2147483650d", "ab%99999999999d", "ab%*5d", "ab%5*d",
-                               "ab%*-d", "ab%.*5d", "ab%5-d", "ab%.5-d", "ab%.+5d", "ab%..5d"}) {
+}
+
+TEST(format, refuses_what_it_does_not_know) {
+    for (const char* format : {"ab%2147483640d", "ab%2147483650d", "ab%99999999999d",
+                               "ab%*5d",         "ab%5*d",         "ab%*-d",
+                               "ab%.*5d",        "ab%5-d",         "ab%.5-d",
+                               "ab%.+5d",        "ab%..5d",        "ab%",
+                               "ab%5",           "ab%-",           "ab%.",
+                               "ab%.5",          "ab%l",           "ab%hhhd",
+                               "ab%llld",        "ab%lhd",         "ab%Ld",
+                               "ab%!",           "ab%\x80",        "ab%hs",
+                               "ab%zs",          "ab%hc",          "ab%lp",
+                               "ab%tp",          "ab%lc",          "ab%ls",
+                               "ab%w",           "ab%hn",          "ab%hhn"}) {
         refuses("ab", format, 5, 5);
     }
+    refuses("1 x", "%d %s%zd", 1, "x", 0);
 }
 
 // Widths and precisions that no text could have: the count stays at its highest value, and memory is safe.
@@ -181,15 +184,6 @@ TEST(format, huge) {
     counts(-1, "        ", "%2147483639d%2147483639d%!", 1, 2);
     counts(602, "0.000000", "%.600f", 5e-324);
     counts(310, "17976931", "%.0f!", 1.7976931348623157e308);
-}
-
-TEST(format, refuses_what_it_does_not_know) {
-    for (const char* format :
-         {"ab%",  "ab%5",    "ab%-",  "ab%.",  "ab%.5", "ab%l",  "ab%hhhd", "ab%llld", "ab%lhd", "ab%Ld",
-          "ab%!", "ab%\x80", "ab%hs", "ab%zs", "ab%hc", "ab%lp", "ab%tp",   "ab%lc",   "ab%ls",  "ab%w"}) {
-        refuses("ab", format, 0, 0);
-    }
-    refuses("1 x", "%d %s%zd", 1, "x", 0);
 }
 
 // Where the two part on purpose: what the C library would print, and this formatter refuses or prints in
@@ -229,9 +223,6 @@ TEST(format, agrees_with_the_c_library) {
         const bool text_flags = flags.find_first_of("#0 +") == std::string::npos;
         for (const char* layout : {"", "1", "9", "30", ".", ".0", ".1", ".6", ".25", "12.", "12.4", "4.12"}) {
             const std::string start = flags + layout;
-            if (HasFatalFailure()) {
-                return;
-            }
             for (const long long value : values) {
                 for (const char* conversion : {"d", "i", "u", "o", "x", "X"}) {
                     agrees(start + conversion, static_cast<int>(value));
@@ -249,12 +240,13 @@ TEST(format, agrees_with_the_c_library) {
                 }
             }
             for (const char* text : {"", "a", "abcdef", "a text of more than thirty characters"}) {
-                if (text_flags) {
-                    agrees(start + "s", text);
-                }
+                agrees(text_flags ? start + "s" : "%s", text);
             }
             for (const double value : {0.0, -0.0, 0.5, 2.5, -1234.5625, 1e15}) {
                 agrees(start + "f", value);
+            }
+            if (HasFatalFailure()) {
+                return;
             }
         }
     }
@@ -301,19 +293,19 @@ TEST(format_float, agrees_with_the_c_library) {
     }
 }
 
+// No conversion asks for a precision and for trailing zeros at once.
 TEST(emit_number, layouts) {
-    const auto lays_out = [](const char* expected, std::uint32_t flags, std::uint32_t width,
-                             std::uint32_t precision) {
+    constexpr std::uint32_t left = CUTILSP_CSTR_FLAG_LEFT, zero = CUTILSP_CSTR_FLAG_ZERO;
+    for (const auto& [expected, flags, width, precision] : {std::tuple("-420", 0U, 4U, 2U),
+                                                            {"  -0420", 0U, 7U, 3U},
+                                                            {"-0420  ", left, 7U, 3U},
+                                                            {"-0000420", zero, 8U, 3U},
+                                                            {"-0000420", zero | left, 8U, 0U}}) {
         limited_sink taken = {"", 100};
         cutilsp_cstr_sink sink = {0, put_limited, &taken};
         EXPECT_EQ(cutilsp_cstr_emit_number(&sink, 1, "-", 2, "42", flags, width, precision, 1), 0);
         EXPECT_EQ(taken.text, expected);
-    };
-    lays_out("-420", 0, 4, 2);
-    lays_out("  -0420", 0, 7, 3);
-    lays_out("-0420  ", CUTILSP_CSTR_FLAG_LEFT, 7, 3);
-    lays_out("-0000420", CUTILSP_CSTR_FLAG_ZERO, 8, 3);
-    lays_out("-0000420", CUTILSP_CSTR_FLAG_ZERO | CUTILSP_CSTR_FLAG_LEFT, 8, 0);
+    }
 }
 
 TEST(text, comparison_length_search_and_copy) {
@@ -328,7 +320,6 @@ TEST(text, comparison_length_search_and_copy) {
     for (const auto& pair : pairs) {
         EXPECT_EQ(cutils_cstr_strncmp(pair.a, pair.b, pair.bound), pair.order) << pair.a;
     }
-    EXPECT_EQ(cutils_cstr_len("abc", 3), 3U);
     EXPECT_EQ(cutils_cstr_len("abc", 2), 2U);
     EXPECT_EQ(cutils_cstr_len("abc", unbounded), 3U);
     EXPECT_EQ(cutils_cstr_len(nullptr, 0), 0U);
