@@ -1,4 +1,6 @@
 // The driver's property bytes as they arrive in the record.
+#include "tests/support/properties.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -10,25 +12,9 @@ namespace {
 
 using namespace qel::vexa::virtual_gpu;  // NOLINT(google-build-using-namespace)
 
-using bytes = std::vector<std::byte>;
-
-// A record of the blob. The value may be cut.
-bytes property(std::uint32_t key, unsigned size_code, std::uint64_t value, std::size_t cut = 0) {
-    bytes result;
-    for (std::size_t i = 0; i < 4; ++i) {
-        result.push_back(static_cast<std::byte>((key << 2 | size_code) >> 8 * i));
-    }
-    for (std::size_t i = 0; i < (1U << size_code); ++i) {
-        result.push_back(static_cast<std::byte>(value >> 8 * i));
-    }
-    result.resize(result.size() - cut);
-    return result;
-}
-
-bytes operator+(bytes left, const bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
+using test_support::bytes;
+using test_support::property;
+using test_support::operator+;
 
 // The record that a blob becomes.
 base_gpu_props read(const bytes& blob) {
