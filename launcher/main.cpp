@@ -11,26 +11,36 @@
 namespace {
 
 constexpr const char* usage =
-    "usage: counterfeed-launcher [LIBRARY]\n"
-    "       counterfeed-launcher --help | --version\n"
+    "Usage: counterfeed-launcher [LIBRARY]\n"
     "\n"
     "Offers the GPU's counters to the system's tracing service until it is killed.\n"
-    "LIBRARY is by default libcounterfeed.so, looked for like any shared library.\n";
+    "LIBRARY is by default libcounterfeed.so, looked for like any shared library.\n"
+    "\n"
+    "  -h, --help       print this\n"
+    "  -V, --version    print the version\n"
+    "\n"
+    "Exit status: 1 when it has no library or the library gave up, 2 wrong usage.\n";
+
+bool is_option(const char* text, const char* letter, const char* word) {
+    return std::strcmp(text, letter) == 0 || std::strcmp(text, word) == 0;
+}
 
 }  // namespace
 
 int main(int argument_count, char** arguments) {
     const char* const name = argument_count > 1 ? arguments[1] : "libcounterfeed.so";
-    if (std::strcmp(name, "--help") == 0) {
+    if (is_option(name, "-h", "--help")) {
         std::fputs(usage, stdout);
         return 0;
     }
-    if (std::strcmp(name, "--version") == 0) {
+    if (is_option(name, "-V", "--version")) {
         std::puts("counterfeed-launcher " COUNTERFEED_VERSION);
         return 0;
     }
     if (name[0] == '-' || argument_count > 2) {
-        std::fputs(usage, stderr);
+        std::fprintf(stderr, "counterfeed-launcher: %s: \"%s\"\nTry 'counterfeed-launcher --help'.\n",
+                     name[0] == '-' ? "there is no such option" : "there is one library at most",
+                     name[0] == '-' ? name : arguments[2]);
         return 2;
     }
     void* const library = dlopen(name, RTLD_NOW | RTLD_LOCAL);
