@@ -34,12 +34,9 @@ std::string unit_word(std::uint32_t unit) {
     return word != words.end() ? word->second : "unit " + std::to_string(unit);
 }
 
-// A derived counter stands with the first counter of its expression, which is what it tells about; what
-// follows is what that is measured against.
-std::string block_of(const hwc::vexa_counter_descriptor& row) {
+const std::string& block_of(const hwc::vexa_counter_descriptor& row) {
     const std::uint32_t id = row.dependencies.empty() ? row.id : row.dependencies.front();
-    const std::size_t block = id / hwc::counters_per_block;
-    return block < block_names().size() ? block_names()[block] : "";
+    return block_names()[std::min<std::size_t>(id / hwc::counters_per_block, block_names().size() - 1)];
 }
 
 gpu make_gpu(hardware::product product) {
@@ -96,10 +93,14 @@ std::size_t edit_distance(const std::string& a, const std::string& b) {
         }
     }
     std::string message = "product " + std::to_string(static_cast<std::uint32_t>(from.product)) +
-                          " has no counter \"" + name + "\"; the nearest are:";
-    std::size_t left = suggestion_count;
-    for (auto near = by_distance.begin(); left-- > 0; ++near) {
-        message += "\n  " + near->second;
+                          " has no counter \"" + name + "\"";
+    std::size_t count = 0;
+    for (const auto& [distance, near] : by_distance) {
+        // With more changes than that it is another name, not a slip.
+        if (distance > name.size() / 2 || count == suggestion_count) {
+            break;
+        }
+        message += (count++ == 0 ? "; the nearest are:\n  " : "\n  ") + near;
     }
     fail(exit_failure, message);
 }
@@ -107,8 +108,32 @@ std::size_t edit_distance(const std::string& a, const std::string& b) {
 }  // namespace
 
 const std::vector<std::string>& block_names() {
-    static const std::vector<std::string> names{"job manager", "tiler", "memory system", "shader core"};
+    static const std::vector<std::string> names{"job manager", "tiler", "memory system", "shader core",
+                                                "GPU"};
     return names;
+}
+
+std::string block_of(std::uint32_t id, const std::string& name) {
+    if (id < hwc::first_derived_id) {
+        const std::size_t block = id / hwc::counters_per_block;
+        return block + 1 < block_names().size() ? block_names()[block]
+               : id == hwc::gpu_cycles_id       ? block_names().back()
+                                                : "";
+    }
+    // The id of a derived counter differs from table to table, its name does not.
+    static const std::map<std::string, std::string> blocks = [] {
+        std::map<std::string, std::string> result;
+        for (const hwc::counter_table& table : hwc::counter_tables) {
+            for (const hwc::vexa_counter_descriptor& row : table) {
+                if (row.evaluator != nullptr) {
+                    result.emplace(row.name, block_of(row));
+                }
+            }
+        }
+        return result;
+    }();
+    const auto found = blocks.find(name);
+    return found != blocks.end() ? found->second : "";
 }
 
 std::string unit_text(std::uint32_t numerator, std::uint32_t denominator) {
@@ -124,7 +149,7 @@ std::string hexadecimal(std::uint32_t id) {
 }
 
 gpu gpu_argument(const char* text) {
-    const std::optional<std::uint64_t> number = parse_number(text, UINT64_MAX);
+    const std::optional<std::uint64_t> number = parse_number(text, UINT32_MAX);
     if (number && *number < hardware::product_count) {
         return make_gpu(hardware::product{static_cast<std::uint32_t>(*number)});
     }

@@ -38,22 +38,11 @@ std::string text_of(const ordered_json& value) {
     return value.dump();
 }
 
-std::string quoted(const std::string& field) {
-    if (field.find_first_of(",\"\r\n") == std::string::npos) {
-        return field;
-    }
-    std::string result = "\"";
-    for (const char c : field) {
-        result += c == '"' ? "\"\"" : std::string(1, c);
-    }
-    return result + '"';
-}
-
 void print_csv(const rows& data) {
     const auto print_line = [](const ordered_json& row, auto field_of) {
         const char* separator = "";
         for (const auto& [key, value] : row.items()) {
-            std::printf("%s%s", separator, quoted(field_of(key, value)).c_str());
+            std::printf("%s%s", separator, csv_field(field_of(key, value)).c_str());
             separator = ",";
         }
         std::puts("");
@@ -105,11 +94,14 @@ void print_table(const rows& data, std::initializer_list<const char*> columns) {
 void take_common_option(int option, format& how, const char* usage) {
     switch (option) {
         case 'j':
-            how = format::json;
+        case 'c': {
+            const format wanted = option == 'j' ? format::json : format::csv;
+            if (how != format::table && how != wanted) {
+                fail_usage("--json and --csv exclude each other");
+            }
+            how = wanted;
             break;
-        case 'c':
-            how = format::csv;
-            break;
+        }
         case 'h':
             std::fputs(usage, stdout);
             finish();
@@ -133,6 +125,17 @@ void print(const rows& data, format how, std::initializer_list<const char*> tabl
             print_csv(data);
             break;
     }
+}
+
+std::string csv_field(const std::string& text) {
+    if (text.find_first_of(",\"\r\n") == std::string::npos) {
+        return text;
+    }
+    std::string result = "\"";
+    for (const char c : text) {
+        result += c == '"' ? "\"\"" : std::string(1, c);
+    }
+    return result + '"';
 }
 
 std::size_t terminal_width() {

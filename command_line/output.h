@@ -14,8 +14,9 @@ using rows = nlohmann::ordered_json;
 
 enum class format { table, json, csv };
 
-// Acts on an option that all tools have, by its letter: -j and -c set the format, -h and -V answer and end
-// the process. Any other is wrong usage, of which getopt has told.
+// Acts on an option of the tools that print such rows, by its letter: -j and -c set the format, -h and -V
+// answer and end the process. Any other is wrong usage, of which getopt has told, and so are both formats at
+// once.
 void take_common_option(int option, format& how, const char* usage);
 
 // Prints all columns, or as a table those that are named. A table has the column names in its first line and
@@ -24,6 +25,9 @@ void take_common_option(int option, format& how, const char* usage);
 // Floating-point numbers have 17 significant digits there, and in JSON as many as it takes to read the same
 // number back.
 void print(const rows& data, format how, std::initializer_list<const char*> table_columns);
+
+// A field of CSV, quoted if it has to be.
+std::string csv_field(const std::string& text);
 
 // The columns of the terminal, or 0 when standard output is none.
 std::size_t terminal_width();

@@ -8,15 +8,19 @@
 
 namespace qel::vexa::command_line {
 
+void complain(const std::string& message) {
+    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, message.c_str());
+}
+
 void fail(int status, const std::string& message) {
     std::fflush(stdout);
-    std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, message.c_str());
+    complain(message);
     std::exit(status);
 }
 
 void fail_usage(const std::string& message) {
     if (!message.empty()) {
-        std::fprintf(stderr, "%s: %s\n", program_invocation_short_name, message.c_str());
+        complain(message);
     }
     std::fprintf(stderr, "Try '%s --help'.\n", program_invocation_short_name);
     std::exit(exit_usage);
@@ -26,9 +30,9 @@ void print_version() {
     std::printf("%s " COUNTERFEED_VERSION "\n", program_invocation_short_name);
 }
 
-void finish() {
+void finish(int status_when_lost) {
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        fail(exit_failure, std::string("can't write the output: ") + std::strerror(errno));
+        fail(status_when_lost, std::string("can't write the output: ") + std::strerror(errno));
     }
     std::exit(EXIT_SUCCESS);
 }

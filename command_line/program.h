@@ -12,7 +12,10 @@ namespace qel::vexa::command_line {
 inline constexpr int exit_failure = 1;
 inline constexpr int exit_usage = 2;
 
-// Prints "PROGRAM: message" on standard error and ends the process.
+// Prints "PROGRAM: message" on standard error.
+void complain(const std::string& message);
+
+// Does that and ends the process.
 [[noreturn]] void fail(int status, const std::string& message);
 
 // What every complaint about the command line ends with: points at --help, and ends with exit_usage. An empty
@@ -22,9 +25,9 @@ inline constexpr int exit_usage = 2;
 // The answer to --version.
 void print_version();
 
-// Ends the process with success, or with exit_failure when standard output could not take all that was
+// Ends the process with success, or with the other status when standard output could not take all that was
 // written.
-[[noreturn]] void finish();
+[[noreturn]] void finish(int status_when_lost = exit_failure);
 
 // A whole number, decimal or after 0x or 0b, and no larger than most; nothing for any other text.
 std::optional<std::uint64_t> parse_number(std::string_view text, std::uint64_t most);

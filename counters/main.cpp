@@ -28,16 +28,16 @@ constexpr const char* usage =
     "\n"
     "Lists the counters of a GPU. A single counter is shown in full.\n"
     "\n"
-    "GPU is a product number from 0 to 13 or a GPU id such as 0x9002. NAME is a counter's name in any case, "
-    "its\n"
-    "hardware name, its id, or a pattern such as 'Fragment*'; without any, all counters are meant.\n"
+    "GPU is a product number or a GPU id such as 0x9002; --gpus lists them. NAME is a counter's name in any "
+    "case,\n"
+    "its hardware name, its id, or a pattern such as 'Fragment*'; without any, all counters are meant.\n"
     "\n"
     "Which counters:\n"
     "  -g, --gpu GPU          the GPU that they belong to\n"
     "  -s, --search WORDS     with all of these words in name or description; may be repeated\n"
     "  -u, --unit UNIT        in this unit: byte, pixel, percent, primitive, fragment, instruction, none\n"
-    "  -b, --block BLOCK      of this hardware block: job-manager, tiler, memory-system, shader-core; a "
-    "derived\n"
+    "  -b, --block BLOCK      of this hardware block: job-manager, tiler, memory-system, shader-core, gpu; "
+    "a derived\n"
     "                         counter belongs to the block of the first counter in its expression\n"
     "  -d, --default          selected by default\n"
     "  -r, --raw              counted by the hardware itself\n"
@@ -49,7 +49,9 @@ constexpr const char* usage =
     "  -c, --csv              print them as CSV\n"
     "  -C, --config           write a trace config that records them, for 'perfetto --txt -c'\n"
     "  -p, --period MS        with --config: milliseconds between samples, 1 to 1000 (default 10)\n"
-    "  -t, --duration S       with --config: seconds to record (default 10); 0 records until stopped\n"
+    "  -t, --duration S       with --config: seconds to record, up to 604800, a week (default 10); 0 "
+    "records\n"
+    "                         until stopped\n"
     "\n"
     "  -G, --gpus             list the GPUs\n"
     "  -h, --help             print this\n"
@@ -57,8 +59,8 @@ constexpr const char* usage =
     "\n"
     "Exit status: 0 success, 1 a name or filter that fits no counter, 2 wrong usage.\n";
 
-constexpr std::uint64_t max_duration_s = 604800;  // a week
-constexpr std::size_t page_width = 80;            // of text that goes to no terminal
+constexpr std::uint64_t max_duration_s = 604800;
+constexpr std::size_t page_width = 80;  // of text that goes to no terminal
 
 enum class action { list, details, config, list_gpus };
 
@@ -74,7 +76,16 @@ struct request {
     action what = action::list;
     format how = format::table;
     counters::recording recording;
+
+    bool has_filter() const { return !words.empty() || unit || block || by_default || raw || derived; }
 };
+
+void set_action(request& asked, action what) {
+    if (asked.what != action::list && asked.what != what) {
+        fail_usage("--details, --config and --gpus exclude each other");
+    }
+    asked.what = what;
+}
 
 bool same_word(const std::string& a, const std::string& b) {
     return ::strcasecmp(a.c_str(), b.c_str()) == 0;
@@ -88,7 +99,8 @@ std::string block_argument(std::string text) {
             return name;
         }
     }
-    fail_usage("unknown block \"" + text + "\": there are job-manager, tiler, memory-system and shader-core");
+    fail_usage("unknown block \"" + text +
+               "\": there are job-manager, tiler, memory-system, shader-core and gpu");
 }
 
 bool has_unit(const counter& which, const std::string& unit) {
@@ -167,10 +179,10 @@ request read_command_line(int argument_count, char** arguments) {
                 result.derived = true;
                 break;
             case 'D':
-                result.what = action::details;
+                set_action(result, action::details);
                 break;
             case 'C':
-                result.what = action::config;
+                set_action(result, action::config);
                 break;
             case 'p':
                 timing = true;
@@ -182,14 +194,18 @@ request read_command_line(int argument_count, char** arguments) {
                 result.recording.duration_s = number_argument("--duration", optarg, 0, max_duration_s);
                 break;
             case 'G':
-                result.what = action::list_gpus;
+                set_action(result, action::list_gpus);
                 break;
             default:
                 take_common_option(option, result.how, usage);
         }
     }
     result.names.assign(arguments + optind, arguments + argument_count);
-    if (!result.of && result.what != action::list_gpus) {
+    if (result.what == action::list_gpus) {
+        if (result.of || !result.names.empty() || result.has_filter()) {
+            fail_usage("--gpus lists all GPUs, and goes with no choice of a GPU or of counters");
+        }
+    } else if (!result.of) {
         fail_usage("--gpu says whose counters are meant, and is missing");
     }
     if (timing && result.what != action::config) {
@@ -249,11 +265,10 @@ void print_gpus(format how) {
 }
 
 void print_details(const gpu& of, const counter& which) {
-    const auto or_none = [](const std::string& text) { return text.empty() ? "none" : text.c_str(); };
     std::printf("%s\n", which.row->name);
     std::printf("  id          %u\n", which.row->id);
-    std::printf("  unit        %s\n", or_none(which.unit));
-    std::printf("  block       %s\n", or_none(which.block));
+    std::printf("  unit        %s\n", which.unit.empty() ? "none" : which.unit.c_str());
+    std::printf("  block       %s\n", which.block.c_str());
     std::printf("  default     %s\n", which.row->select_by_default ? "selected" : "not selected");
     std::printf("  %s  %s\n", which.is_derived() ? "expression" : "hardware  ", which.expression.c_str());
     const char* heading = "reads     ";

@@ -31,7 +31,8 @@ std::string gpus_of_table(unsigned table) {
 
 std::string trace_config(const command_line::gpu& gpu, const std::vector<command_line::counter>& counters,
                          const recording& how) {
-    std::string text = "# " + std::to_string(counters.size()) + " GPU counters, a sample every " +
+    std::string text = "# " + std::to_string(counters.size()) + " GPU counter" +
+                       (counters.size() == 1 ? "" : "s") + ", a sample every " +
                        std::to_string(how.period_ms) + " ms.\n# For " + gpus_of_table(gpu.table) +
                        ".\n"
                        "# Record with: perfetto --txt -c THIS_FILE -o TRACE\n"

@@ -36,7 +36,7 @@ constexpr const char* usage =
     "or hardware name in any case, this id, or a name that fits a pattern such as 'Fragment*'.\n"
     "\n"
     "The GPU:\n"
-    "  -g, --gpu GPU              a product number from 0 to 13, or a GPU id such as 0x9002\n"
+    "  -g, --gpu GPU              a product number, or a GPU id such as 0x9002\n"
     "  -m, --core-mask MASK       its shader cores, such as 0x3ff: a bit for each core\n"
     "  -l, --l2-slices SLICES     its number of L2 cache slices\n"
     "  -b, --bus-width BYTES      the width of its external bus in bytes\n"
@@ -146,7 +146,7 @@ void check_size(const request& asked, std::size_t word_count) {
     const std::uint64_t expected = 2 + *asked.l2_slices + core_positions;
     const std::size_t found = word_count / hwc::counters_per_block;
     if (found != expected) {
-        fail(exit_usage, asked.sample + " has " + std::to_string(found) +
+        fail(exit_usage, evaluate::shown_name(asked.sample) + " has " + std::to_string(found) +
                              " blocks, but this GPU's samples have " + std::to_string(expected) +
                              ": job manager, tiler, " + std::to_string(*asked.l2_slices) +
                              " L2 slices, and core indices 0 up to the core "

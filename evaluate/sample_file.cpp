@@ -39,14 +39,14 @@ std::string read_file(const std::string& path) {
         bytes.append(piece.data(), size);
     }
     if (std::ferror(file) != 0) {
-        fail(exit_failure, "can't read " + path + ": " + std::strerror(errno));
+        fail(exit_failure, "can't read " + shown_name(path) + ": " + std::strerror(errno));
     }
     if (file != stdin) {
         std::fclose(file);
     }
     if (bytes.size() > size_limit) {
-        fail(exit_usage,
-             path + " has more than " + std::to_string(size_limit) + " bytes, which no sample has");
+        fail(exit_usage, shown_name(path) + " has more than " + std::to_string(size_limit) +
+                             " bytes, which no sample has");
     }
     return bytes;
 }
@@ -112,9 +112,14 @@ std::vector<std::uint32_t> words_of_json(const std::string& path, const std::str
 
 }  // namespace
 
+std::string shown_name(const std::string& path) {
+    return path == "-" ? "standard input" : path;
+}
+
 std::vector<std::uint32_t> read_sample(const std::string& path, encoding how) {
     const std::string bytes = read_file(path);
-    return how == encoding::json ? words_of_json(path, bytes) : words_of_bytes(path, bytes);
+    const std::string name = shown_name(path);
+    return how == encoding::json ? words_of_json(name, bytes) : words_of_bytes(name, bytes);
 }
 
 }  // namespace qel::vexa::evaluate

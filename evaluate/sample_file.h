@@ -12,6 +12,9 @@ enum class encoding {
     json,    // an array of words, or an array of blocks, each an array of 64 words
 };
 
+// What messages call a file: its path, and "standard input" for "-".
+std::string shown_name(const std::string& path);
+
 // The words of the one sample in the file; "-" is standard input. What can't be read ends the process with
 // exit_failure, and what does not consist of whole blocks of words with exit_usage.
 std::vector<std::uint32_t> read_sample(const std::string& path, encoding how);

@@ -14,7 +14,7 @@
 
 namespace qel::vexa::hardware {
 
-// The GPU products are plain numbers from 0 to 13; they have no names.
+// The GPU products are plain numbers from 0 on; they have no names.
 enum class product : std::uint32_t {};
 inline constexpr std::uint32_t product_count = 14;
 

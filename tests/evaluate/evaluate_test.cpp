@@ -168,6 +168,7 @@ TEST_F(Evaluate, Complaints) {
         EXPECT_EQ(result.out, "") << c.message;
     }
     EXPECT_EQ(run_with({write("s", fitting)}).status, 0);
+    EXPECT_THAT(run_with({"-"}).err, testing::HasSubstr(": standard input has 0 blocks"));
     EXPECT_EQ(run_with({}).status, 2);
     EXPECT_EQ(run_with({folder.file("missing")}).status, 1);
     EXPECT_EQ(run_tool(EVALUATE, {"-g", "9", folder.file("s")}).status, 2);
