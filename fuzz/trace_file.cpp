@@ -55,9 +55,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     file.clear();
     file.seekg(0);
     read_trace(file, survey);
+    survey.flush();
     csv_writer csv(out, survey, {}, false);
     file.clear();
     file.seekg(0);
     read_trace(file, csv);
+    csv.flush();
     return 0;
 }

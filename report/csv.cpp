@@ -3,22 +3,12 @@
 #include <set>
 #include <utility>
 
+#include "command_line/output.h"
 #include "report/writers.h"
 
 namespace qel::vexa::report {
 
 namespace {
-
-std::string quoted(const std::string& text) {
-    if (text.find_first_of(",\"\r\n") == std::string::npos) {
-        return text;
-    }
-    std::string result = "\"";
-    for (const char c : text) {
-        result += c == '"' ? "\"\"" : std::string(1, c);
-    }
-    return result + '"';
-}
 
 // Nanoseconds as seconds, with all digits.
 std::string seconds(std::uint64_t nanoseconds) {
@@ -31,42 +21,41 @@ std::string seconds(std::uint64_t nanoseconds) {
 }  // namespace
 
 csv_writer::csv_writer(std::ostream& out, const trace_survey& survey, selection wanted, bool is_long)
-    : out_(out), wanted_(std::move(wanted)), is_long_(is_long), first_(survey.first()) {
+    : ordered_listener(std::move(wanted)), out_(out), is_long_(is_long), first_(survey.first()) {
     const auto sequences = survey.sequences();
     has_sequences_ = sequences.size() > 1;
     std::map<std::pair<std::uint32_t, std::string>, std::size_t> known;
     std::map<std::string, std::size_t> uses;
     for (const auto& [sequence, counters] : sequences) {
         for (const counter_description& counter : counters) {
-            if (!wanted_.has(counter)) {
+            if (!this->wanted().has(counter)) {
                 continue;
             }
             const auto [entry, is_new] = known.try_emplace({counter.id, counter.name}, columns_.size());
             if (is_new) {
                 ++uses[counter.name];
-                columns_.push_back({counter, std::to_string(counter.id) + ',' + quoted(counter.name) + ',' +
-                                                 quoted(counter.unit()) + ','});
+                columns_.push_back({counter, std::to_string(counter.id) + ',' +
+                                                 command_line::csv_field(counter.name) + ',' +
+                                                 command_line::csv_field(counter.unit()) + ','});
             }
             column_of_id_[sequence][counter.id] = entry->second;
         }
     }
-    out_ << "time_s,time_ns" << (has_sequences_ ? ",sequence" : "");
+    header_ = std::string("time_s,time_ns") + (has_sequences_ ? ",sequence" : "");
     if (is_long_) {
-        out_ << ",id,counter,unit,value";
+        header_ += ",id,counter,unit,value";
     } else {
         for (const column& each : columns_) {
             const std::string& name = each.counter.name;
-            out_ << ','
-                 << quoted(uses[name] > 1 ? name + " (" + std::to_string(each.counter.id) + ")" : name);
+            header_ += ',' + command_line::csv_field(
+                                 uses[name] > 1 ? name + " (" + std::to_string(each.counter.id) + ")" : name);
         }
     }
-    out_ << '\n';
+    header_ += '\n';
 }
 
-void csv_writer::on_sample(std::uint32_t sequence, const counter_sample& sample) {
-    if (!wanted_.has(sample)) {
-        return;
-    }
+void csv_writer::take(std::uint32_t sequence, const counter_sample& sample) {
+    out_ << std::exchange(header_, "");
     line_ = seconds(sample.timestamp - first_) + ',' + std::to_string(sample.timestamp);
     if (has_sequences_) {
         line_ += ',' + std::to_string(sequence);

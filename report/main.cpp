@@ -1,12 +1,13 @@
 // counterfeed-report: what the GPU counters of a recorded trace did, on the terminal, as a table or as a
 // page.
 
+#include <fcntl.h>
 #include <getopt.h>
 #include <langinfo.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <clocale>
 #include <cmath>
@@ -20,12 +21,18 @@
 #include <limits>
 #include <optional>
 
+#include "command_line/output.h"
+#include "command_line/program.h"
 #include "report/trace_file.h"
 #include "report/writers.h"
 
 namespace {
 
 using namespace qel::vexa::report;  // NOLINT(google-build-using-namespace)
+namespace command_line = qel::vexa::command_line;
+using command_line::complain;
+using command_line::fail;
+using command_line::fail_usage;
 
 constexpr const char* usage =
     "Usage: counterfeed-report [OPTION]... TRACE\n"
@@ -35,7 +42,7 @@ constexpr const char* usage =
     "minimum, mean and maximum and, on a terminal, a small chart. TRACE may be - for the standard input.\n"
     "\n"
     "  -a, --all            show all counters of the trace, not just the default selection\n"
-    "      --csv[=FORM]     write comma-separated values: 'wide', a line for each sample (the default), or\n"
+    "  -c, --csv[=FORM]     write comma-separated values: 'wide', a line for each sample (the default), or\n"
     "                       'long', a line for each value\n"
     "      --html           write a page with a chart for each counter, for a browser\n"
     "  -o, --output FILE    write to FILE, not to the standard output\n"
@@ -48,15 +55,15 @@ constexpr const char* usage =
     "      --offered STATE  list the ids and names of the counters that a tracing service offers: STATE is "
     "a\n"
     "                       file with the output of 'perfetto --query-raw'\n"
-    "  -h, --help           show this help\n"
-    "  -V, --version        show the version\n"
+    "  -h, --help           print this\n"
+    "  -V, --version        print the version\n"
     "\n"
-    "The status is 0 if all went well, 1 if the trace is damaged and what is readable of it was shown, and 2 "
-    "if\n"
-    "nothing could be shown.\n";
+    "Exit status: 0 success, 1 the trace is damaged and what is readable of it was shown, 2 nothing could be "
+    "shown.\n";
 
 constexpr int exit_partly = 1;
-constexpr int exit_unusable = 2;
+constexpr int exit_unusable = 2;  // wrong usage too
+constexpr std::uint64_t most_bins = 65536;
 
 enum class output_form { summary, csv_wide, csv_long, html };
 
@@ -73,30 +80,23 @@ struct settings {
     std::size_t bins = 2048;
 };
 
-template <typename... Arguments>
-int fail(const char* format, Arguments... arguments) {
-    std::fputs("counterfeed-report: ", stderr);
-    std::fprintf(stderr, format, arguments...);
-    std::fputc('\n', stderr);
-    return exit_unusable;
-}
-
 // Opens a trace so that it can be read twice: what comes through a pipe goes to a temporary file first.
 class trace_input {
 public:
+    // False, with the reason in errno, when there is nothing to read.
     bool open(const std::string& path) {
-        name_ = path == "-" ? "standard input" : path;
-        const std::string device = path == "-" ? "/dev/stdin" : path;
+        const bool is_standard = path == "-";
+        name_ = is_standard ? "standard input" : path;
+        const std::string file = is_standard ? "/dev/stdin" : path;
         std::error_code ec;
-        const auto type = std::filesystem::status(device, ec).type();
-        if (type == std::filesystem::file_type::directory) {
-            return false;
+        if (std::filesystem::is_regular_file(file, ec)) {
+            file_.open(file, std::ios::binary);
+            if (file_.is_open()) {
+                return measure();
+            }
         }
-        file_.open(device, std::ios::binary);
-        if (file_.is_open() && type != std::filesystem::file_type::regular) {
-            return keep_copy();
-        }
-        return measure();
+        const int source = is_standard ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        return source >= 0 && keep_copy(source);
     }
     std::istream& rewind() {
         file_.clear();
@@ -108,23 +108,33 @@ public:
     bool has_failed() const { return file_.bad(); }
 
 private:
-    bool keep_copy() {
+    bool keep_copy(int source) {
         std::string path = std::filesystem::temp_directory_path() / "counterfeed-report-XXXXXX";
-        const int descriptor = mkstemp(path.data());
-        if (descriptor < 0) {
+        const int copy = mkstemp(path.data());
+        if (copy < 0) {
             return false;
         }
-        close(descriptor);
-        bool is_copied = false;
-        {
-            std::ofstream copy(path, std::ios::binary);
-            is_copied = file_.peek() == std::char_traits<char>::eof() || copy << file_.rdbuf();
-            is_copied = is_copied && copy.flush();
-        }
-        file_.close();
         file_.open(path, std::ios::binary);
         unlink(path.c_str());
-        return is_copied && measure();
+        const bool is_whole = file_.is_open() && copy_all(source, copy);
+        return close(copy) == 0 && is_whole && measure();
+    }
+    static bool copy_all(int source, int target) {
+        std::vector<char> piece(std::size_t{1} << 16);
+        for (;;) {
+            const ssize_t size = read(source, piece.data(), piece.size());
+            if (size <= 0) {
+                return size == 0;
+            }
+            for (ssize_t done = 0; done < size;) {
+                const ssize_t written =
+                    write(target, piece.data() + done, static_cast<std::size_t>(size - done));
+                if (written < 0) {
+                    return false;
+                }
+                done += written;
+            }
+        }
     }
     bool measure() {
         file_.seekg(0, std::ios::end);
@@ -208,36 +218,32 @@ private:
 // Where the result goes. Nothing is touched before the trace has been found good.
 class result_output {
 public:
-    std::ostream* open(const settings& wanted) {
-        name_ = wanted.output.empty() ? "standard output" : wanted.output;
+    std::ostream& open(const settings& wanted) {
         if (wanted.output.empty()) {
-            return stream_ = &std::cout;
+            return stream_;
         }
+        name_ = wanted.output;
         std::error_code ec;
         if (std::filesystem::equivalent(wanted.trace, wanted.output, ec)) {
-            fail("%s is the trace itself", wanted.output.c_str());
-            return nullptr;
+            fail(exit_unusable, name_ + " is the trace itself");
         }
         file_.open(wanted.output, std::ios::binary);
         if (!file_.is_open()) {
-            fail("can't write %s: %s", wanted.output.c_str(), std::strerror(errno));
-            return nullptr;
+            fail(exit_unusable, "can't write " + name_ + ": " + std::strerror(errno));
         }
-        return stream_ = &file_;
+        stream_.rdbuf(file_.rdbuf());
+        return stream_;
     }
-    // Whether all of it arrived.
-    bool finish() {
-        if (stream_->flush()) {
-            return true;
+    void finish() {
+        if (!stream_.flush()) {
+            fail(exit_unusable, "writing to " + name_ + " failed: " + std::strerror(errno));
         }
-        fail("writing to %s failed: %s", name_.c_str(), std::strerror(errno));
-        return false;
     }
 
 private:
     std::ofstream file_;
-    std::ostream* stream_ = nullptr;
-    std::string name_;
+    std::ostream stream_{std::cout.rdbuf()};
+    std::string name_ = "standard output";
 };
 
 terminal_options terminal_settings(const settings& wanted) {
@@ -250,11 +256,10 @@ terminal_options terminal_settings(const settings& wanted) {
         result.charts = has_blocks ? chart_style::blocks : chart_style::ascii;
     }
     if (is_terminal) {
-        winsize size{};
         const char* columns = std::getenv("COLUMNS");
         result.width = columns != nullptr ? std::strtoul(columns, nullptr, 10) : 0;
-        if (result.width == 0 && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
-            result.width = size.ws_col;
+        if (result.width == 0) {
+            result.width = command_line::terminal_width();
         }
         const char* kind = std::getenv("TERM");
         result.bold_headings =
@@ -263,34 +268,48 @@ terminal_options terminal_settings(const settings& wanted) {
     return result;
 }
 
-int finish(result_output& output, const std::vector<std::string>& problems, const std::string& trace) {
-    if (!output.finish()) {
-        return exit_unusable;
-    }
+void tell(const std::vector<std::string>& problems, const std::string& trace) {
     for (const std::string& problem : problems) {
-        fail("%s: %s", trace.c_str(), problem.c_str());
+        complain(trace + ": " + problem);
     }
+}
+
+int finish(result_output& output, const std::vector<std::string>& problems, const std::string& trace) {
+    output.finish();
+    tell(problems, trace);
     return problems.empty() ? EXIT_SUCCESS : exit_partly;
 }
 
-int no_counters(const std::string& trace, std::uint64_t packets, const std::vector<std::string>& problems) {
+[[noreturn]] void fail_without_counters(const std::string& trace, std::uint64_t packets,
+                                        const std::vector<std::string>& problems) {
     if (packets == 0) {
-        return fail("%s is not a trace", trace.c_str());
+        fail(exit_unusable, trace + " is not a trace");
     }
-    for (const std::string& problem : problems) {
-        fail("%s: %s", trace.c_str(), problem.c_str());
-    }
-    return fail("%s has no samples of GPU counters", trace.c_str());
+    tell(problems, trace);
+    fail(exit_unusable, trace + " has no samples of GPU counters");
 }
 
-// Whether any counter is left of what the trace has; says so if not.
+// Whether any counter is left of what the trace has. If not, ends the process.
 template <typename Sequences, typename HasWanted>
-bool has_match(const Sequences& sequences, const settings& wanted, HasWanted has_wanted) {
-    if (wanted.match.empty() || std::any_of(sequences.begin(), sequences.end(), has_wanted)) {
-        return true;
+void check_match(const Sequences& sequences, const settings& wanted, const std::string& trace,
+                 HasWanted has_wanted) {
+    if (!wanted.match.empty() && std::none_of(sequences.begin(), sequences.end(), has_wanted)) {
+        fail(exit_unusable, trace + " has no counter of that name");
     }
-    fail("%s has no counter of that name", wanted.trace.c_str());
-    return false;
+}
+
+void check_time(const ordered_listener& reader, const std::string& trace) {
+    if (reader.taken() == 0) {
+        fail(exit_unusable, trace + " has samples of GPU counters, but none between --from and --to");
+    }
+}
+
+void add_out_of_order(std::vector<std::string>& problems, const ordered_listener& reader) {
+    if (const std::uint64_t count = reader.out_of_order(); count != 0) {
+        problems.push_back(std::to_string(count) + (count == 1
+                                                        ? " sample is left out: its time goes back"
+                                                        : " samples are left out: their times go back"));
+    }
 }
 
 std::uint64_t nanoseconds(double seconds) {
@@ -300,21 +319,26 @@ std::uint64_t nanoseconds(double seconds) {
 
 int report_trace(const settings& wanted) {
     trace_input input;
-    if (!input.open(wanted.trace)) {
-        return fail("can't read %s", wanted.trace.c_str());
-    }
+    const bool is_readable = input.open(wanted.trace);
     const std::string& name = input.name();
+    if (!is_readable) {
+        fail(exit_unusable, "can't read " + name + ": " + std::strerror(errno));
+    }
     const bool shows_progress = !wanted.quiet && isatty(STDERR_FILENO) != 0;
     const bool is_csv = wanted.form == output_form::csv_wide || wanted.form == output_form::csv_long;
+    const bool has_limits = wanted.from || wanted.to;
     selection selected{.names = wanted.match};
     trace_survey survey;
-    if (is_csv || wanted.from || wanted.to) {
+    if (is_csv || has_limits) {
         monitor first_look(survey, input, shows_progress);
         const std::uint64_t packets = first_look.read("Looking for counters");
-        if (survey.sequences().empty()) {
-            return no_counters(name, packets, first_look.problems());
+        survey.flush();
+        if (survey.taken() == 0) {
+            fail_without_counters(name, packets, first_look.problems());
         }
-        selected.from = survey.first() + nanoseconds(wanted.from.value_or(0));
+        if (has_limits) {
+            selected.from = survey.first() + nanoseconds(wanted.from.value_or(0));
+        }
         if (wanted.to) {
             selected.to = survey.first() + nanoseconds(*wanted.to);
         }
@@ -322,20 +346,18 @@ int report_trace(const settings& wanted) {
 
     result_output output;
     if (is_csv) {
-        if (!has_match(survey.sequences(), wanted, [&selected](const auto& entry) {
-                return std::any_of(entry.second.begin(), entry.second.end(),
-                                   [&](const counter_description& counter) { return selected.has(counter); });
-            })) {
-            return exit_unusable;
-        }
-        std::ostream* out = output.open(wanted);
-        if (out == nullptr) {
-            return exit_unusable;
-        }
-        csv_writer writer(*out, survey, selected, wanted.form == output_form::csv_long);
+        check_match(survey.sequences(), wanted, name, [&selected](const auto& entry) {
+            return std::any_of(entry.second.begin(), entry.second.end(),
+                               [&](const counter_description& counter) { return selected.has(counter); });
+        });
+        csv_writer writer(output.open(wanted), survey, selected, wanted.form == output_form::csv_long);
         monitor reader(writer, input, shows_progress);
         reader.read("Writing");
-        return finish(output, reader.problems(), name);
+        writer.flush();
+        check_time(writer, name);
+        std::vector<std::string> problems = reader.problems();
+        add_out_of_order(problems, writer);
+        return finish(output, problems, name);
     }
 
     trace_summary summary(wanted.bins, selected);
@@ -343,68 +365,66 @@ int report_trace(const settings& wanted) {
     const std::uint64_t packets = reader.read("Reading");
     const auto& sequences = summary.finish();
     std::vector<std::string> problems = reader.problems();
-    if (std::none_of(sequences.begin(), sequences.end(),
-                     [](const auto& entry) { return entry.second.samples != 0; })) {
-        return no_counters(name, packets, problems);
+    if (has_limits) {
+        check_time(summary, name);
+    } else if (summary.taken() == 0) {
+        fail_without_counters(name, packets, problems);
     }
-    if (!has_match(sequences, wanted, [](const auto& entry) { return !entry.second.series.empty(); })) {
-        return exit_unusable;
-    }
-    if (summary.out_of_order() != 0) {
-        problems.push_back(std::to_string(summary.out_of_order()) +
-                           " samples are left out: their times go back");
-    }
+    check_match(sequences, wanted, name, [](const auto& entry) { return !entry.second.series.empty(); });
+    add_out_of_order(problems, summary);
     if (summary.undescribed() != 0) {
-        std::fprintf(stderr,
-                     "counterfeed-report: %s: the descriptions of some counters are lost, as happens when a "
-                     "ring buffer overflows; these counters are shown by their ids\n",
-                     name.c_str());
+        complain(
+            name +
+            ": the descriptions of some counters are lost, as happens when a ring buffer overflows; these "
+            "counters are shown by their ids");
     }
-    std::ostream* out = output.open(wanted);
-    if (out == nullptr) {
-        return exit_unusable;
-    }
+    std::ostream& out = output.open(wanted);
     if (wanted.form == output_form::html) {
-        write_page(*out, {.file = std::filesystem::path(name).filename(),
-                          .file_size = input.size(),
-                          .sequences = sequences,
-                          .problems = problems});
+        write_page(out, {.file = std::filesystem::path(name).filename(),
+                         .file_size = input.size(),
+                         .sequences = sequences,
+                         .problems = problems});
     } else {
-        write_summary(*out, sequences, terminal_settings(wanted));
+        write_summary(out, sequences, terminal_settings(wanted));
     }
     return finish(output, problems, name);
 }
 
-int list_offered(const char* path) {
+[[noreturn]] void list_offered(const char* path) {
     const std::optional<std::string> bytes = read_file(path);
-    const std::vector<counter_description> counters =
-        bytes ? read_offered_counters(*bytes) : std::vector<counter_description>();
+    if (!bytes) {
+        fail(exit_unusable, std::string("can't read ") + path + ": " + std::strerror(errno));
+    }
+    const std::vector<counter_description> counters = read_offered_counters(*bytes);
     if (counters.empty()) {
-        return fail("no GPU counters are offered in %s", path);
+        fail(exit_unusable, std::string("no GPU counters are offered in ") + path);
     }
     for (const counter_description& counter : counters) {
         std::printf("%u\t%s\n", counter.id, counter.name.c_str());
     }
-    return EXIT_SUCCESS;
+    command_line::finish(exit_unusable);
 }
 
-// A number from 0 on that takes up the whole text.
-std::optional<double> parse_number(const char* text) {
+void set_form(settings& wanted, output_form form) {
+    if (wanted.form != output_form::summary && wanted.form != form) {
+        fail_usage("there is one output: the summary, one form of --csv, or --html");
+    }
+    wanted.form = form;
+}
+
+double seconds_argument(const char* option, const char* text) {
     char* end = nullptr;
-    const double value = text != nullptr ? std::strtod(text, &end) : 0;
-    return text != nullptr && end != text && *end == '\0' && std::isfinite(value) && value >= 0
-               ? std::optional(value)
-               : std::nullopt;
-}
-
-int wrong_use(const char* problem, const char* argument) {
-    return fail("%s%s\nTry 'counterfeed-report --help'.", problem, argument);
+    const double value = std::strtod(text, &end);
+    if (end == text || *end != '\0' || !std::isfinite(value) || value < 0) {
+        fail_usage(std::string(option) + " is a number of seconds, not \"" + text + "\"");
+    }
+    return value;
 }
 
 int run(int argument_count, char** arguments) {
-    enum long_option { csv = 256, html, from, to, bins, charts, offered };
+    enum long_option { html = 256, from, to, bins, charts, offered };
     const option options[] = {{"all", no_argument, nullptr, 'a'},
-                              {"csv", optional_argument, nullptr, csv},
+                              {"csv", optional_argument, nullptr, 'c'},
                               {"html", no_argument, nullptr, html},
                               {"output", required_argument, nullptr, 'o'},
                               {"match", required_argument, nullptr, 'm'},
@@ -420,21 +440,21 @@ int run(int argument_count, char** arguments) {
     std::ios::sync_with_stdio(false);
     settings wanted;
     for (int letter = 0;
-         (letter = getopt_long(argument_count, arguments, "ao:m:qhV", options, nullptr)) != -1;) {
+         (letter = getopt_long(argument_count, arguments, "ac::o:m:qhV", options, nullptr)) != -1;) {
         switch (letter) {
             case 'a':
                 wanted.all = true;
                 break;
-            case csv:
-                if (optarg != nullptr && std::strcmp(optarg, "wide") != 0 &&
-                    std::strcmp(optarg, "long") != 0) {
-                    return wrong_use("the form is 'wide' or 'long', not ", optarg);
+            case 'c': {
+                const std::string form = optarg != nullptr ? optarg : "wide";
+                if (form != "wide" && form != "long") {
+                    fail_usage("the form of --csv is wide or long, not \"" + form + "\"");
                 }
-                wanted.form = optarg != nullptr && std::strcmp(optarg, "long") == 0 ? output_form::csv_long
-                                                                                    : output_form::csv_wide;
+                set_form(wanted, form == "wide" ? output_form::csv_wide : output_form::csv_long);
                 break;
+            }
             case html:
-                wanted.form = output_form::html;
+                set_form(wanted, output_form::html);
                 break;
             case 'o':
                 wanted.output = optarg;
@@ -443,48 +463,44 @@ int run(int argument_count, char** arguments) {
                 wanted.match.emplace_back(optarg);
                 break;
             case from:
+                wanted.from = seconds_argument("--from", optarg);
+                break;
             case to:
-                if (!((letter == from ? wanted.from : wanted.to) = parse_number(optarg))) {
-                    return wrong_use("not a number of seconds: ", optarg);
-                }
+                wanted.to = seconds_argument("--to", optarg);
                 break;
-            case bins: {
-                constexpr double most_bins = 65536;
-                const std::optional<double> number = parse_number(optarg);
-                if (!number || *number < 2 || *number > most_bins) {
-                    return wrong_use("the number of bins is 2 to 65536, not ", optarg);
-                }
-                wanted.bins = static_cast<std::size_t>(*number) / 2 * 2;
+            case bins:
+                wanted.bins = command_line::number_argument("--bins", optarg, 2, most_bins) / 2 * 2;
                 break;
-            }
             case charts:
                 wanted.charts = optarg;
                 if (wanted.charts != "auto" && wanted.charts != "always" && wanted.charts != "never") {
-                    return wrong_use("charts are 'auto', 'always' or 'never', not ", optarg);
+                    fail_usage("--charts is auto, always or never, not \"" + wanted.charts + "\"");
                 }
                 break;
             case 'q':
                 wanted.quiet = true;
                 break;
             case offered:
-                return list_offered(optarg);
+                list_offered(optarg);
             case 'h':
                 std::fputs(usage, stdout);
-                return EXIT_SUCCESS;
+                command_line::finish(exit_unusable);
             case 'V':
-                std::puts("counterfeed-report " COUNTERFEED_VERSION);
-                return EXIT_SUCCESS;
+                command_line::print_version();
+                command_line::finish(exit_unusable);
             default:
-                std::fputs("Try 'counterfeed-report --help'.\n", stderr);  // getopt has said what is wrong
-                return exit_unusable;
+                fail_usage("");  // getopt has said what is wrong
         }
     }
     if (optind != argument_count - 1) {
-        return wrong_use(optind == argument_count ? "no trace is named" : "one trace at a time", "");
+        fail_usage(optind == argument_count ? "the trace is missing" : "one trace at a time");
+    }
+    if (wanted.from.value_or(0) > wanted.to.value_or(HUGE_VAL)) {
+        fail_usage("--from lies behind --to");
     }
     wanted.trace = arguments[optind];
     if (wanted.form == output_form::html && wanted.output.empty() && isatty(STDOUT_FILENO) != 0) {
-        return wrong_use("a page is for a browser: say where it goes with -o FILE", "");
+        fail_usage("a page is for a browser: say where it goes with --output FILE");
     }
     return report_trace(wanted);
 }
@@ -495,7 +511,6 @@ int main(int argument_count, char** arguments) {
     try {
         return run(argument_count, arguments);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "counterfeed-report: %s\n", error.what());
-        return exit_unusable;
+        fail(exit_unusable, error.what());
     }
 }

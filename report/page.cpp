@@ -83,7 +83,7 @@ void write_series(std::ostream& out, const counter_series& series, const sequenc
     const counter_description& counter = series.counter;
     out << "{\"id\":" << counter.id << ",\"name\":" << json_text(counter.name)
         << ",\"description\":" << json_text(counter.description) << ",\"unit\":" << json_text(counter.unit())
-        << ",\"block\":" << json_text(counter.block())
+        << ",\"block\":" << json_text(series.block)
         << ",\"selected\":" << (counter.select_by_default ? "true" : "false")
         << ",\"count\":" << series.total.count;
     if (series.total.count != 0) {

@@ -4,7 +4,39 @@
 #include <cctype>
 #include <cmath>
 
+#include "command_line/catalogue.h"
+#include "hwc/counter_descriptor.h"
+
 namespace qel::vexa::report {
+
+namespace {
+
+bool is_derived(const counter_description& counter) {
+    return counter.id >= hwc::first_derived_id;
+}
+
+// What counters are shown under: their blocks, and what is in no block of a GPU that is known.
+const std::vector<std::string>& headings() {
+    static const std::vector<std::string> result = [] {
+        std::vector<std::string> names = command_line::block_names();
+        for (std::string& name : names) {
+            name[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[0])));
+        }
+        names.insert(names.end(), {"Derived", "Other"});
+        return names;
+    }();
+    return result;
+}
+
+const std::string& heading_of(const counter_description& counter) {
+    const std::vector<std::string>& blocks = command_line::block_names();
+    const auto found =
+        std::find(blocks.begin(), blocks.end(), command_line::block_of(counter.id, counter.name));
+    const auto index = static_cast<std::size_t>(found - blocks.begin());
+    return headings()[found != blocks.end() || is_derived(counter) ? index : index + 1];
+}
+
+}  // namespace
 
 void value_range::add(double value) {
     least = std::min(least, value);
@@ -38,8 +70,41 @@ counter_description unknown_counter(std::uint32_t id) {
     return result;
 }
 
+void ordered_listener::on_sample(std::uint32_t sequence, const counter_sample& sample) {
+    if (!wanted_.has(sample)) {
+        return;
+    }
+    state& current = held_[sequence];
+    if (current.has_pending && sample.timestamp < current.pending.timestamp) {
+        // One of the two is off: the new one unless it fits behind what was taken before.
+        ++out_of_order_;
+        if (sample.timestamp < current.last) {
+            return;
+        }
+    } else {
+        take_pending(sequence, current);
+    }
+    current.pending = sample;
+    current.has_pending = true;
+}
+
+void ordered_listener::flush() {
+    for (auto& [sequence, current] : held_) {
+        take_pending(sequence, current);
+    }
+}
+
+void ordered_listener::take_pending(std::uint32_t sequence, state& current) {
+    if (current.has_pending) {
+        current.has_pending = false;
+        current.last = current.pending.timestamp;
+        ++taken_;
+        take(sequence, current.pending);
+    }
+}
+
 trace_summary::trace_summary(std::size_t bin_limit, selection wanted)
-    : bin_limit_(bin_limit), wanted_(std::move(wanted)) {}
+    : ordered_listener(std::move(wanted)), bin_limit_(bin_limit) {}
 
 void trace_summary::describe(std::uint32_t sequence, const counter_description& counter) {
     std::vector<counter_series>& series = sequences_[sequence].series;
@@ -57,27 +122,8 @@ void trace_summary::on_counters(std::uint32_t sequence, const std::vector<counte
     }
 }
 
-void trace_summary::on_sample(std::uint32_t sequence, const counter_sample& sample) {
-    if (!wanted_.has(sample)) {
-        return;
-    }
+void trace_summary::take(std::uint32_t sequence, const counter_sample& sample) {
     state& current = states_[sequence];
-    if (!current.has_pending) {
-        current.pending = sample;
-        current.has_pending = true;
-    } else if (sample.timestamp >= current.pending.timestamp) {
-        take(sequence, current, current.pending);
-        current.pending = sample;
-    } else {
-        // One of the two is off: the new one unless it fits behind what was taken before.
-        ++out_of_order_;
-        if (sample.timestamp >= sequences_[sequence].last()) {
-            current.pending = sample;
-        }
-    }
-}
-
-void trace_summary::take(std::uint32_t sequence, state& current, const counter_sample& sample) {
     sequence_summary& summary = sequences_[sequence];
     if (summary.bin_times.empty()) {
         summary.first = sample.timestamp;
@@ -124,15 +170,20 @@ void trace_summary::take(std::uint32_t sequence, state& current, const counter_s
 }
 
 const std::map<std::uint32_t, sequence_summary>& trace_summary::finish() {
-    for (auto& [sequence, current] : states_) {
-        if (current.has_pending) {
-            take(sequence, current, current.pending);
-            current.has_pending = false;
-        }
-    }
+    flush();
+    const std::vector<std::string>& blocks = headings();
+    const auto place = [&blocks](const counter_series& series) {
+        return std::pair(std::find(blocks.begin(), blocks.end(), series.block), !is_derived(series.counter));
+    };
     for (auto& [sequence, summary] : sequences_) {
         std::erase_if(summary.series,
-                      [this](const counter_series& series) { return !wanted_.has(series.counter); });
+                      [this](const counter_series& series) { return !wanted().has(series.counter); });
+        for (counter_series& series : summary.series) {
+            series.block = heading_of(series.counter);
+        }
+        std::stable_sort(
+            summary.series.begin(), summary.series.end(),
+            [&place](const auto& left, const auto& right) { return place(left) < place(right); });
     }
     return sequences_;
 }
@@ -148,7 +199,7 @@ void trace_survey::on_counters(std::uint32_t sequence, const std::vector<counter
     }
 }
 
-void trace_survey::on_sample(std::uint32_t sequence, const counter_sample& sample) {
+void trace_survey::take(std::uint32_t sequence, const counter_sample& sample) {
     first_ = std::min(first_, sample.timestamp);
     std::vector<std::uint32_t>& ids = ids_[sequence];
     for (std::size_t i = 0; i < sample.values.size(); ++i) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "report/trace_file.h"
@@ -27,13 +28,14 @@ struct value_range {
 // A counter's values over the whole sequence and in each of its bins. Bins behind the last value are missing.
 struct counter_series {
     counter_description counter;
+    std::string block;  // what it is shown under, such as "Tiler"; "Derived" or "Other" if nothing is known
     value_range total;
     std::vector<value_range> bins;
 };
 
 // The samples of a sequence in bins: each but the last holds the same number of consecutive samples.
 struct sequence_summary {
-    std::vector<counter_series> series;
+    std::vector<counter_series> series;  // block by block, in each the derived counters first
     std::uint64_t samples = 0;
     std::uint64_t samples_per_bin = 1;
     std::uint64_t first = 0;               // the time of the first sample in nanoseconds
@@ -54,19 +56,49 @@ struct selection {
     }
 };
 
-// Sums up a trace while it is read. A sample whose time does not fit between its neighbours' is left out.
-class trace_summary : public trace_listener {
+// Takes the samples of the wanted time, those of a sequence in the order of their times. A sample whose time
+// does not fit between its neighbours' is left out.
+class ordered_listener : public trace_listener {
+public:
+    explicit ordered_listener(selection wanted) : wanted_(std::move(wanted)) {}
+
+    void on_sample(std::uint32_t sequence, const counter_sample& sample) final;
+    // To be called when the trace is read: takes what was held back.
+    void flush();
+
+    std::uint64_t taken() const { return taken_; }
+    std::uint64_t out_of_order() const { return out_of_order_; }
+
+protected:
+    const selection& wanted() const { return wanted_; }
+
+private:
+    struct state {
+        counter_sample pending;  // taken once the next sample's time confirms its own
+        bool has_pending = false;
+        std::uint64_t last = 0;  // the time of the sample taken last
+    };
+
+    virtual void take(std::uint32_t sequence, const counter_sample& sample) = 0;
+    void take_pending(std::uint32_t sequence, state& current);
+
+    const selection wanted_;
+    std::map<std::uint32_t, state> held_;
+    std::uint64_t taken_ = 0;
+    std::uint64_t out_of_order_ = 0;
+};
+
+// Sums up a trace while it is read.
+class trace_summary : public ordered_listener {
 public:
     // The bins are at most so many, an even number.
     trace_summary(std::size_t bin_limit, selection wanted);
 
     void on_counters(std::uint32_t sequence, const std::vector<counter_description>& counters) override;
-    void on_sample(std::uint32_t sequence, const counter_sample& sample) override;
 
     // To be called when the trace is read. By the number of the sequence.
     const std::map<std::uint32_t, sequence_summary>& finish();
 
-    std::uint64_t out_of_order() const { return out_of_order_; }
     // Sequences whose counters are known by their ids only: a ring buffer drops the oldest packets first, and
     // the descriptions come first.
     std::uint64_t undescribed() const;
@@ -74,27 +106,24 @@ public:
 private:
     struct state {
         std::unordered_map<std::uint32_t, std::size_t> index;  // of an id in the summary's series
-        counter_sample pending;  // taken once the next sample's time confirms its own
-        bool has_pending = false;
         bool is_described = false;
         std::uint64_t in_last_bin = 0;
     };
 
     void describe(std::uint32_t sequence, const counter_description& counter);
-    void take(std::uint32_t sequence, state& current, const counter_sample& sample);
+    void take(std::uint32_t sequence, const counter_sample& sample) override;
 
     const std::size_t bin_limit_;
-    const selection wanted_;
     std::map<std::uint32_t, sequence_summary> sequences_;
     std::map<std::uint32_t, state> states_;
-    std::uint64_t out_of_order_ = 0;
 };
 
 // What must be known of a trace before its samples are: one pass, which keeps no samples.
-class trace_survey : public trace_listener {
+class trace_survey : public ordered_listener {
 public:
+    trace_survey() : ordered_listener({}) {}
+
     void on_counters(std::uint32_t sequence, const std::vector<counter_description>& counters) override;
-    void on_sample(std::uint32_t sequence, const counter_sample& sample) override;
 
     // The counters of each sequence that has samples, in the order of the samples.
     std::map<std::uint32_t, std::vector<counter_description>> sequences() const;
@@ -102,6 +131,8 @@ public:
     std::uint64_t first() const { return first_; }
 
 private:
+    void take(std::uint32_t sequence, const counter_sample& sample) override;
+
     std::map<std::uint32_t, std::map<std::uint32_t, counter_description>> described_;
     std::map<std::uint32_t, std::vector<std::uint32_t>> ids_;
     std::uint64_t first_ = std::numeric_limits<std::uint64_t>::max();

@@ -82,7 +82,7 @@ void write_line(std::ostream& out, std::string line) {
 
 void write_sequence(std::ostream& out, const sequence_summary& summary, const terminal_options& options) {
     std::vector<const counter_series*> shown;
-    std::size_t name_width = 0;
+    std::size_t name_width = std::string_view("counter").size();
     std::size_t unit_width = std::string_view("unit").size();
     std::size_t by_default = 0;
     for (const counter_series& series : summary.series) {
@@ -95,7 +95,8 @@ void write_sequence(std::ostream& out, const sequence_summary& summary, const te
     }
     std::ostringstream head;
     head << summary.series.size() << (summary.series.size() == 1 ? " counter, " : " counters, ") << by_default
-         << " of them selected by default; " << summary.samples << " samples";
+         << " of them selected by default; " << summary.samples
+         << (summary.samples == 1 ? " sample" : " samples");
     if (summary.samples > 1) {
         const auto nanoseconds = static_cast<double>(summary.last() - summary.first);
         head << std::fixed << std::setprecision(3) << " over " << nanoseconds / 1e9 << " s, one every "
@@ -133,10 +134,10 @@ void write_sequence(std::ostream& out, const sequence_summary& summary, const te
     };
     out << '\n';
     row("counter", "unit", {"minimum", "mean", "maximum"}, "");
-    const char* block = "";
+    std::string_view block;
     for (const counter_series* series : shown) {
-        if (std::string_view(block) != series->counter.block()) {
-            block = series->counter.block();
+        if (block != series->block) {
+            block = series->block;
             out << (options.bold_headings ? "\x1b[1m" : "") << block
                 << (options.bold_headings ? "\x1b[0m" : "") << '\n';
         }

@@ -433,16 +433,6 @@ std::string counter_description::unit() const {
     return below.empty() ? above : above.empty() ? "per " + below : above + "/" + below;
 }
 
-const char* counter_description::block() const {
-    constexpr const char* names[] = {"Job manager", "Tiler", "Memory system", "Shader core"};
-    constexpr std::uint32_t ids_per_block = 64;
-    constexpr std::uint32_t cycles = 65535;
-    if (id / ids_per_block < std::size(names)) {
-        return names[id / ids_per_block];
-    }
-    return id > cycles ? "Derived" : id == cycles ? "GPU" : "Other";
-}
-
 std::uint64_t read_trace(std::istream& file, trace_listener& listener) {
     return trace_reader(file, listener).read();
 }
@@ -484,9 +474,10 @@ std::vector<counter_description> read_offered_counters(const std::string& servic
 
 std::optional<std::string> read_file(const char* path) {
     std::ifstream file(path, std::ios::binary);
+    file.peek();  // a folder can be opened, and no more
     std::ostringstream bytes;
     bytes << file.rdbuf();
-    return file.good() || (file.eof() && !file.bad()) ? std::optional(bytes.str()) : std::nullopt;
+    return file.is_open() && !file.bad() && !bytes.bad() ? std::optional(bytes.str()) : std::nullopt;
 }
 
 }  // namespace qel::vexa::report

@@ -22,9 +22,6 @@ struct counter_description {
 
     // "percent", "byte/pixel"; empty for a plain count.
     std::string unit() const;
-
-    // The hardware block that counts it, which its id tells, or "Derived".
-    const char* block() const;
 };
 
 struct counter_value {
@@ -75,7 +72,7 @@ std::optional<std::map<std::uint32_t, counter_sequence>> read_counters(const std
 // The counters of the first "gpu.counters" data source in the state of a service, as its query gives it.
 std::vector<counter_description> read_offered_counters(const std::string& service_state);
 
-// A file's bytes; nothing when it can't be read.
+// A file's bytes; nothing, and the reason in errno, when it can't be read.
 std::optional<std::string> read_file(const char* path);
 
 }  // namespace qel::vexa::report

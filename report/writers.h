@@ -32,31 +32,32 @@ struct terminal_options {
 void write_summary(std::ostream& out, const std::map<std::uint32_t, sequence_summary>& sequences,
                    const terminal_options& options);
 
-// Writes a trace's samples as comma-separated values while the trace is read, after a line with the names of
-// the columns. The seconds count from the earliest sample of the whole trace.
+// Writes a trace's samples as comma-separated values while the trace is read, before the first a line with
+// the names of the columns. The seconds count from the earliest sample of the whole trace.
 //
 // Wide: a line for each sample with time_s, time_ns, and a column for each counter, named like it. Long: a
 // line for each value, with time_s, time_ns, id, counter, unit, value. Both have a column "sequence" behind
 // the times when the trace has several sequences; a counter that a sequence lacks is left empty.
-class csv_writer : public trace_listener {
+class csv_writer : public ordered_listener {
 public:
     csv_writer(std::ostream& out, const trace_survey& survey, selection wanted, bool is_long);
 
     void on_counters(std::uint32_t /*sequence*/,
                      const std::vector<counter_description>& /*counters*/) override {}
-    void on_sample(std::uint32_t sequence, const counter_sample& sample) override;
 
 private:
+    void take(std::uint32_t sequence, const counter_sample& sample) override;
+
     struct column {
         counter_description counter;
         std::string prefix;  // what stands before the value in the long form
     };
 
     std::ostream& out_;
-    const selection wanted_;
     const bool is_long_;
     const std::uint64_t first_;
     bool has_sequences_;
+    std::string header_;  // until it is written
     std::vector<column> columns_;
     // Of each sequence, the column of an id.
     std::map<std::uint32_t, std::map<std::uint32_t, std::size_t>> column_of_id_;

@@ -12,6 +12,7 @@
 #include "report/trace_file.h"
 #include "report/writers.h"
 #include "tests/support/process.h"
+#include "tests/support/tool.h"
 #include "tests/support/wire.h"
 
 namespace {
@@ -112,12 +113,35 @@ TEST(Report, ShowsWhatATraceHolds) {
     const std::string both = two_counters + sample(5, {{4, 1}}) +
                              descriptor(counter_spec(4, "B", 0, true), 8) +
                              sample(1'000'000'004, {{4, 2}, {70, 3}}, 8);
+    const std::string hint = "Try 'counterfeed-report --help'.\n";
+    const std::string none_between =
+        "counterfeed-report: TRACE has samples of GPU counters, but none between --from and --to\n";
     const struct {
         std::vector<std::string> arguments;
         std::string trace;
         int status;
         std::string output;
     } cases[] = {
+        // Names in the catalogue tell the block of derived counters, others don't.
+        {{"-m", "B", "--match=util"},
+         descriptor(counter_spec(4, "B", 0, true) + counter_spec(0x10000, "GPU utilization", 37, true) +
+                    counter_spec(0x10001, "My utilization", 37, true)) +
+             sample(5, {{4, 9999.6}, {0x10000, 25}, {0x10001, -9999.96}}),
+         0,
+         "3 counters, 3 of them selected by default; 1 sample\n\n"
+         " counter         unit      minimum      mean   maximum\n"
+         "Job manager\n"
+         " GPU utilization percent        25        25        25\n"
+         " B                            10 k      10 k      10 k\n"
+         "Derived\n"
+         " My utilization  percent     -10 k     -10 k     -10 k\n"},
+        {{"-mB"},
+         descriptor(counter_spec(65535, "B", 0, true)) + sample(5, {{65535, 1e16}}),
+         0,
+         "1 counter, 1 of them selected by default; 1 sample\n\n"
+         " counter unit   minimum      mean   maximum\n"
+         "GPU\n"
+         " B                1e+16     1e+16     1e+16\n"},
         {{},
          small_trace(),
          0,
@@ -138,6 +162,13 @@ TEST(Report, ShowsWhatATraceHolds) {
          "time_s,time_ns,\"Sent \"\"messages\"\", all\",Use <of> it\n"
          "0.000000000,1000000000,1000000,12.5\n0.001000000,1001000000,3,0\n0.002000000,1002000000,0.25,"
          "100\n"},
+        {{"-c"},
+         small_trace() + sample(1, {{4, 7}}),
+         1,
+         "time_s,time_ns,\"Sent \"\"messages\"\", all\",Use <of> it\n"
+         "0.000000000,1000000000,1000000,12.5\n0.001000000,1001000000,3,0\n0.002000000,1002000000,0.25,"
+         "100\n"
+         "counterfeed-report: TRACE: 1 sample is left out: its time goes back\n"},
         {{"--csv=long", "--from=0.001", "--to=0.001"},
          small_trace(),
          0,
@@ -158,10 +189,17 @@ TEST(Report, ShowsWhatATraceHolds) {
          2,
          "counterfeed-report: TRACE has no counter of that name\n"},
         {{"-m", "absent"}, small_trace(), 2, "counterfeed-report: TRACE has no counter of that name\n"},
-        {{"--bins=1"},
+        {{"--csv", "--from=100"}, small_trace(), 2, none_between},
+        {{"--from=0.0011", "--to=0.0019"}, small_trace(), 2, none_between},
+        {{"--from=2", "--to=1"}, "", 2, "counterfeed-report: --from lies behind --to\n" + hint},
+        {{"--html", "--csv"},
          "",
          2,
-         "counterfeed-report: the number of bins is 2 to 65536, not 1\nTry 'counterfeed-report --help'.\n"},
+         "counterfeed-report: there is one output: the summary, one form of --csv, or --html\n" + hint},
+        {{"--bins=3.5"},
+         "",
+         2,
+         "counterfeed-report: --bins is a whole number from 2 to 65536, not \"3.5\"\n" + hint},
     };
     for (const auto& c : cases) {
         const run_result result = run_report(c.arguments, c.trace);
@@ -175,10 +213,30 @@ TEST(Report, ShowsWhatATraceHolds) {
     EXPECT_NE(cut.output.find("the file ends inside a packet of"), std::string::npos) << cut.output;
 }
 
+TEST(Report, ReadsStandardInput) {
+    const temporary_folder folder;
+    std::ofstream(folder.file("t"), std::ios::binary) << small_trace();
+    const auto output_of = [&folder](const std::string& before, const std::string& after) {
+        const std::string command = before + COUNTERFEED_EMULATOR " " COUNTERFEED_REPORT " -c - " + after;
+        test_support::run({.command = {"/bin/sh", "-c", command},
+                           .environment = {},
+                           .preload = {},
+                           .output = folder.file("output")});
+        return test_support::read_file(folder.file("output"));
+    };
+    const std::string whole = run_report({"-c"}, small_trace()).output;
+    EXPECT_EQ(output_of("cat " + folder.file("t") + " | ", ""), whole);
+    EXPECT_EQ(output_of("", "<" + folder.file("t")), whole);
+    EXPECT_EQ(output_of("", "<."), "counterfeed-report: can't read standard input: Is a directory\n");
+}
+
 // A full disk must not look like a short table.
 TEST(Report, TellsWhenTheResultCanNotBeWritten) {
     EXPECT_EQ(run_report({"--csv", "-o", "/dev/full"}, small_trace()).status, 2);
     EXPECT_EQ(run_report({"--html", "-o", "/nonexistent/x"}, small_trace()).status, 2);
+    EXPECT_EQ(test_support::run_tool(COUNTERFEED_REPORT, {"--help"}, "/dev/null", "/dev/full").status, 2);
+    EXPECT_EQ(test_support::run_tool(COUNTERFEED_REPORT, {"--offered", "/nonexistent"}).err,
+              "counterfeed-report: can't read /nonexistent: No such file or directory\n");
 }
 
 TEST(TraceReader, GivesAllThatIsWholeOfACutTrace) {
