@@ -5,7 +5,6 @@
   const byId = (id) => document.getElementById(id);
   const trace = JSON.parse(byId("trace").textContent);
   const calm = matchMedia("(prefers-reduced-motion: reduce)");
-  const blockOrder = ["Derived", "GPU", "Job manager", "Tiler", "Memory system", "Shader core", "Other"];
   const hueOf = (block) => `var(--${block.toLowerCase().replace(" ", "-")})`;
 
   // ---- Data ----
@@ -58,7 +57,7 @@
     if (value === undefined || Number.isNaN(value)) return "–";
     const digits = (number) => String(Number(number.toPrecision(4)));
     if (unit === "percent") return `${digits(Math.abs(value) < 1 ? Number(value.toFixed(3)) : value)} %`;
-    const size = Math.abs(value);
+    const size = Number(Math.abs(value).toPrecision(4));
     for (const [scale, suffix] of [[1e12, "T"], [1e9, "G"], [1e6, "M"], [1e3, "k"]]) {
       if (size >= scale * (scale === 1e3 ? 10 : 1)) {
         return size / scale >= 1e5 ? value.toExponential(2) : `${digits(value / scale)} ${suffix}`;
@@ -66,6 +65,8 @@
     }
     return size !== 0 && size < 1e-4 ? value.toExponential(2) : digits(value);
   }
+
+  const counted = (count, what) => `${count.toLocaleString("en")} ${what}${count === 1 ? "" : "s"}`;
 
   // Time in the step of the axis: "1.25 s", "12.5 ms".
   function timeText(seconds, resolution) {
@@ -87,6 +88,7 @@
   let rows = [];         // in the order of the page
   let colors = {};
   const pinned = new Set();
+  const opened = new Set();  // the counters whose descriptions are shown
   const visible = new Set();
   const folded = new Set();
 
@@ -294,8 +296,9 @@
     const share = (time) => `${((time - all.from) / (all.to - all.from)) * 100}%`;
     byId("window").style.left = share(view.from);
     byId("window").style.width = `${(view.to - view.from) / (all.to - all.from) * 100}%`;
-    byId("view").textContent = `${timeText(Math.max(view.from, 0), (view.to - view.from) / 1000)} to ` +
-      `${timeText(view.to, (view.to - view.from) / 1000)} (${spanText(view.to - view.from)})`;
+    const from = Math.max(view.from, 0);  // the time that the first sample counted lies before it
+    byId("view").textContent = `${timeText(from, (view.to - from) / 1000)} to ` +
+      `${timeText(view.to, (view.to - from) / 1000)} (${spanText(view.to - from)})`;
   }
 
   function drawCursor() {
@@ -420,7 +423,6 @@
     const name = element("div", "name");
     row.what = element("button", "what", counter.name);
     row.what.type = "button";
-    row.what.setAttribute("aria-expanded", "false");
     row.pin = element("button", "pin", pinned.has(counter) ? "★" : "☆");
     row.pin.type = "button";
     row.pin.title = "Pin to the top";
@@ -446,6 +448,7 @@
       list.append(pair);
     }
     article.append(name, row.plot, list);
+    showText(row);
     row.what.addEventListener("click", () => toggleText(row));
     row.pin.addEventListener("click", () => togglePin(row));
     article.addEventListener("focusin", () => setCurrent(row));
@@ -464,11 +467,16 @@
     schedule();
   }
 
+  function showText(row) {
+    const isOpen = opened.has(row.counter);
+    row.what.setAttribute("aria-expanded", String(isOpen));
+    if (isOpen) row.article.append(element("p", "text", row.counter.description || "No description."));
+    else row.article.querySelector(".text")?.remove();
+  }
+
   function toggleText(row) {
-    const isOpen = row.what.getAttribute("aria-expanded") === "true";
-    row.what.setAttribute("aria-expanded", String(!isOpen));
-    if (isOpen) row.article.querySelector(".text").remove();
-    else row.article.append(element("p", "text", row.counter.description || "No description."));
+    if (!opened.delete(row.counter)) opened.add(row.counter);
+    showText(row);
   }
 
   function togglePin(row) {
@@ -497,8 +505,7 @@
     if (pinned.size) groups.set("Pinned", [...pinned]);
     const wanted = sequence.counters.filter((counter) => isWanted(counter) && !pinned.has(counter));
     const order = [...wanted];
-    if (byUnit) order.sort((a, b) => (a.unit || "\uffff").localeCompare(b.unit || "\uffff") || a.id - b.id);
-    else order.sort((a, b) => blockOrder.indexOf(a.block) - blockOrder.indexOf(b.block) || a.id - b.id);
+    if (byUnit) order.sort((a, b) => (a.unit || "\uffff").localeCompare(b.unit || "\uffff"));
     for (const counter of order) {
       const name = byUnit ? counter.unit || "plain counts" : counter.block;
       if (!groups.has(name)) groups.set(name, []);
@@ -546,7 +553,7 @@
     }
     if (rows.length === 0) main.append(element("p", "nothing", "No counter fits."));
     else rows[0].article.tabIndex = 0;  // the way in for the Tab key
-    byId("found").textContent = `${wanted.length + pinned.size} of ${sequence.counters.length} counters`;
+    byId("found").textContent = `${wanted.length + pinned.size} of ${counted(sequence.counters.length, "counter")}`;
     const row = focused && rows.find((each) => each.counter === focused);
     if (row) row.article.focus({ preventScroll: true });
     measureHeader();
@@ -556,13 +563,14 @@
   function openSequence(index) {
     sequence = prepare(trace.sequences[index]);
     pinned.clear();
+    opened.clear();
     view = whole();
     cursor = sequence.times.length >> 1;
     overview.setAttribute("aria-valuemin", 0);
     overview.setAttribute("aria-valuemax", sequence.times.length - 1);
     const every = sequence.samples > 1 ? ` · one every ${spanText(sequence.period)}` : "";
     const bins = sequence.samplesPerBin > 1 ? ` · a point is ${sequence.samplesPerBin} samples` : "";
-    byId("facts").textContent = `${sequence.counters.length} counters · ${sequence.samples.toLocaleString("en")} samples` +
+    byId("facts").textContent = `${counted(sequence.counters.length, "counter")} · ${counted(sequence.samples, "sample")}` +
       `${every} · ${spanText(sequence.times[sequence.times.length - 1] - sequence.first)}${bins}`;
     build();
   }
@@ -749,7 +757,7 @@
     byId("problems").hidden = false;
   }
   trace.sequences.forEach((each, index) => {
-    const choice = element("option", "", `${each.number} (${each.counters.length} counters)`);
+    const choice = element("option", "", `${each.number} (${counted(each.counters.length, "counter")})`);
     choice.value = index;
     byId("session").append(choice);
   });
