@@ -43,7 +43,7 @@ use() {
         page=$prefix/share/man/man1/counterfeed-$program.1
         [[ -s $page ]] || fail "there is no $page"
     done
-    [[ $(find "$prefix/share/counterfeed/configs" -name '*.txtpb' -size +0 | wc -l) -ge 9 ]] || fail "configs are missing"
+    [[ $(find "$prefix/share/counterfeed/configs" -name '*.txtpb' -size +0 | wc -l) == 54 ]] || fail "configs are missing"
 
     # The launcher finds the library beside it. With the virtual GPU it stays.
     gpu=$prefix/lib/counterfeed/libvirtual_gpu.so
