@@ -270,7 +270,7 @@ terminal_options terminal_settings(const settings& wanted) {
 
 void tell(const std::vector<std::string>& problems, const std::string& trace) {
     for (const std::string& problem : problems) {
-        complain(trace + ": " + problem);
+        complain(std::string(trace).append(": ").append(problem));
     }
 }
 
@@ -412,10 +412,10 @@ void set_form(settings& wanted, output_form form) {
     wanted.form = form;
 }
 
-double seconds_argument(const char* option, const char* text) {
+double seconds_argument(const char* option, const std::string& text) {
     char* end = nullptr;
-    const double value = std::strtod(text, &end);
-    if (end == text || *end != '\0' || !std::isfinite(value) || value < 0) {
+    const double value = std::strtod(text.c_str(), &end);
+    if (end == text.c_str() || *end != '\0' || !std::isfinite(value) || value < 0) {
         fail_usage(std::string(option) + " is a number of seconds, not \"" + text + "\"");
     }
     return value;
