@@ -1,0 +1,317 @@
+// Surroundings that do not behave: nodes, signals, limits, forks and clocks.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <optional>
+#include <set>
+
+#include "cdbg/env.h"
+#include "report/trace_file.h"
+#include "tests/robustness/session.h"
+#include "tests/support/apart.h"
+#include "tests/support/tracing_service.h"
+
+namespace {
+
+using namespace test_support;  // NOLINT(google-build-using-namespace)
+using namespace robustness;    // NOLINT(google-build-using-namespace)
+namespace report = qel::vexa::report;
+using qel::vexa::virtual_gpu::gpu_description;
+using qel::vexa::virtual_gpu::open_counts;
+
+// A machine with one GPU that loses no sample, and nothing left of it at the end.
+class Hostile : public testing::Test {
+protected:
+    Hostile() {
+        machine::reset();
+        machine::add_node(0, {.loses_samples = false});
+        cdbg_env_get("", nullptr, 0);  // starts diagnostics, which stays
+        take_log_lines();
+    }
+    ~Hostile() override {
+        take_log_lines();
+        machine::reset();
+        EXPECT_EQ(machine::open_now(), open_counts{});
+        EXPECT_TRUE(eventually([this] { return held_resources::now().nothing_beyond(before_); }))
+            << testing::PrintToString(held_resources::now()) << " beyond " << testing::PrintToString(before_);
+    }
+
+    static bool comes_to(std::size_t samples) {
+        return eventually([samples] { return timestamps().size() >= samples; });
+    }
+
+    // All samples of a machine that loses none are a period apart.
+    static void expect_every_sample() {
+        const std::vector<std::uint64_t> times = timestamps();
+        for (std::size_t i = 1; i < times.size(); ++i) {
+            ASSERT_EQ(times[i] - times[i - 1], 1'000'000U);
+        }
+    }
+
+private:
+    const held_resources before_ = held_resources::now();
+};
+
+// However its node behaves, a session ends at once when it is told to, and the next one is like any other.
+TEST_F(Hostile, NodesThatMisbehave) {
+    const struct {
+        const char* what;
+        void (*arrange)();
+    } cases[] = {
+        {"stops signalling", [] { machine::set_signalling(false); }},
+        {"signals without a sample", [] { machine::signal_without_sample(); }},
+        {"hangs up", [] { machine::hang_up_readers(); }},
+        {"vanishes", [] { machine::remove_node(0); }},
+    };
+    for (const auto& [what, arrange] : cases) {
+        SCOPED_TRACE(what);
+        machine::reset();
+        machine::add_node(0, {.loses_samples = false});
+        std::optional<session> run(std::in_place);
+        EXPECT_TRUE(comes_to(3));
+        arrange();
+        ::usleep(20'000);
+        const auto begin = std::chrono::steady_clock::now();
+        run.reset();
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+        expect_every_sample();
+
+        machine::reset();
+        machine::add_node(0, {});
+        const session next;
+        EXPECT_TRUE(comes_to(3));
+    }
+}
+
+// The driver tells detection of 260 slices, and gives samples for 4: the rows would read behind the ring.
+TEST_F(Hostile, SamplesTooShortForTheRows) {
+    gpu_description gpu{.loses_samples = false};
+    std::vector<std::byte> blob = property_blob(gpu);
+    for (const unsigned byte : {15U << 2 | 2, 0U, 0U, 0U, 0x04U, 0x01U, 0U, 0U}) {
+        blob.push_back(static_cast<std::byte>(byte));
+    }
+    gpu.raw_properties = blob;
+    machine::add_node(0, gpu);
+    {
+        const session run;
+        ::usleep(50'000);
+    }
+    EXPECT_EQ(outcome_of(take_log_lines(), !timestamps().empty()), 'E');
+}
+
+volatile std::sig_atomic_t signal_count = 0;
+
+// A signal every 200 microseconds, of which none lets an interrupted call go on.
+TEST_F(Hostile, SignalsThatInterruptEveryCall) {
+    struct sigaction action {};
+    action.sa_handler = [](int) { signal_count = signal_count + 1; };
+    struct sigaction previous {};
+    ASSERT_EQ(::sigaction(SIGALRM, &action, &previous), 0);
+    const itimerval storm{.it_interval = {0, 200}, .it_value = {0, 200}};
+    ASSERT_EQ(::setitimer(ITIMER_REAL, &storm, nullptr), 0);
+    for (int i = 0; i < 10; ++i) {
+        machine::clear_requests();
+        {
+            // The signals go to the session's thread while this one takes none.
+            const session run;
+            sigset_t alarm;
+            ::sigemptyset(&alarm);
+            ::sigaddset(&alarm, SIGALRM);
+            ::pthread_sigmask(i % 2 == 0 ? SIG_BLOCK : SIG_UNBLOCK, &alarm, nullptr);
+            EXPECT_TRUE(comes_to(50));
+            ::pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
+        }
+        expect_every_sample();
+        EXPECT_EQ(outcome_of(take_log_lines(), true), 'S');
+    }
+    const itimerval calm{};
+    ::setitimer(ITIMER_REAL, &calm, nullptr);
+    ::sigaction(SIGALRM, &previous, nullptr);
+    EXPECT_GT(signal_count, 100);
+}
+
+// With room for one descriptor more from session to session, until there is enough.
+TEST_F(Hostile, DescriptorLimit) {
+    const std::string outcomes = report_from_child([] {
+        std::string letters;
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        // Nothing below the first free descriptor counts.
+        const int first_free = ::dup(0);
+        ::close(first_free);
+        for (rlim_t room = 0; room < 20 && !letters.ends_with("SSS"); ++room) {
+            machine::clear_requests();
+            take_log_lines();
+            limit.rlim_cur = static_cast<rlim_t>(first_free) + room;
+            EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+            {
+                const session run;
+                if (run.is_running()) {
+                    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+                    while (timestamps().size() < 3 && std::chrono::steady_clock::now() < deadline) {
+                        ::usleep(1000);
+                    }
+                }
+            }
+            letters += outcome_of(take_log_lines(), timestamps().size() >= 3);
+            EXPECT_EQ(machine::open_now(), open_counts{});
+        }
+        return letters;
+    });
+    std::printf("with 0, 1, 2 and more descriptors: %s\n", outcomes.c_str());
+    EXPECT_TRUE(outcomes.starts_with("O") && outcomes.ends_with("SSS")) << outcomes;
+    EXPECT_NE(outcomes.find('R'), std::string::npos) << outcomes;
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// With more and more address space. What can't be told in another way ends the process, in words.
+TEST_F(Hostile, MemoryLimit) {
+    const temporary_folder folder;
+    std::set<std::string> endings;
+    for (rlim_t room = 0; room <= 32; ++room) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            if (std::freopen(folder.file("error").c_str(), "w", stderr) == nullptr) {
+                ::_exit(3);
+            }
+            std::size_t pages = 0;
+            std::ifstream("/proc/self/statm") >> pages;
+            rlimit limit{};
+            ::getrlimit(RLIMIT_AS, &limit);
+            limit.rlim_cur = pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)) + room * (1U << 19);
+            ::setrlimit(RLIMIT_AS, &limit);
+            char outcome = 'S';
+            {
+                const session run;
+                ::usleep(30'000);
+            }
+            limit.rlim_cur = limit.rlim_max;
+            ::setrlimit(RLIMIT_AS, &limit);
+            outcome = outcome_of(take_log_lines(), !timestamps().empty());
+            ::_exit(outcome != '?' && machine::open_now() == open_counts{} ? 0 : 1);
+        }
+        int status = 0;
+        EXPECT_EQ(::waitpid(child, &status, 0), child);
+        const std::string words = read_file(folder.file("error"));
+        const bool has_aborted = WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+        EXPECT_TRUE(status == 0 ||
+                    (has_aborted && (words.find("thread constructor failed") != std::string::npos ||
+                                     words.find("bad_alloc") != std::string::npos)))
+            << room << ": " << status << " " << words;
+        endings.insert(status == 0 ? "came to its end" : "aborted");
+    }
+    EXPECT_EQ(endings.count("came to its end"), 1U);
+}
+#endif
+
+// The child loses the node at once, and can have sessions of its own. The parent goes on.
+TEST_F(Hostile, HostThatForks) {
+    const session run;
+    EXPECT_TRUE(comes_to(3));
+    for (int i = 0; i < 10; ++i) {
+        const std::string report = report_from_child([] {
+            const open_counts open = machine::open_now();
+            EXPECT_EQ(open.nodes, 0U);
+#ifndef __SANITIZE_THREAD__  // which lets no thread be started here
+            take_log_lines();
+            machine::clear_requests();
+            {
+                const session own;
+                EXPECT_TRUE(comes_to(3));
+            }
+            EXPECT_EQ(outcome_of(take_log_lines(), true), 'S');
+            EXPECT_EQ(machine::open_now(), open);
+#endif
+            return "done";
+        });
+        EXPECT_EQ(report, "done");
+        EXPECT_EQ(machine::open_now().nodes, 1U);
+        EXPECT_TRUE(comes_to(timestamps().size() + 3));
+    }
+    expect_every_sample();
+}
+
+// One packet is larger than the whole buffer of the session: there is nothing in it, and nobody is harmed.
+TEST(HostileService, BufferTooSmallForOnePacket) {
+    const tracing_service service;
+    const std::string output = service.folder.file("output");
+    process launcher({.command = {COUNTERFEED_LAUNCHER, COUNTERFEED_LIBRARY},
+                      .environment = service.environment(),
+                      .preload = COUNTERFEED_VIRTUAL_GPU,
+                      .output = output,
+                      .of_this_build = true});
+    std::string ids;
+    ASSERT_TRUE(eventually([&] {
+        ids.clear();
+        for (const auto& counter : report::read_offered_counters(service.query())) {
+            ids += " counter_ids: " + std::to_string(counter.id);
+        }
+        return !ids.empty();
+    }));
+    for (const unsigned size_kb : {4U, 16384U}) {
+        const std::string trace = service.record(
+            "buffers { size_kb: " + std::to_string(size_kb) +
+            " } duration_ms: 1000 data_sources { config { name: \"gpu.counters\" gpu_counter_config { "
+            "counter_period_ns: 5000000" +
+            ids + " } } }");
+        std::size_t samples = 0;
+        const auto sequences = report::read_counters(trace);
+        ASSERT_TRUE(sequences);
+        for (const auto& [number, sequence] : *sequences) {
+            samples += sequence.samples.size();
+        }
+        EXPECT_EQ(samples > 0, size_kb > 4) << samples;
+        EXPECT_TRUE(launcher.is_running());
+    }
+    EXPECT_EQ(read_file(output), "");
+}
+
+std::atomic<bool> clocks_jump = false;
+
+}  // namespace
+
+// The product's calls for the time, and those of all that is linked to it here.
+extern "C" decltype(clock_gettime) __real_clock_gettime;
+extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+    const int result = __real_clock_gettime(clock, time);
+    if (clocks_jump && clock != CLOCK_MONOTONIC_RAW) {
+        static std::atomic<time_t> call = 0;
+        time->tv_sec += ++call % 2 == 0 ? -100'000 : 100'000;
+    }
+    return result;
+}
+
+namespace {
+
+// Samples are told by CLOCK_MONOTONIC_RAW, whatever happens to the others.
+TEST_F(Hostile, ClocksThatJump) {
+    const auto raw_now = [] {
+        timespec now{};
+        __real_clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+        return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 +
+               static_cast<std::uint64_t>(now.tv_nsec);
+    };
+    const std::uint64_t begin = raw_now();
+    clocks_jump = true;
+    {
+        const session run;
+        EXPECT_TRUE(comes_to(50));
+    }
+    clocks_jump = false;
+    expect_every_sample();
+    const std::vector<std::uint64_t> times = timestamps();
+    EXPECT_GT(times.front(), begin);
+    EXPECT_LT(times.back(), raw_now());
+}
+
+}  // namespace
