@@ -1,6 +1,7 @@
 // Sessions that start and stop at random, through the real tracing service, while other threads use the rest
 // of the library: stress [SECONDS] [SEED]. The exit status is 0 only if every session could be recorded and
 // nothing is left behind.
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/types.h>
 
@@ -74,6 +75,8 @@ int run(std::chrono::seconds duration, unsigned seed) {
     if (!eventually([&] { return service.query().find("gpu.counters") != std::string::npos; })) {
         return EXIT_FAILURE;
     }
+    generator first(0);
+    service.record(random_config(first));  // what the SDK shares with the service stays
     const held_resources before = held_resources::now();
 
     std::atomic<bool> is_over = false;
@@ -82,14 +85,15 @@ int run(std::chrono::seconds duration, unsigned seed) {
         other = std::thread([&is_over] { use_the_rest(is_over); });
     }
     std::vector<recording> running;
-    unsigned sessions = 0, samples = 0, unreadable = 0;
+    unsigned sessions = 0, stillborn = 0, samples = 0, unreadable = 0;
     const auto end_one = [&](std::size_t i, bool early) {
         if (early) {
             ::kill(running[i].consumer->id(), SIGTERM);
         }
         running[i].consumer->wait();
-        const auto sequences = report::read_counters(test_support::read_file(running[i].file));
-        unreadable += sequences ? 0 : 1;
+        const std::string trace = test_support::read_file(running[i].file);
+        const auto sequences = report::read_counters(trace);
+        (early && trace.empty() ? stillborn : unreadable) += sequences ? 0 : 1;
         for (const auto& [number, sequence] :
              sequences.value_or(std::map<std::uint32_t, report::counter_sequence>())) {
             samples += static_cast<unsigned>(sequence.samples.size());
@@ -122,8 +126,10 @@ int run(std::chrono::seconds duration, unsigned seed) {
         std::printf("%s beyond %s\n", testing::PrintToString(held_resources::now()).c_str(),
                     testing::PrintToString(before).c_str());
     }
-    std::printf("%u sessions with %u samples; %u traces could not be read; %s\n", sessions, samples,
-                unreadable, is_clean ? "nothing was left behind" : "something was left behind");
+    std::printf(
+        "%u sessions with %u samples; %u were stopped before they began; %u traces could not be read; %s\n",
+        sessions, samples, stillborn, unreadable,
+        is_clean ? "nothing was left behind" : "something was left behind");
     return unreadable == 0 && samples > 0 && is_clean ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
