@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # What ./demo and tools/endurance share, to be sourced in the root of the repository with "set -euo pipefail": the
 # build, and a tracing service and a launcher of their own, which end with the script.
 

@@ -13,7 +13,7 @@
 #include <optional>
 #include <random>
 
-#include "counterfeed/src/vexa_gpu_data_source.h"
+#include "tests/support/driven_data_source.h"
 #include "tests/support/platform_log.h"
 #include "tests/support/process.h"
 #include "tests/support/readers.h"
@@ -41,38 +41,11 @@ using namespace qel::vexa;           // NOLINT(google-build-using-namespace)
 using namespace test_support::wire;  // NOLINT(google-build-using-namespace)
 using counterfeed::hwc_reader;
 using counterfeed::reader_factory;
+using data_source = test_support::driven_data_source;
 using test_support::held_resources;
 using test_support::log_line;
 using test_support::take_log_lines;
 namespace machine = virtual_gpu::machine;
-
-// The data source with its state laid open.
-class data_source : public counterfeed::vexa_gpu_data_source {
-public:
-    using vexa_gpu_data_source::counter_ids;
-    using vexa_gpu_data_source::poll_thread;
-    using vexa_gpu_data_source::reader;
-    using vexa_gpu_data_source::sampling_period;
-
-    void set_up(const std::string& counter_config, const reader_factory* factory) {
-        perfetto::DataSourceConfig config;
-        config.set_gpu_counter_config_raw(counter_config);
-        if (factory != nullptr) {
-            config.mutable_for_testing()->mutable_dummy_fields()->set_field_uint64(
-                reinterpret_cast<std::uintptr_t>(factory));
-        }
-        SetupArgs arguments;
-        arguments.config = &config;
-        OnSetup(arguments);
-    }
-    void begin() { OnStart({}); }
-    void stop() {
-        struct stop_arguments : StopArgs {
-            std::function<void()> HandleStopAsynchronously() const override { return {}; }
-        };
-        OnStop(stop_arguments());
-    }
-};
 
 constexpr const char* tag = "vexa_gpu_data_source";
 using log_lines = std::vector<log_line>;

@@ -83,7 +83,7 @@ TEST_F(Hostile, NodesThatMisbehave) {
         ::usleep(20'000);
         const auto begin = std::chrono::steady_clock::now();
         run.reset();
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
         expect_every_sample();
 
         machine::reset();
@@ -102,19 +102,21 @@ TEST_F(Hostile, SamplesTooShortForTheRows) {
     }
     gpu.raw_properties = blob;
     machine::add_node(0, gpu);
+    std::vector<log_line> lines;
     {
         const session run;
-        ::usleep(50'000);
+        EXPECT_TRUE(eventually([&lines] { return !(lines = take_log_lines()).empty(); }));
+        ::usleep(20'000);
     }
-    EXPECT_EQ(outcome_of(take_log_lines(), !timestamps().empty()), 'E');
+    EXPECT_EQ(outcome_of(lines, !timestamps().empty()), 'E');
 }
 
-volatile std::sig_atomic_t signal_count = 0;
+std::atomic<int> signal_count = 0;  // of several threads
 
 // A signal every 200 microseconds, of which none lets an interrupted call go on.
 TEST_F(Hostile, SignalsThatInterruptEveryCall) {
     struct sigaction action {};
-    action.sa_handler = [](int) { signal_count = signal_count + 1; };
+    action.sa_handler = [](int) { ++signal_count; };
     struct sigaction previous {};
     ASSERT_EQ(::sigaction(SIGALRM, &action, &previous), 0);
     const itimerval storm{.it_interval = {0, 200}, .it_value = {0, 200}};
@@ -157,7 +159,7 @@ TEST_F(Hostile, DescriptorLimit) {
             {
                 const session run;
                 if (run.is_running()) {
-                    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+                    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
                     while (timestamps().size() < 3 && std::chrono::steady_clock::now() < deadline) {
                         ::usleep(1000);
                     }
@@ -222,7 +224,7 @@ TEST_F(Hostile, HostThatForks) {
         const std::string report = report_from_child([] {
             const open_counts open = machine::open_now();
             EXPECT_EQ(open.nodes, 0U);
-#ifndef __SANITIZE_THREAD__  // which lets no thread be started here
+#if !defined(__SANITIZE_THREAD__) && !defined(__arm__)  // it and the emulator let no thread be started here
             take_log_lines();
             machine::clear_requests();
             {
