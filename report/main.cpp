@@ -441,12 +441,13 @@ int run(int argument_count, char** arguments) {
     settings wanted;
     for (int letter = 0;
          (letter = getopt_long(argument_count, arguments, "ac::o:m:qhV", options, nullptr)) != -1;) {
+        const std::string value = optarg != nullptr ? optarg : "";
         switch (letter) {
             case 'a':
                 wanted.all = true;
                 break;
             case 'c': {
-                const std::string form = optarg != nullptr ? optarg : "wide";
+                const std::string form = value.empty() ? "wide" : value;
                 if (form != "wide" && form != "long") {
                     fail_usage("the form of --csv is wide or long, not \"" + form + "\"");
                 }
@@ -457,22 +458,22 @@ int run(int argument_count, char** arguments) {
                 set_form(wanted, output_form::html);
                 break;
             case 'o':
-                wanted.output = optarg;
+                wanted.output = value;
                 break;
             case 'm':
-                wanted.match.emplace_back(optarg);
+                wanted.match.push_back(value);
                 break;
             case from:
-                wanted.from = seconds_argument("--from", optarg);
+                wanted.from = seconds_argument("--from", value);
                 break;
             case to:
-                wanted.to = seconds_argument("--to", optarg);
+                wanted.to = seconds_argument("--to", value);
                 break;
             case bins:
-                wanted.bins = command_line::number_argument("--bins", optarg, 2, most_bins) / 2 * 2;
+                wanted.bins = command_line::number_argument("--bins", value.c_str(), 2, most_bins) / 2 * 2;
                 break;
             case charts:
-                wanted.charts = optarg;
+                wanted.charts = value;
                 if (wanted.charts != "auto" && wanted.charts != "always" && wanted.charts != "never") {
                     fail_usage("--charts is auto, always or never, not \"" + wanted.charts + "\"");
                 }
@@ -481,7 +482,7 @@ int run(int argument_count, char** arguments) {
                 wanted.quiet = true;
                 break;
             case offered:
-                list_offered(optarg);
+                list_offered(value.c_str());
             case 'h':
                 std::fputs(usage, stdout);
                 command_line::finish(exit_unusable);
