@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <sstream>
 
@@ -74,8 +75,7 @@ std::string attempt(const char* setting, std::uint32_t instance = BASE_ANY_INSTA
             EXPECT_EQ(ctx.tracking_page, nullptr);
         }
         EXPECT_EQ(machine::open_now(), open_counts{});
-        EXPECT_TRUE(held_resources::now().nothing_beyond(before))
-            << testing::PrintToString(held_resources::now());
+        EXPECT_TRUE(nothing_left(before));
         return text.str();
     });
 }
@@ -178,6 +178,7 @@ TEST(base_context, the_setting_for_an_instance) {
         {"nan", "up 11.33 at 0; 0; 0 s; "},
         {"0x1", "up 11.33 at 0; 0; 0 s; "},
         {"-1", invalid},
+        {"4294967295", "down;; 5 s; "},  // one instance all the same, and no search
         {"4294967296", invalid},
         {"00000000011", "up 11.33 at 1; 1; 0 s; "},  // cut behind ten characters
     };
@@ -199,7 +200,9 @@ TEST(base_context, requests_of_a_whole_attempt) {
             std::snprintf(number, sizeof number, " %x", request.number);
             text += number;
             if (request.kind == request_kind::set_flags) {
-                text += "(" + std::to_string(std::to_integer<unsigned>(request.argument.at(0))) + ")";
+                std::uint32_t flags = 0;
+                std::memcpy(&flags, request.argument.data(), sizeof flags);
+                text += "(" + std::to_string(flags) + ")";
             }
         }
         EXPECT_EQ(ctx.create_flags, 0xffffffff);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/vexa_base_context.h"
+#include "tests/support/answers.h"
 #include "virtual_gpu/machine.h"
 
 namespace {
@@ -13,6 +14,7 @@ namespace {
 using namespace qel::vexa::virtual_gpu;  // NOLINT(google-build-using-namespace)
 
 using test_support::bytes;
+using test_support::change_answer;
 using test_support::property;
 using test_support::operator+;
 
@@ -91,6 +93,23 @@ TEST(property_record, odd_bytes) {
         for (std::size_t cut = 1; cut < 4 + (1U << size_code); ++cut) {
             EXPECT_EQ(read(property(3, 2, 8) + property(3, size_code, 9, cut)).minor_revision, 8);
         }
+    }
+}
+
+// The driver says how much it has when it is asked for the bytes, and before that when it is asked for their
+// length.
+TEST(property_record, lengths_that_change) {
+    const bytes two = property(1, 2, 7) + property(3, 1, 8);
+    const int size = static_cast<int>(two.size());
+    for (const int later : {0, 5, 8, size - 1, size, size + 1, 1 << 30}) {
+        int count = 0;
+        change_answer = [&](unsigned long number, void*, int result) {
+            return number == 0x4010'8003 && ++count == 2 ? later : result;
+        };
+        const base_gpu_props props = read(two);
+        change_answer = nullptr;
+        EXPECT_EQ(props.product_id, later >= 8 ? 7U : 0U) << later;
+        EXPECT_EQ(props.minor_revision, later >= size ? 8 : 0) << later;
     }
 }
 

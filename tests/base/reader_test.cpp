@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "base/vexa_base_hwcnt_reader.h"
+#include "tests/support/answers.h"
 #include "tests/support/failing_calls.h"
 #include "tests/support/resources.h"
 #include "virtual_gpu/counter_reader.h"
@@ -33,8 +34,7 @@ protected:
         close();
         machine::reset();
         EXPECT_EQ(machine::open_now(), open_counts{});
-        EXPECT_TRUE(held_resources::now().nothing_beyond(before_))
-            << testing::PrintToString(held_resources::now());
+        EXPECT_TRUE(test_support::nothing_left(before_));
     }
 
     void open(const gpu_description& gpu) {
@@ -216,6 +216,16 @@ TEST_F(counter_reader_of, answers_that_lead_outside_the_ring) {
         EXPECT_EQ(sample.blocks[sample.num_blocks - 1] == nullptr, i == 1);
         EXPECT_EQ(put(), BASE_SUCCESS);
     }
+    change_answer = [](unsigned long number, void* argument, int result) {
+        if (number == BASE_REQUEST_GET_BUFFER_LONG || number == BASE_REQUEST_GET_BUFFER_SHORT) {
+            static_cast<base_hwcnt_reader_metadata_short*>(argument)->buffer_idx = 2;
+        }
+        return result;
+    };
+    dump();
+    EXPECT_EQ(get(), BASE_HWCNT_FAILURE);
+    change_answer = nullptr;
+    EXPECT_EQ(machine::requests().back().kind, request_kind::put_buffer) << "what is no buffer goes back";
 }
 
 TEST_F(counter_reader_of, what_holds_a_buffer) {

@@ -87,6 +87,13 @@ TEST(channels, every_length_around_the_slot_arrives_and_the_last_messages_stay_a
 
 TEST(channels, a_busy_log_is_tried_sixteen_times_and_fails_nobody) {
     open_channel open(CDBGP_CHANNEL_ERROR);
+    for (const int refusal : {-EPERM, -EINTR, -1}) {
+        log_refusal = refusal;
+        busy_answers = 2;
+        EXPECT_EQ(open.arrival("gone"), "gone\n");
+        EXPECT_EQ(std::exchange(busy_answers, 0), 1) << "only a busy one is tried again";
+    }
+    log_refusal = -EAGAIN;
     for (const int busy : {1, 3, 15, 16, 100}) {
         busy_answers = busy;
         slept = 0;
@@ -109,14 +116,35 @@ TEST(channels, a_stream_that_takes_nothing_fails_the_message_and_not_the_log) {
     EXPECT_EQ(open.send("closed"), CDBGP_FAILURE);
     dup2(ends[1], STDERR_FILENO);
     EXPECT_EQ(open.send("full"), CDBGP_FAILURE);
+    // What this stream takes goes no further before it is flushed.
+    open_channel buffered(CDBGP_CHANNEL_INFO);
+    std::fflush(stdout);
+    const int saved_output = dup(STDOUT_FILENO);
+    dup2(ends[1], STDOUT_FILENO);
+    EXPECT_EQ(buffered.send("unflushed"), CDBGP_FAILURE);
     EXPECT_EQ(read(ends[0], bytes.data(), bytes.size()), filled);
+    EXPECT_EQ(std::fflush(stdout), 0);
     EXPECT_EQ(open.send("next"), CDBGP_SUCCESS);
     dup2(saved, STDERR_FILENO);
-    EXPECT_EQ(bytes.substr(0, static_cast<std::size_t>(read(ends[0], bytes.data(), bytes.size()))), "next\n");
-    EXPECT_EQ(take_log(), "6/vexa:closed\n6/vexa:full\n6/vexa:next\n");
-    for (const int descriptor : {saved, ends[0], ends[1]}) {
+    dup2(saved_output, STDOUT_FILENO);
+    EXPECT_TRUE(bytes.substr(0, static_cast<std::size_t>(read(ends[0], bytes.data(), bytes.size())))
+                    .ends_with("next\n"));
+    EXPECT_EQ(take_log(), "6/vexa:closed\n6/vexa:full\n4/vexa:unflushed\n6/vexa:next\n");
+    for (const int descriptor : {saved, saved_output, ends[0], ends[1]}) {
         close(descriptor);
     }
+}
+
+TEST(channels, one_whose_own_destination_fails_to_open_goes_without) {
+    cdbgp_destination_set none = {};
+    cdbgp_channel channel = {};
+    calls.failing_mutex_init = 1;
+    ASSERT_EQ(cdbgp_channel_open(&none, &channel, CDBGP_CHANNEL_ERROR), CDBGP_SUCCESS);
+    EXPECT_EQ(take_log(),
+              "6/vexa:cdbgp_channel_open\nIniting dest bitpattern 0xa for channel 2: failed dests bitpattern "
+              "is 0x2. Some debug output "
+              "may not appear from this channel.\n");
+    cdbgp_channel_close(&channel);
 }
 
 TEST(channels, file_destination) {

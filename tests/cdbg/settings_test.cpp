@@ -70,7 +70,7 @@ TEST(environment_store, each_line_is_stored_skipped_or_rejected_with_its_number)
         {"RETURN = 1 \r", "", "RETURN ", " 1 \r"},
         {"\r", "Key delimiter not found"},
         {k + "=1", "", k, "1"},
-        {k + "k=1", "Key too long"},
+        {k + "k=" + k + "k", "Key too long"},
         {"VALUE=" + k, "", "VALUE", k},
         {"VALUE=" + k + "k", "Value too long"},
         {k + "k:" + k + "k=", "Process name too long"},

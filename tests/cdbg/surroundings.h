@@ -28,9 +28,10 @@ using strings = std::vector<std::string>;
 
 // Streams that take the place of files, by path; null for a file that can't be opened.
 inline std::map<std::string, std::FILE*> replaced_files;
-inline int busy_answers = 0;   // how often the platform log is busy from now on
-inline unsigned slept = 0;     // microseconds; nobody really sleeps
-inline bool bytewise = false;  // a stream gets every byte for itself
+inline int busy_answers = 0;       // how often the platform log is busy from now on
+inline int log_refusal = -EAGAIN;  // what it answers then
+inline unsigned slept = 0;         // microseconds; nobody really sleeps
+inline bool bytewise = false;      // a stream gets every byte for itself
 
 // A process environment, and a configuration file if there is content for one, while the object lasts.
 class settings {
@@ -123,7 +124,7 @@ decltype(fwrite) __real_fwrite;
 
 decltype(__android_log_write) __real___android_log_write;
 [[gnu::used]] inline int __wrap___android_log_write(int priority, const char* tag, const char* text) {
-    return test_support::busy_answers > 0 ? (--test_support::busy_answers, -EAGAIN)
+    return test_support::busy_answers > 0 ? (--test_support::busy_answers, test_support::log_refusal)
                                           : __real___android_log_write(priority, tag, text);
 }
 

@@ -280,9 +280,7 @@ TEST_F(DataSource, ManySessionsLeaveNothingBehind) {
     }
     EXPECT_GT(driver_samples, 500);
     EXPECT_EQ(machine::open_now(), virtual_gpu::open_counts{});
-    // A thread that is joined may take a moment more to leave the kernel's list.
-    EXPECT_TRUE(test_support::eventually([&before] { return held_resources::now().nothing_beyond(before); }))
-        << testing::PrintToString(held_resources::now()) << " beyond " << testing::PrintToString(before);
+    EXPECT_TRUE(test_support::nothing_left(before));
 }
 
 TEST_F(DataSource, ThreadCarriesItsNameAsFarAsTheKernelKeepsIt) {

@@ -244,8 +244,7 @@ TEST_F(Sessions, AHundredInARowLeaveNothingBehind) {
         EXPECT_FALSE(counter_packets(service().record(config_text({6}, factory, 20))).empty());
     }
     // The last session is torn down behind its consumer's back.
-    EXPECT_TRUE(eventually([&before] { return held_resources::now().nothing_beyond(before); }))
-        << testing::PrintToString(held_resources::now()) << " beyond " << testing::PrintToString(before);
+    EXPECT_TRUE(test_support::nothing_left(before));
 }
 
 }  // namespace

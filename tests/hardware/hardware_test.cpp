@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "hardware/info.h"
+#include "tests/support/answers.h"
 #include "tests/support/process.h"
 #include "tests/support/properties.h"
 #include "tests/support/resources.h"
@@ -161,6 +162,22 @@ TEST(Props, RequestsAndResult) {
         EXPECT_EQ(requests[3].argument, bytes(16));                          // the length alone
         EXPECT_EQ(requests[4].argument == bytes(16), empty);                 // also into no buffer
         EXPECT_EQ(requests[4].result, static_cast<int>(blob.size()));
+    }
+}
+
+// The first answer stays the length.
+TEST(Props, LengthsThatChange) {
+    const bytes blob = virtual_gpu::property_blob({});
+    for (const int later : {0, 5, 1 << 30}) {
+        int count = 0;
+        change_answer = [&](unsigned long number, void*, int result) {
+            return number == 0x4010'8003 && ++count == 2 ? later : result;
+        };
+        machine::reset();
+        std::error_code ec;
+        EXPECT_EQ(read(virtual_gpu::gpu_description(), ec), blob);
+        change_answer = nullptr;
+        EXPECT_FALSE(ec);
     }
 }
 

@@ -252,9 +252,7 @@ char try_session(const failing_kind& kind, unsigned n) {
         EXPECT_TRUE(after == before) << after.blocks - before.blocks << " blocks, "
                                      << after.mutexes - before.mutexes << " mutexes, "
                                      << after.object_count - before.object_count << " objects";
-        EXPECT_TRUE(eventually([&] { return held_resources::now().nothing_beyond(resources); }))
-            << testing::PrintToString(held_resources::now()) << " beyond "
-            << testing::PrintToString(resources);
+        EXPECT_TRUE(nothing_left(resources));
         return std::string(1, result);
     });
     return outcome.empty() ? '?' : outcome[0];

@@ -42,8 +42,7 @@ protected:
         take_log_lines();
         machine::reset();
         EXPECT_EQ(machine::open_now(), open_counts{});
-        EXPECT_TRUE(eventually([this] { return held_resources::now().nothing_beyond(before_); }))
-            << testing::PrintToString(held_resources::now()) << " beyond " << testing::PrintToString(before_);
+        EXPECT_TRUE(nothing_left(before_));
     }
 
     static bool comes_to(std::size_t samples) {

@@ -1,6 +1,8 @@
 // What a process holds, to see that nothing is left behind.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +10,8 @@
 #include <ostream>
 #include <string>
 #include <thread>
+
+#include "tests/support/process.h"
 
 namespace test_support {
 
@@ -40,6 +44,16 @@ struct held_resources {
 inline void PrintTo(const held_resources& held, std::ostream* out) {
     *out << held.descriptors << " descriptors, " << held.threads << " threads, " << held.mappings
          << " mappings";
+}
+
+// Nothing is held beyond what was before. A thread that has been joined may be on its way out for a moment
+// still.
+inline testing::AssertionResult nothing_left(const held_resources& before) {
+    if (eventually([&before] { return held_resources::now().nothing_beyond(before); })) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure()
+           << testing::PrintToString(held_resources::now()) << " beyond " << testing::PrintToString(before);
 }
 
 }  // namespace test_support

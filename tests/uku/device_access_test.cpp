@@ -30,8 +30,7 @@ protected:
     device_access() { machine::reset(); }
     ~device_access() override {
         EXPECT_EQ(machine::open_now(), open_counts{});
-        EXPECT_TRUE(held_resources::now().nothing_beyond(before_))
-            << testing::PrintToString(held_resources::now());
+        EXPECT_TRUE(nothing_left(before_));
         machine::reset();
     }
 
@@ -60,14 +59,17 @@ TEST_F(device_access, a_forked_child_has_no_node_and_can_open_its_own) {
         std::string text = std::to_string(machine::open_now().nodes);
         for (const uku_context& ctx : held) {
             text += ::fcntl(ctx.fd, F_GETFD) == -1 ? " closed" : " open";
+            ::dup2(STDERR_FILENO, ctx.fd);
             uku_close(&ctx);
+            text += ::fcntl(ctx.fd, F_GETFD) == -1 ? ", not forgotten;" : ";";
+            ::close(ctx.fd);
         }
         uku_context own{};
         text += open(own) == UKU_OPEN_SUCCESS ? " opened" : " failed";
         uku_close(&own);
         return text;
     });
-    EXPECT_EQ(report, "0 closed closed closed closed closed opened");
+    EXPECT_EQ(report, "0 closed; closed; closed; closed; closed; opened");
     EXPECT_EQ(machine::open_now().nodes, held.size());
     for (const uku_context& ctx : held) {
         EXPECT_NE(::fcntl(ctx.fd, F_GETFD), -1);
