@@ -30,6 +30,7 @@ constexpr std::int32_t sink_failure = -23;
 std::int32_t put_limited(char character, void* context) {
     auto* sink = static_cast<limited_sink*>(context);
     if (sink->text.size() == sink->limit) {
+        sink->limit = SIZE_MAX;  // what is put all the same shows
         return sink_failure;
     }
     sink->text += character;
