@@ -20,6 +20,7 @@ namespace {
 
 using namespace qel::vexa::virtual_gpu;  // NOLINT(google-build-using-namespace)
 using test_support::calls;
+using test_support::change_answer;
 using test_support::held_resources;
 
 bool eventfd_fails = false;
