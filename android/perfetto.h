@@ -1,4 +1,5 @@
-// For builds inside the platform tree alone, whose tracing SDK has no single header: takes that header's place.
+// For builds inside the platform tree alone, whose tracing SDK has no single header: takes that header's
+// place.
 #pragma once
 
 #include <perfetto/protozero/proto_decoder.h>

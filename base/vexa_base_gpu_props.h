@@ -93,6 +93,7 @@
 
 // One record of all properties. A property that the driver leaves out is 0. Behind the mask of each core
 // group stands the number of its cores, which is counted here and does not come from the driver.
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): in the order of the driver's numbers
 struct base_gpu_props {
 #define BASE_DECLARE_FIELD(key, field, type) type field;
 #define BASE_DECLARE_GROUP(key, n)     \

@@ -291,8 +291,7 @@ bool claim_buffer(vinstr_state* state) {
 void fill_sample(const vinstr_state* state, base_hwcnt_sample* sample) {
     const std::size_t offset = static_cast<std::size_t>(state->metadata.buffer_idx) * state->sample_size;
     const std::size_t blocks_in_ring = (ring_length(state) - offset) / block_size(state);
-    const std::size_t count =
-        std::min<std::size_t>({state->num_blocks, BASE_HWCNT_SAMPLE_BLOCKS, blocks_in_ring});
+    const auto count = std::min<std::size_t>({state->num_blocks, BASE_HWCNT_SAMPLE_BLOCKS, blocks_in_ring});
     std::fill(std::begin(sample->blocks), std::end(sample->blocks), nullptr);
     for (std::size_t i = 0; i < count; ++i) {
         sample->blocks[i] = state->ring + offset + i * block_size(state);

@@ -470,7 +470,8 @@ int run(int argument_count, char** arguments) {
                 wanted.to = seconds_argument("--to", value);
                 break;
             case bins:
-                wanted.bins = command_line::number_argument("--bins", value.c_str(), 2, most_bins) / 2 * 2;
+                wanted.bins = static_cast<std::size_t>(
+                    command_line::number_argument("--bins", value.c_str(), 2, most_bins) / 2 * 2);
                 break;
             case charts:
                 wanted.charts = value;
