@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
 #include "counterfeed/src/vexa_gpu_data_source.h"
@@ -16,7 +17,20 @@ extern "C" int __android_log_write(int /*priority*/, const char* /*tag*/, const 
 
 namespace {
 
-class data_source : public qel::vexa::counterfeed::vexa_gpu_data_source {
+using namespace qel::vexa::counterfeed;  // NOLINT(google-build-using-namespace)
+
+// The reader over the kernel driver would wait for the driver.
+class unusable_reader final : public hwc_reader {
+public:
+    bool is_initialized() const override { return false; }
+    std::uint32_t get_hwver() const override { return 0; }
+    bool begin_sampling_periodic() override { return false; }
+    void process_buffers_until_interrupted(sample_callback /*callback*/) override {}
+    void interrupt() override {}
+};
+const reader_factory factory = [] { return std::make_unique<unusable_reader>(); };
+
+class data_source : public vexa_gpu_data_source {
 public:
     using vexa_gpu_data_source::counter_ids;
     using vexa_gpu_data_source::sampling_period;
@@ -24,6 +38,8 @@ public:
     void set_up(const std::string& bytes) {
         perfetto::DataSourceConfig config;
         config.set_gpu_counter_config_raw(bytes);
+        config.mutable_for_testing()->mutable_dummy_fields()->set_field_uint64(
+            reinterpret_cast<std::uintptr_t>(&factory));
         SetupArgs arguments;
         arguments.config = &config;
         OnSetup(arguments);

@@ -143,7 +143,10 @@ std::uint64_t periodic_hwc_reader::words_per_sample() const {
     const base_hwcnt_reader_operations& backend = hwcnt_reader->backend;
     const std::size_t value_size =
         backend.data_is_u64(hwcnt_reader->state) != 0 ? sizeof(std::uint64_t) : sizeof(std::uint32_t);
-    return backend.get_sample_size(hwcnt_reader->state) / value_size;
+    const std::size_t sample_size = backend.get_sample_size(hwcnt_reader->state);
+    // Buffers with a part of a value at their end would have the values of the next ones at odd addresses,
+    // where nothing is read.
+    return sample_size % value_size == 0 ? sample_size / value_size : 0;
 }
 
 }  // namespace qel::vexa::counterfeed

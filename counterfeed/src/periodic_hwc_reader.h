@@ -29,7 +29,8 @@ public:
     // The first sample only sets the time base and does not reach the callback. Aborts on an empty callback.
     void process_buffers_until_interrupted(sample_callback callback) override;
     void interrupt() override;
-    // What the kernel's samples have room for. 0 for a reader that is not initialised.
+    // What the kernel's samples have room for. 0 for a reader that is not initialised, and where they have
+    // room for a part of a value.
     std::uint64_t words_per_sample() const;
 
 private:
