@@ -95,8 +95,18 @@ public:
                 return measure();
             }
         }
-        const int source = is_standard ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        return source >= 0 && keep_copy(source);
+        if (is_standard) {
+            return keep_copy(STDIN_FILENO);
+        }
+        const int source = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (source < 0) {
+            return false;
+        }
+        const bool is_kept = keep_copy(source);
+        const int reason = errno;
+        ::close(source);
+        errno = reason;
+        return is_kept;
     }
     std::istream& rewind() {
         file_.clear();
