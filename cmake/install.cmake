@@ -27,12 +27,13 @@ install(FILES ${CMAKE_BINARY_DIR}/package/counterfeed.pc DESTINATION ${CMAKE_INS
 set(programs launcher)
 if(NOT ANDROID)
     list(APPEND programs counters report evaluate)
-    install(DIRECTORY ${CMAKE_BINARY_DIR}/configs/ DESTINATION ${configs_folder}
+    install(DIRECTORY ${CMAKE_BINARY_DIR}/workstation/configs/ DESTINATION ${configs_folder}
         FILES_MATCHING PATTERN "*.txtpb" PATTERN CMakeFiles EXCLUDE)
 endif()
 install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 foreach(program IN LISTS programs)
-    install(FILES ${program}/counterfeed-${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    get_target_property(folder ${program} SOURCE_DIR)
+    install(FILES ${folder}/counterfeed-${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endforeach()
 install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})

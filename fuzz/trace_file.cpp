@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "report/summary.h"
-#include "report/writers.h"
+#include "workstation/report/summary.h"
+#include "workstation/report/writers.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 
 #include "hwc/product.h"
 #include "hwc/profiler.h"
-#include "report/trace_file.h"
 #include "virtual_gpu/sample_source.h"
+#include "workstation/report/trace_file.h"
 
 namespace test_support {
 

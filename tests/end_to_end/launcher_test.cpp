@@ -7,9 +7,9 @@
 #include <set>
 #include <sstream>
 
-#include "report/trace_file.h"
 #include "tests/support/elf_symbols.h"
 #include "tests/support/tracing_service.h"
+#include "workstation/report/trace_file.h"
 
 namespace {
 

@@ -12,7 +12,6 @@
 #include "counterfeed/src/start.h"
 #include "hwc/hwc_names.h"
 #include "hwc/product.h"
-#include "report/trace_file.h"
 #include "tests/end_to_end/formula_values.h"
 #include "tests/support/platform_log.h"
 #include "tests/support/readers.h"
@@ -20,6 +19,7 @@
 #include "tests/support/tracing_service.h"
 #include "tests/support/wire.h"
 #include "virtual_gpu/machine.h"
+#include "workstation/report/trace_file.h"
 
 namespace {
 

@@ -16,10 +16,10 @@
 #include <set>
 
 #include "cdbg/env.h"
-#include "report/trace_file.h"
 #include "tests/robustness/session.h"
 #include "tests/support/apart.h"
 #include "tests/support/tracing_service.h"
+#include "workstation/report/trace_file.h"
 
 namespace {
 

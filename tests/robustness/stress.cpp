@@ -21,10 +21,10 @@
 #include "cdbg/env.h"
 #include "counterfeed/src/start.h"
 #include "osu/vexa_osu.h"
-#include "report/trace_file.h"
 #include "tests/support/resources.h"
 #include "tests/support/tracing_service.h"
 #include "virtual_gpu/machine.h"
+#include "workstation/report/trace_file.h"
 
 namespace {
 

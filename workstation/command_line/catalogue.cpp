@@ -1,4 +1,4 @@
-#include "command_line/catalogue.h"
+#include "workstation/command_line/catalogue.h"
 
 #include <fnmatch.h>
 #include <strings.h>
@@ -11,10 +11,10 @@
 #include <optional>
 #include <set>
 
-#include "command_line/program.h"
 #include "hwc/counter_expressions.h"
 #include "hwc/hwc_names.h"
 #include "hwc/measure_unit.h"
+#include "workstation/command_line/program.h"
 
 namespace qel::vexa::command_line {
 

@@ -3,8 +3,8 @@
 #include <set>
 #include <utility>
 
-#include "command_line/output.h"
-#include "report/writers.h"
+#include "workstation/command_line/output.h"
+#include "workstation/report/writers.h"
 
 namespace qel::vexa::report {
 

@@ -5,8 +5,8 @@
 #include <ostream>
 #include <string_view>
 
-#include "report/page_parts.h"
-#include "report/writers.h"
+#include "workstation/report/page_parts.h"
+#include "workstation/report/writers.h"
 
 namespace qel::vexa::report {
 

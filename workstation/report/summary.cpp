@@ -1,11 +1,11 @@
-#include "report/summary.h"
+#include "workstation/report/summary.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cmath>
 
-#include "command_line/catalogue.h"
 #include "hwc/counter_descriptor.h"
+#include "workstation/command_line/catalogue.h"
 
 namespace qel::vexa::report {
 

@@ -1,4 +1,4 @@
-#include "command_line/output.h"
+#include "workstation/command_line/output.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 #include <sstream>
 #include <vector>
 
-#include "command_line/program.h"
+#include "workstation/command_line/program.h"
 
 namespace qel::vexa::command_line {
 

@@ -1,6 +1,6 @@
 # Writes files as constants into a source: cmake -DOUTPUT=file.cpp "-DINPUTS=page.html|page.css" -P embed.cmake
 
-set(text "#include \"report/page_parts.h\"\n\nnamespace qel::vexa::report {\n")
+set(text "#include \"workstation/report/page_parts.h\"\n\nnamespace qel::vexa::report {\n")
 string(REPLACE "|" ";" INPUTS "${INPUTS}")
 foreach(input IN LISTS INPUTS)
     cmake_path(GET input FILENAME name)

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "command_line/catalogue.h"
+#include "workstation/command_line/catalogue.h"
 
 namespace qel::vexa::counters {
 

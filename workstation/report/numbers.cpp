@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "report/writers.h"
+#include "workstation/report/writers.h"
 
 namespace qel::vexa::report {
 

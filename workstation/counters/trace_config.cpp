@@ -1,4 +1,4 @@
-#include "counters/trace_config.h"
+#include "workstation/counters/trace_config.h"
 
 #include <algorithm>
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "report/summary.h"
-#include "report/trace_file.h"
+#include "workstation/report/summary.h"
+#include "workstation/report/trace_file.h"
 
 namespace qel::vexa::report {
 

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <string_view>
 
-#include "report/writers.h"
+#include "workstation/report/writers.h"
 
 namespace qel::vexa::report {
 

@@ -1,4 +1,4 @@
-#include "command_line/program.h"
+#include "workstation/command_line/program.h"
 
 #include <cerrno>
 #include <charconv>

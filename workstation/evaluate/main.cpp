@@ -8,12 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "command_line/catalogue.h"
-#include "command_line/output.h"
-#include "command_line/program.h"
-#include "evaluate/sample_file.h"
 #include "hwc/profiler.h"
 #include "hwc/reported_value.h"
+#include "workstation/command_line/catalogue.h"
+#include "workstation/command_line/output.h"
+#include "workstation/command_line/program.h"
+#include "workstation/evaluate/sample_file.h"
 
 namespace {
 

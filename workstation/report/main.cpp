@@ -21,10 +21,10 @@
 #include <limits>
 #include <optional>
 
-#include "command_line/output.h"
-#include "command_line/program.h"
-#include "report/trace_file.h"
-#include "report/writers.h"
+#include "workstation/command_line/output.h"
+#include "workstation/command_line/program.h"
+#include "workstation/report/trace_file.h"
+#include "workstation/report/writers.h"
 
 namespace {
 

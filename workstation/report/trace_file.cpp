@@ -1,4 +1,4 @@
-#include "report/trace_file.h"
+#include "workstation/report/trace_file.h"
 
 #include <perfetto.h>
 

@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "command_line/catalogue.h"
-#include "command_line/output.h"
-#include "command_line/program.h"
-#include "counters/trace_config.h"
+#include "workstation/command_line/catalogue.h"
+#include "workstation/command_line/output.h"
+#include "workstation/command_line/program.h"
+#include "workstation/counters/trace_config.h"
 
 namespace {
 

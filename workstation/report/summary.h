@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "report/trace_file.h"
+#include "workstation/report/trace_file.h"
 
 namespace qel::vexa::report {
 

@@ -8,12 +8,12 @@
 #include <fstream>
 #include <sstream>
 
-#include "report/summary.h"
-#include "report/trace_file.h"
-#include "report/writers.h"
 #include "tests/support/process.h"
 #include "tests/support/tool.h"
 #include "tests/support/wire.h"
+#include "workstation/report/summary.h"
+#include "workstation/report/trace_file.h"
+#include "workstation/report/writers.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "evaluate/sample_file.h"
+#include "workstation/evaluate/sample_file.h"
 
 #include <array>
 #include <cerrno>
@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
-#include "command_line/program.h"
 #include "hwc/counter_descriptor.h"
+#include "workstation/command_line/program.h"
 
 namespace qel::vexa::evaluate {
 
