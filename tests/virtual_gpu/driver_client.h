@@ -45,23 +45,14 @@ public:
         if (ring != MAP_FAILED) {
             ::munmap(ring, ring_size);
         }
-        close_reader();
+        ::close(reader);
         if (page != MAP_FAILED) {
             ::munmap(page, 4096);
         }
-        if (node >= 0) {
-            ::close(node);
-        }
+        ::close(node);
     }
     driver_client(const driver_client&) = delete;
     driver_client& operator=(const driver_client&) = delete;
-
-    void close_reader() {
-        if (reader >= 0) {
-            ::close(reader);
-        }
-        reader = -1;
-    }
 
     struct metadata {
         std::uint64_t timestamp;

@@ -1,28 +1,21 @@
-// The sample sources, the reader over them, and the text that configures the preloaded form.
+// The imagined scene, and the text that configures the preloaded form.
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <thread>
+#include <sstream>
 #include <tuple>
 
 #include "gtest/gtest.h"
-#include "virtual_gpu/clock.h"
 #include "virtual_gpu/configuration.h"
 #include "virtual_gpu/known_gpus.h"
-#include "virtual_gpu/seam_reader.h"
 #include "virtual_gpu/workload.h"
 
 namespace qel::vexa::virtual_gpu {
 namespace {
 
 constexpr std::uint64_t millisecond = 1'000'000;
-
-TEST(FormulaSource, IsTheSameOnEveryProcessor) {
-    EXPECT_EQ(formula_word(7, 5, 63), 0xcbfd'9974);
-    EXPECT_EQ(formula_cycles(7), 0xbee'2c07'4c68U);
-}
 
 TEST(WorkloadSource, EveryGpuWorksWithinItsCycles) {
     for (const known_gpu& known : known_gpus) {
@@ -41,53 +34,6 @@ TEST(WorkloadSource, EveryGpuWorksWithinItsCycles) {
             }
         }
     }
-}
-
-seam_reader make_reader(const seam_reader_options& options) {
-    return {std::make_unique<formula_source>(), sample_layout({.core_group_masks = {0b101}, .l2_slices = 1}),
-            options};
-}
-
-TEST(SeamReader, DeliversEverySampleButTheFirst) {
-    constexpr std::uint64_t period = 2 * millisecond;
-    seam_reader reader = make_reader({.period_ns = period, .stop_after = 20});
-    const std::uint64_t before = raw_clock();
-    EXPECT_TRUE(reader.begin_sampling_periodic());
-    std::uint64_t samples = 0;
-    std::uint64_t due = 0;
-    reader.process_buffers_until_interrupted(
-        [&](std::uint64_t timestamp, std::uint64_t delta, std::uint64_t cycles, const std::uint32_t* words) {
-            due = samples++ == 0 ? timestamp : due + period;
-            EXPECT_EQ(timestamp, due);
-            EXPECT_LE(timestamp, raw_clock());
-            EXPECT_EQ(delta, period);
-            EXPECT_EQ(cycles, formula_cycles(samples));
-            EXPECT_EQ(words[5 * 64], static_cast<std::uint32_t>(timestamp)) << "the third core's header";
-            EXPECT_EQ(words[5 * 64 + 63], formula_word(samples, 5, 63));
-            if (samples == 3) {  // delays the samples behind it, and nothing more
-                std::this_thread::sleep_for(std::chrono::milliseconds(11));
-            }
-        });
-    EXPECT_EQ(samples, 20U);
-    EXPECT_GE(due, before + 21 * period);
-}
-
-TEST(SeamReader, InterruptEndsTheWaitAndWinsOverSamples) {
-    unsigned samples = 0;
-    const auto count = [&samples](auto...) { ++samples; };
-    seam_reader slow = make_reader({.period_ns = 1000 * millisecond});
-    slow.begin_sampling_periodic();
-    std::thread thread([&] { slow.process_buffers_until_interrupted(count); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    const std::uint64_t before = raw_clock();
-    slow.interrupt();
-    thread.join();
-    EXPECT_LT(raw_clock() - before, 500 * millisecond);
-    seam_reader fast = make_reader({.free_running = true, .stop_after = 1});
-    fast.begin_sampling_periodic();
-    fast.interrupt();
-    fast.process_buffers_until_interrupted(count);
-    EXPECT_EQ(samples, 0U);
 }
 
 TEST(Configuration, DescribesSeveralGpus) {
@@ -116,32 +62,11 @@ TEST(Configuration, DescribesSeveralGpus) {
 
 TEST(Configuration, MistakesAreNamed) {
     std::string error;
-    for (const std::string bad : {"colour=red",
-                                  "l2=256",
-                                  "l2=-1",
-                                  "l2=",
-                                  "l2",
-                                  "status=1",
-                                  "none",
-                                  "id=0x",
-                                  "id=9002h",
-                                  "id= 1",
-                                  "bus=12",
-                                  "version=11",
-                                  "version=1.2.",
-                                  "groups=1:",
-                                  "source=film",
-                                  "period=0",
-                                  "clock=10001",
-                                  "features=4",
-                                  "legacy=2",
-                                  "late=60001",
-                                  "failures=",
-                                  "failures=paint=EIO",
-                                  "failures=open@0=EIO",
-                                  "failures=open@1=EGREAT",
-                                  "failures=open@1",
-                                  "failures=open=EIO:"}) {
+    std::istringstream mistakes(
+        "colour=red l2=256 l2=-1 l2= l2 status=1 none id=0x id=9002h bus=12 version=11 version=1.2. "
+        "groups=1: source=film period=0 clock=10001 features=4 legacy=2 late=60001 failures= "
+        "failures=paint=EIO failures=open@0=EIO failures=open@1=EGREAT failures=open@1 failures=open=EIO:");
+    for (std::string bad; mistakes >> bad;) {
         EXPECT_FALSE(parse_configuration("status=1," + bad + ",revision=1.2", error)) << bad;
         EXPECT_NE(error.find("bad item \"" + bad + "\""), std::string::npos) << bad << ": " << error;
     }
