@@ -62,10 +62,10 @@ private:
 // Runs a program to its end; the result of wait().
 int run(const process_setup& setup);
 
-// Polls until the condition holds; false when it doesn't within a generous time.
+// Polls until the condition holds; false when it doesn't within a time, which is generous.
 template <typename Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+bool eventually(Condition condition, std::chrono::seconds limit = std::chrono::seconds(60)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;

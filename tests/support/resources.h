@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -49,7 +50,8 @@ inline void PrintTo(const held_resources& held, std::ostream* out) {
 // Nothing is held beyond what was before. A thread that has been joined may be on its way out for a moment
 // still.
 inline testing::AssertionResult nothing_left(const held_resources& before) {
-    if (eventually([&before] { return held_resources::now().nothing_beyond(before); })) {
+    if (eventually([&before] { return held_resources::now().nothing_beyond(before); },
+                   std::chrono::seconds(5))) {
         return testing::AssertionSuccess();
     }
     return testing::AssertionFailure()
