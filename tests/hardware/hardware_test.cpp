@@ -7,6 +7,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <tuple>
 
 #include "hardware/info.h"
 #include "tests/support/answers.h"
@@ -26,8 +27,9 @@ const bytes product_9 = property(1, 2, 0x9002);
 const bytes one_group = property(62, 2, 1) + property(64, 3, 0xf);
 const bytes sound = product_9 + one_group;
 
-std::error_code generic(int error) {
-    return {error, std::generic_category()};
+// None, or the driver's own, which are negative, or the system's.
+std::error_code code(int error) {
+    return {error, error <= 0 ? std::system_category() : std::generic_category()};
 }
 
 struct outcome {
@@ -47,31 +49,26 @@ outcome decode(const bytes& blob, std::error_code ec = {}) {
 }
 
 TEST(Info, DamagedBlobsAndTheirErrors) {
-    const std::error_code before(5, std::system_category());
     const struct {
         const char* what;
         bytes blob;
-        std::error_code expected, before = {};
+        int expected, before = 0;
     } cases[] = {
-        {"empty", {}, generic(EPROTO)},
-        {"half a header", bytes(3), generic(EPROTO)},
-        {"a long value cut off", sound + property(25, 3, ~0ULL, 2), generic(EPROTO)},
-        {"header alone at the end", sound + bytes(4), generic(EPROTO)},
-        {"no product", one_group, generic(EPROTO)},
-        {"no number of groups", product_9 + property(64, 3, 0xf), generic(EPROTO)},
-        {"no mask", product_9 + property(62, 2, 1), generic(EPROTO)},
-        {"mask in its upper half only", product_9 + property(62, 2, 1) + property(64, 3, 1ULL << 32),
-         generic(EPROTO)},
-        {"cores beyond the groups alone", product_9 + property(62, 2, 1) + property(65, 3, 0xf),
-         generic(EPROTO)},
-        {"masked id of zero", property(1, 2, 0x0ff0) + one_group, generic(EINVAL)},
-        {"unknown id", property(1, 2, 0x7004) + one_group, generic(EOPNOTSUPP)},
-        {"unknown id, then damage", property(1, 2, 0x7004) + bytes(1), generic(EOPNOTSUPP)},
-        {"an error from before", sound, before, before},
-        {"an error from before, and no product", one_group, before, before},
+        {"empty", {}, EPROTO},
+        {"half a header", bytes(3), EPROTO},
+        {"a long value cut off", sound + property(25, 3, ~0ULL, 2), EPROTO},
+        {"header alone at the end", sound + bytes(4), EPROTO},
+        {"no product", one_group, EPROTO},
+        {"no number of groups", product_9 + property(64, 3, 0xf), EPROTO},
+        {"upper half of a mask only", product_9 + property(62, 2, 1) + property(64, 3, 1ULL << 32), EPROTO},
+        {"cores beyond the groups alone", product_9 + property(62, 2, 1) + property(65, 3, 0xf), EPROTO},
+        {"masked id of zero", property(1, 2, 0x0ff0) + one_group, EINVAL},
+        {"unknown id, then damage", property(1, 2, 0x7004) + bytes(1), EOPNOTSUPP},
+        {"an error from before", sound, -5, -5},
+        {"an error from before, and no product", one_group, -5, -5},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(decode(c.blob, c.before).error, c.expected) << c.what;
+        EXPECT_EQ(decode(c.blob, code(c.before)).error, code(c.expected)) << c.what;
     }
 }
 
@@ -80,10 +77,9 @@ TEST(Info, NumbersComeFromTheirKeys) {
         decode(sound + property(3, 1, 2) + property(4, 1, 3) + property(15, 0, 4) +
                property(29, 2, 0x07123456) + property(99, 3, ~0ULL) + property(0x3fffffff, 0, 1));
     ASSERT_FALSE(error);
-    EXPECT_EQ(static_cast<std::uint32_t>(gpu.product), 9U);
-    EXPECT_EQ(gpu.minor_revision, 2U);
-    EXPECT_EQ(gpu.major_revision, 3U);
-    EXPECT_EQ(gpu.l2_slice_count, 4U);
+    EXPECT_EQ(std::tuple(static_cast<std::uint32_t>(gpu.product), gpu.minor_revision, gpu.major_revision,
+                         gpu.l2_slice_count),
+              std::tuple(9U, 2U, 3U, 4U));
     // The later of two wins; a value wider than its number counts with its low word.
     EXPECT_EQ(decode(sound + property(15, 0, 4) + property(15, 3, 0xffff'ffff'0000'0002)).gpu.l2_slice_count,
               2U);
@@ -126,28 +122,32 @@ TEST(Info, OnlyFourBitsAtEachEndOfTheIdCount) {
     }
 }
 
-// What the node at a path gives, on a machine with one GPU or, without a description, with none.
-hardware::property_bytes read(const std::optional<virtual_gpu::gpu_description>& gpu, std::error_code& ec,
-                              const std::string& path = "/dev/vexa0") {
+// What the node at a path gives, on the machine as it is.
+hardware::property_bytes read(std::error_code& ec, const std::string& path = "/dev/vexa0") {
     const held_resources before = held_resources::now();
-    if (gpu.has_value()) {
-        machine::add_node(0, *gpu);
-    }
     const hardware::property_bytes result = hardware::props(path, ec);
     EXPECT_EQ(held_resources::now().descriptors, before.descriptors);
     return result;
 }
 
+// The first answer stays the length, whatever the second is.
 TEST(Props, RequestsAndResult) {
-    for (const bool empty : {false, true}) {
+    for (const int later : {-1, 0, 5, 1 << 30}) {
+        const bool empty = later == 0;
         virtual_gpu::gpu_description gpu;
         if (empty) {
             gpu.raw_properties.emplace();
             gpu.kernel_version = {1, 0};  // any version will do
         }
         machine::reset();
+        machine::add_node(0, gpu);
+        int count = 0;
+        change_answer = [&](unsigned long number, void*, int result) {
+            return later >= 0 && number == 0x4010'8003 && ++count == 2 ? later : result;
+        };
         std::error_code ec;
-        const bytes blob = read(gpu, ec);
+        const bytes blob = read(ec);
+        change_answer = nullptr;
         EXPECT_FALSE(ec);
         EXPECT_EQ(blob, empty ? bytes() : virtual_gpu::property_blob(gpu));
 
@@ -165,57 +165,36 @@ TEST(Props, RequestsAndResult) {
     }
 }
 
-// The first answer stays the length.
-TEST(Props, LengthsThatChange) {
-    const bytes blob = virtual_gpu::property_blob({});
-    for (const int later : {0, 5, 1 << 30}) {
-        int count = 0;
-        change_answer = [&](unsigned long number, void*, int result) {
-            return number == 0x4010'8003 && ++count == 2 ? later : result;
-        };
-        machine::reset();
-        std::error_code ec;
-        EXPECT_EQ(read(virtual_gpu::gpu_description(), ec), blob);
-        change_answer = nullptr;
-        EXPECT_FALSE(ec);
-    }
-}
-
 TEST(Props, EveryRefusal) {
-    const std::error_code refused(-1, std::system_category());
-    const struct {
-        request_kind kind;
-        unsigned nth;
-        int error;
-        std::error_code expected;
-    } cases[] = {
-        {request_kind::open, 1, EACCES, generic(ENODEV)},
-        {request_kind::version_check, 1, ENOTTY, {}},  // the second number serves
-        {request_kind::version_check_second, 1, EBUSY, refused},
-        {request_kind::set_flags, 1, EPERM, refused},
-        {request_kind::get_properties, 1, EINVAL, refused},
-        {request_kind::get_properties, 2, EIO, refused},
-    };
-    for (const auto& [kind, nth, error, expected] : cases) {
-        machine::reset();
-        machine::fail(kind, error, nth);
-        if (kind == request_kind::version_check_second) {
-            machine::fail(request_kind::version_check, EINVAL);
-        }
-        std::error_code ec;
-        EXPECT_EQ(read(virtual_gpu::gpu_description(), ec).empty(), static_cast<bool>(expected));
-        EXPECT_EQ(ec, expected) << static_cast<int>(kind) << ", call " << nth;
-    }
-    // Files that are no GPU.
-    machine::reset();
+    using enum request_kind;
     const temporary_folder folder;
     std::ofstream(folder.file("plain")).close();
-    for (const auto& [path, expected] : {std::pair(std::string("/dev/vexa0"), generic(ENODEV)),
-                                         {folder.file("plain"), refused},
-                                         {"/", generic(ENODEV)}}) {
+    const struct {
+        request_kind failing;
+        unsigned nth;
+        int error, expected;
+        std::string path = "/dev/vexa0";
+    } cases[] = {
+        {open, 1, EACCES, ENODEV},
+        {version_check, 1, ENOTTY, 0},  // the second number serves
+        {version_check_second, 1, EBUSY, -1},
+        {set_flags, 1, EPERM, -1},
+        {get_properties, 1, EINVAL, -1},
+        {get_properties, 2, EIO, -1},
+        {unknown, 1, 0, ENODEV, "/dev/vexa1"},
+        {unknown, 1, 0, ENODEV, "/"},
+        {unknown, 1, 0, -1, folder.file("plain")},
+    };
+    for (const auto& [failing, nth, error, expected, path] : cases) {
+        machine::reset();
+        machine::add_node(0, {});
+        machine::fail(failing, error, nth);
+        if (failing == version_check_second) {
+            machine::fail(version_check, EINVAL);
+        }
         std::error_code ec;
-        EXPECT_TRUE(read(std::nullopt, ec, path).empty());
-        EXPECT_EQ(ec, expected) << path;
+        EXPECT_EQ(read(ec, path).empty(), expected != 0);
+        EXPECT_EQ(ec, code(expected)) << static_cast<int>(failing) << ", call " << nth << ", " << path;
     }
 }
 
