@@ -135,42 +135,35 @@ TEST(channels, a_stream_that_takes_nothing_fails_the_message_and_not_the_log) {
     }
 }
 
-TEST(channels, one_whose_own_destination_fails_to_open_goes_without) {
+TEST(channels, destinations_that_fail_to_open) {
     cdbgp_destination_set none = {};
     cdbgp_channel channel = {};
     calls.failing_mutex_init = 1;
     ASSERT_EQ(cdbgp_channel_open(&none, &channel, CDBGP_CHANNEL_ERROR), CDBGP_SUCCESS);
     EXPECT_EQ(take_log(),
               "6/vexa:cdbgp_channel_open\nIniting dest bitpattern 0xa for channel 2: failed dests bitpattern "
-              "is 0x2. Some debug output "
-              "may not appear from this channel.\n");
+              "is 0x2. Some debug output may not appear from this channel.\n");
     cdbgp_channel_close(&channel);
-}
 
-TEST(channels, file_destination) {
     const temporary_folder folder;
     setenv("EXTERNAL_STORAGE", folder.file("").c_str(), 1);
-    const struct {
-        const char* name;
-        int failing_mutex_init;
-        bool opens;
-    } rows[] = {{"out", 0, true}, {"../out", 0, false}, {"none/out", 0, false}, {"out", 1, false}};
     const held_resources before = held_resources::now();
-    for (const auto& row : rows) {
+    const int mutexes = calls.mutexes;
+    for (const auto& [name, failing_mutex_init] : {std::pair("out", 0), {"none/out", 0}, {"out", 1}}) {
+        const bool opens = *name == 'o' && failing_mutex_init == 0;
         cdbgp_destination_set set = {};
         set.requested = CDBGP_DEST_FILE | CDBGP_DEST_PLATFORM;
-        set.file_name = row.name;
-        const int mutexes = calls.mutexes;
-        calls.failing_mutex_init = row.failing_mutex_init;
+        set.file_name = name;
+        calls.failing_mutex_init = failing_mutex_init;
         init_destinations(&set);
-        EXPECT_EQ(set.active, CDBGP_DEST_PLATFORM | (row.opens ? CDBGP_DEST_FILE : 0U));
+        EXPECT_EQ(set.active, CDBGP_DEST_PLATFORM | (opens ? CDBGP_DEST_FILE : 0U));
         EXPECT_EQ(write_to_channels(&set, set.active, "a\nb\n", 5), CDBGP_SUCCESS);
         EXPECT_EQ(take_log(), "4/vexa:a\nb\n");
-        EXPECT_EQ(read_file(folder.file("out")), row.failing_mutex_init == 0 ? "a\nb\n" : "");
+        EXPECT_EQ(read_file(folder.file("out")), failing_mutex_init == 0 ? "a\nb\n" : "");
         term_destinations(&set);
         EXPECT_EQ(set.active | set.requested, 0U);
         EXPECT_EQ(calls.mutexes, mutexes);
-        EXPECT_EQ(held_resources::now().descriptors, before.descriptors) << row.name;
+        EXPECT_EQ(held_resources::now().descriptors, before.descriptors) << name;
     }
     unsetenv("EXTERNAL_STORAGE");
 }
@@ -183,16 +176,16 @@ TEST(channels, newline_conversion) {
         std::string expected;
     } rows[] = {
         {0, 9, "a\nb", 4, 5, "a\nb\n"}, {0, 4, "a\nb", 4, 4, "a\n\n"},
-        {0, 9, "ab\n", 4, 4, "ab\n"},   {0, 2, "ab", 3, 2, "\n"},
-        {0, 9, "", 1, 2, "\n"},         {0, 9, "", 0, 2, "\n"},
-        {0, 1, "ab", 3, 1, ""},         {0, 1, "", 0, 1, ""},
-        {0, 0, "ab", 3, 1, ""},         {1, 9, "a\nb", 4, 7, "a\r\nb\r\n"},
+        {0, 5, "a\nb", 4, 5, "a\nb\n"}, {0, 9, "ab\n", 4, 4, "ab\n"},
+        {0, 2, "ab", 3, 2, "\n"},       {0, 2, "", 1, 2, "\n"},
+        {0, 9, "", 0, 2, "\n"},         {0, 1, "ab", 3, 1, ""},
+        {0, 0, "ab", 3, 1, ""},         {1, 7, "a\nb", 4, 7, "a\r\nb\r\n"},
         {1, 9, "a\n", 3, 4, "a\r\n"},   {1, 6, "a\nb", 4, 5, "a\r\r\n"},
         {1, 4, "a\n\n", 4, 4, "a\r\n"}, {1, 3, "a\nb", 4, 3, "\r\n"},
-        {1, 2, "a\nb", 4, 2, "a"},      {1, 9, "", 1, 3, "\r\n"},
-        {1, 9, "", 0, 3, "\r\n"},       {1, 2, "", 0, 1, ""},
+        {1, 2, "a\nb", 4, 2, "a"},      {1, 3, "", 1, 3, "\r\n"},
+        {1, 3, "", 0, 3, "\r\n"},       {1, 2, "", 0, 1, ""},
         {1, 0, "ab", 3, 1, ""},         {1, 9, "abc", 3, 5, "ab\r\n"},
-        {1, 9, "\n", 2, 3, "\r\n"},     {2, 9, "ab", 3, 0, "?"},
+        {2, 9, "ab", 3, 0, "?"},
     };
     for (const auto& row : rows) {
         // Memory of that size exactly, so that a sanitizer sees a byte too many.

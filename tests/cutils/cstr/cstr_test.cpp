@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <string>
 #include <tuple>
 
@@ -84,12 +85,10 @@ void* address(std::uintptr_t value) {
     return reinterpret_cast<void*>(value);  // NOLINT(performance-no-int-to-ptr): there is nothing to optimise
 }
 
-// Expects a text.
+// Expects a text, or the format to be refused behind it.
 void prints(const std::string& expected, const char* format, auto... args) {
     check(expected, expected.size(), format, args...);
 }
-
-// Expects the format to be refused behind some text.
 void refuses(const std::string& expected, const char* format, auto... args) {
     check(expected, static_cast<std::size_t>(-1), format, args...);
 }
@@ -109,7 +108,6 @@ void agrees(const std::string& format, auto... args) {
 TEST(format, conversions) {
     prints("  007|-0042|-42  |    3", "%5.3d|%05d|%-05d|%05.1d", 7, -42, -42, 3);
     prints("0 0xff 0XFF 010 00010", "%#x %#x %#X %#o %#.5o", 0, 255, 255, 8, 8);
-    prints("+5|+5| 5|-5|7|7", "%+ d|% +i|% d|% d|%+u|% u", 5, 5, 5, -5, 7U, 7U);
     prints("1 -2 3 18446744073709551615", "%d %lld %d %llu", 1, -2LL, 3, ULLONG_MAX);  // aligned arguments
     // As wide as a machine word, and the same number on every machine otherwise.
     prints(wide_words ? "ffffffffffffffff -1" : "ffffffff -1", "%lx %ld", -1L, -1L);
@@ -121,8 +119,8 @@ TEST(format, conversions) {
     const char unterminated[] = {'a', 'b'};
     prints("ab", "%.2s", unterminated);
     prints(std::string("a\0b", 3), "a%cb", 0x100);
-    prints("0x00000000|0x|0x012345|  0x00000000|0x00000000  ", "%+p|%.0p|%.6p|%#012p|%-012p", nullptr,
-           nullptr, address(0x12345), nullptr, nullptr);
+    prints("0x00000000|0x|0x012345|  0x12345678|0x00000000  ", "%+p|%.0p|%.6p|%#012p|%-012p", nullptr,
+           nullptr, address(0x12345), address(0x12345678), nullptr);
     prints(wide_words ? "0xffffffffffffffff" : "0xffffffff", "%p", address(UINTPTR_MAX));
     prints("100%|%s", "%d%%|%%s", 100);
     prints("", "");
@@ -151,20 +149,21 @@ TEST(format, width_and_precision) {
 }
 
 TEST(format, refuses_what_it_does_not_know) {
-    for (const char* format : {"ab%2147483640d", "ab%2147483650d", "ab%99999999999d",
-                               "ab%*5d",         "ab%5*d",         "ab%*-d",
-                               "ab%.*5d",        "ab%5-d",         "ab%.5-d",
-                               "ab%.+5d",        "ab%..5d",        "ab%",
-                               "ab%5",           "ab%-",           "ab%.",
-                               "ab%.5",          "ab%l",           "ab%hhhd",
-                               "ab%llld",        "ab%lhd",         "ab%Ld",
-                               "ab%!",           "ab%\x80",        "ab%hs",
-                               "ab%zs",          "ab%hc",          "ab%lp",
-                               "ab%tp",          "ab%lc",          "ab%ls",
-                               "ab%w",           "ab%hn",          "ab%hhn"}) {
-        refuses("ab", format, 5, 5);
+    std::istringstream formats(
+        "ab%2147483640d ab%2147483650d ab%99999999999d ab%*5d ab%5*d ab%*-d ab%.*5d ab%5-d ab%.5-d ab%.+5d "
+        "ab%..5d ab% ab%5 ab%- ab%. ab%.5 ab%l ab%hhhd ab%llld ab%lhd ab%Ld ab%! ab%\x80 ab%hs ab%zs ab%hc "
+        "ab%lp ab%tp ab%lc ab%ls ab%w ab%hn ab%hhn");
+    for (std::string format; formats >> format;) {
+        refuses("ab", format.c_str(), 5, 5);
     }
-    refuses("1 x", "%d %s%zd", 1, "x", 0);
+    // Most of these the C library would print.
+    for (const char* format :
+         {"%zd", "%zi", "%tu", "%to", "%tx", "%tX", "%jd", "%5%", "%l%", "% %", "%'d", "%1$d"}) {
+        refuses("", format, 0LL, 0LL);
+    }
+    for (const char* format : {"%e", "%E", "%g", "%G", "%a", "%A", "%F", "%Lf"}) {
+        refuses("1 x", (std::string("%d %s") + format).c_str(), 1, "x", 1.5);
+    }
 }
 
 // Widths and precisions that no text could have: the count stays at its highest value, and memory is safe.
@@ -185,32 +184,6 @@ TEST(format, huge) {
     counts(-1, "        ", "%2147483639d%2147483639d%!", 1, 2);
     counts(602, "0.000000", "%.600f", 5e-324);
     counts(310, "17976931", "%.0f!", 1.7976931348623157e308);
-}
-
-// Where the two part on purpose: what the C library would print, and this formatter refuses or prints in
-// another way.
-TEST(format, differs_from_the_c_library) {
-    const auto refuses_alone = [](auto argument, std::initializer_list<const char*> formats) {
-        for (const char* format : formats) {
-            refuses("", format, argument, argument);
-            EXPECT_GT(std::snprintf(nullptr, 0, format, argument, argument), 0) << format;
-        }
-    };
-    refuses_alone(0LL, {"%zd", "%zi", "%tu", "%to", "%tx", "%tX", "%jd", "%5%", "%l%", "% %", "%'d", "%1$d"});
-    refuses_alone(1.5, {"%e", "%E", "%g", "%G", "%a", "%A", "%F"});
-    refuses_alone(static_cast<long double>(1.5), {"%Lf"});
-
-    const auto differs = [](const char* ours, const char* theirs, const char* format, auto argument) {
-        char text[64];
-        std::snprintf(text, sizeof text, format, argument);
-        EXPECT_STREQ(text, theirs) << format;
-        prints(ours, format, argument);
-    };
-    differs("0x00000000", "(nil)", "%p", static_cast<void*>(nullptr));
-    differs("0x00000001", "0x1", "%p", address(1));
-    differs("  0x12345678", "0x0012345678", "%012p", address(0x12345678));
-    differs("99999999999999991600000", "99999999999999991611392", "%.0f", 1e23);
-    differs("18446744073709879290", "18446744073709551616", "%.0f", 0x1p64);
 }
 
 TEST(format, agrees_with_the_c_library) {
@@ -260,7 +233,6 @@ TEST(format_float, rules) {
     const auto negative_nan = std::bit_cast<double>(0xfff8000000000000);
     prints("  inf|  inf|inf  | inf|+inf|-nan|  -nan", "%5f|%05f|%-5f|% f|%+.9f|%f|%06f", infinity, infinity,
            infinity, infinity, infinity, negative_nan, negative_nan);
-    prints("+0001.50| 0001.5|1.5    ", "%+08.2f|% 07.1f|%-07.1f", 1.5, 1.5, 1.5);
     prints("0." + std::string(323, '0') + "49406564584124655", "%.340f",
            std::bit_cast<double>(std::uint64_t{1}));
     prints("1 2.5 3", "%d %.1f %d", 1, 2.5, 3);  // an aligned argument between others
