@@ -4,7 +4,8 @@
 
 #include <cstdint>
 
-// In place of a setting's length: there is no such setting, or diagnostics could not start.
+// In place of a setting's length: there is no such setting, or there is no diagnostics, since it could not
+// start or since the process was forked from one that was printing.
 inline constexpr std::int32_t CDBG_ENV_ABSENT = -1;
 
 extern "C" {

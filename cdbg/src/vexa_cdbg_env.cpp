@@ -246,6 +246,14 @@ void cdbgp_env_term() {
     osup_d_mutex_term(&cdbgp_env_lock);
 }
 
+bool cdbgp_env_is_at_rest() {
+    if (pthread_mutex_trylock(&cdbgp_env_lock) != 0) {
+        return false;
+    }
+    pthread_mutex_unlock(&cdbgp_env_lock);
+    return true;
+}
+
 std::int32_t cdbg_env_get(const char* name, char* out, std::uint32_t out_size) {
     return cdbgp_init() == CDBGP_SUCCESS ? cdbgp_env_get(name, out, out_size) : CDBG_ENV_ABSENT;
 }

@@ -22,6 +22,9 @@ cdbgp_result cdbgp_env_init();
 // Takes the store down. For the start of diagnostics alone, where a later initialiser has failed.
 void cdbgp_env_term();
 
+// Whether no thread reads the store, as far as that can be told: in the child of a fork.
+bool cdbgp_env_is_at_rest();
+
 // cdbg_env_get without the start of diagnostics: the store must be there. Any thread may call it.
 std::int32_t cdbgp_env_get(const char* name, char* out, std::uint32_t out_size);
 

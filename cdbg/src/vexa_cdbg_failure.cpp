@@ -20,6 +20,9 @@ enum cdbgp_static_mutex : std::uint32_t {
 };
 
 constinit std::atomic<bool> cdbgp_init_done = false;
+constinit std::atomic<bool> cdbgp_fork_watched = false;
+// In the child of a fork: diagnostics was at work in another thread, and will never be done with it.
+constinit bool cdbgp_init_lost = false;
 constinit bool cdbgp_init_running = false;
 constinit pthread_t cdbgp_init_thread = {};
 
@@ -46,6 +49,34 @@ cdbgp_result run_initialisers() {
         }
     }
     return CDBGP_SUCCESS;
+}
+
+bool is_free(cdbgp_static_mutex index) {
+    pthread_mutex_t* const mutex = osup_mutex_static_get(index);
+    if (pthread_mutex_trylock(mutex) != 0) {
+        return false;
+    }
+    pthread_mutex_unlock(mutex);
+    return true;
+}
+
+// In the child of a fork, before anything else. A message that another thread was at in the parent stays
+// unfinished here: whoever waited for its slot or its locks would wait for ever. Such a child goes without
+// diagnostics; any other has it as its parent had. Nothing is asked of the parent, neither at its messages
+// nor at its forks, where locking everything beforehand would have it wait for its slowest stream.
+void go_without_if_at_work() {
+    const bool at_rest = is_free(CDBGP_STATIC_MUTEX_INIT) && is_free(CDBGP_STATIC_MUTEX_STATE) &&
+                         (!cdbgp_init_done.load() || (cdbgp_env_is_at_rest() && cdbgp_print_is_at_rest()));
+    if (!at_rest) {
+        cdbgp_init_lost = true;
+        cdbgp_init_done.store(false);
+    }
+}
+
+void watch_forks() {
+    if (!cdbgp_fork_watched.exchange(true) && pthread_atfork(nullptr, nullptr, go_without_if_at_work) != 0) {
+        cdbgp_fork_watched.store(false);  // the next one tries again
+    }
 }
 
 // What an initialiser prints through the ordinary operations is dropped: waiting for the end of start-up
@@ -76,6 +107,10 @@ cdbgp_result cdbgp_init() {
     if (cdbgp_init_done.load(std::memory_order_acquire)) {
         return CDBGP_SUCCESS;
     }
+    if (cdbgp_init_lost) {
+        return CDBGP_FAILURE;
+    }
+    watch_forks();
     if (is_starting_on_this_thread()) {
         return CDBGP_FAILURE;
     }

@@ -24,7 +24,7 @@ extern cdbgp_failure_record cdbgp_failure_state;
 //
 // Gives CDBGP_SUCCESS when diagnostics is up, otherwise the code of the initialiser that failed; the next
 // call tries again from the start. Gives CDBGP_FAILURE to an initialiser that calls it, for it would wait for
-// itself.
+// itself, and for good in the child of a fork that came while another thread was inside diagnostics.
 cdbgp_result cdbgp_init();
 
 // Makes cdbgp_failure_state. CDBGP_FAILURE when its mutex can't be made.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <string_view>
 
@@ -80,6 +81,11 @@ cdbgp_result cdbgp_print_init() {
 
 void cdbgp_print_term() {
     close_channels(CDBGP_CHANNEL_COUNT);
+}
+
+bool cdbgp_print_is_at_rest() {
+    return std::all_of(std::begin(cdbgp_channels), std::end(cdbgp_channels),
+                       [](cdbgp_channel& channel) { return cutils_ring_buffer_is_at_rest(&channel.ring); });
 }
 
 void cdbg_print_to_error_channel(const char* format, ...) {

@@ -41,6 +41,10 @@ extern cdbgp_channel cdbgp_channels[CDBGP_CHANNEL_COUNT];
 cdbgp_result cdbgp_print_init();
 void cdbgp_print_term();
 
+// Whether no thread is at a message of any channel, as far as that can be told: in the child of a fork. The
+// channels must be open.
+bool cdbgp_print_is_at_rest();
+
 // Prints a report under a header line straight to the platform log, for use when there are no channels. Needs
 // nothing of diagnostics, no lock and no heap. A message of more than 1023 bytes is cut. Any thread may call
 // it at any time.

@@ -116,3 +116,16 @@ void cutils_ring_buffer_read_unlock(cutils_ring_buffer* ring, cutils_ring_buffer
     unlock_slot(ring, slot, CUTILS_RING_BUFFER_READ, CUTILS_RING_BUFFER_FREE, ring->read_commit_lock,
                 ring->read_commit, ring->writable);
 }
+
+bool cutils_ring_buffer_is_at_rest(cutils_ring_buffer* ring) {
+    for (pthread_mutex_t* const lock : {&ring->write_commit_lock, &ring->read_commit_lock}) {
+        if (pthread_mutex_trylock(lock) != 0) {
+            return false;
+        }
+        pthread_mutex_unlock(lock);
+    }
+    // A slot on its way from one side to the other is counted on neither.
+    return static_cast<std::uint32_t>(ring->writable.load()) +
+               static_cast<std::uint32_t>(ring->readable.load()) ==
+           ring->entry_count;
+}

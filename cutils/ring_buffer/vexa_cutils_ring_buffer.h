@@ -103,4 +103,8 @@ cutils_ring_buffer_slot* cutils_ring_buffer_read_lock(cutils_ring_buffer* ring);
 void cutils_ring_buffer_write_unlock(cutils_ring_buffer* ring, cutils_ring_buffer_slot* slot);
 void cutils_ring_buffer_read_unlock(cutils_ring_buffer* ring, cutils_ring_buffer_slot* slot);
 
+// Whether no slot is held and no thread is inside one of the operations. Of use where no thread can be: in
+// the child of a fork, whose parent had other threads.
+bool cutils_ring_buffer_is_at_rest(cutils_ring_buffer* ring);
+
 }  // extern "C"
