@@ -22,18 +22,6 @@ namespace {
 
 constexpr std::size_t suggestion_count = 3;
 
-std::string unit_word(std::uint32_t unit) {
-    static const std::map<std::uint32_t, const char*> words{{hwc::unit_none, ""},
-                                                            {hwc::unit_byte, "byte"},
-                                                            {hwc::unit_pixel, "pixel"},
-                                                            {hwc::unit_percent, "percent"},
-                                                            {hwc::unit_primitive, "primitive"},
-                                                            {hwc::unit_fragment, "fragment"},
-                                                            {hwc::unit_instruction, "instruction"}};
-    const auto word = words.find(unit);
-    return word != words.end() ? word->second : "unit " + std::to_string(unit);
-}
-
 const std::string& block_of(const hwc::vexa_counter_descriptor& row) {
     const std::uint32_t id = row.dependencies.empty() ? row.id : row.dependencies.front();
     return block_names()[std::min<std::size_t>(id / hwc::counters_per_block, block_names().size() - 1)];
@@ -137,8 +125,8 @@ std::string block_of(std::uint32_t id, const std::string& name) {
 }
 
 std::string unit_text(std::uint32_t numerator, std::uint32_t denominator) {
-    const std::string above = unit_word(numerator);
-    const std::string below = unit_word(denominator);
+    const std::string above = hwc::unit_word(numerator);
+    const std::string below = hwc::unit_word(denominator);
     return below.empty() ? above : above.empty() ? "per " + below : above + "/" + below;
 }
 
