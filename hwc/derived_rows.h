@@ -259,7 +259,8 @@ inline constexpr std::tuple derived_rows{
         in("1-9", (FRAG_QUADS_EZS_KILL / FRAG_QUADS_RAST) * 100)),
     row("FPK killed quads", unit_none, selection::off,
         "This expression defines the number of quads removed by forward pixel kill, because an opaque quad "
-        "came to lie over them before they were shaded: \"Rasterized quads\" less \"Early ZS killed quads\" "
+        "came to lie on top of them before they were shaded: \"Rasterized quads\" less \"Early ZS killed "
+        "quads\" "
         "and less those that \"Fragment warps\" have room for. A high value suggests opaque objects drawn "
         "from back to front.",
         in("1, 2, 4, 5", quads_after_early_zs - FRAG_WARPS),

@@ -13,7 +13,7 @@ inline constexpr auto memory_system_rows = std::to_array<raw_row>({
      .hardware_name = "MMU_REQUESTS",
      .body = "This counter increments for every address translation that the main MMU is asked for by the "
              "micro-TLBs of the other units. A high value means that these find few translations "
-             "themselves, as happens when accesses are scattered over many pages."},
+             "themselves, as happens when accesses are scattered across many pages."},
     {.at = {{{133, all_tables}}},
      .name = "MMU L3 table read requests",
      .hardware_name = "MMU_TABLE_READS_L3",
@@ -54,7 +54,7 @@ inline constexpr auto memory_system_rows = std::to_array<raw_row>({
      .hardware_name = "MMU_S2_TABLE_READS_L2",
      .body = "This counter increments for every stage 2 lookup of the main MMU that reads a level 2 table "
              "entry from memory. With a hypervisor, a high value shows that the memory given to the GPU is "
-             "spread over many ranges of addresses."},
+             "spread across many ranges of addresses."},
     {.at = {{{140, tables("1-8")}}},
      .name = "MMU stage 2 L3 lookup TLB hits",
      .hardware_name = "MMU_S2_HIT_L3",
@@ -185,7 +185,7 @@ inline constexpr auto memory_system_rows = std::to_array<raw_row>({
     {.at = {{{160, all_tables}}},
      .name = "Output external read beats",
      .hardware_name = "L2_EXT_READ_BEATS",
-     .body = "This counter increments for every data beat that is read over the external memory bus. "
+     .body = "This counter increments for every data beat that is read through the external memory bus. "
              "Multiplied by \"External bus beat size\" it is the read bandwidth, which is shown as \"Output "
              "external read bytes\"."},
     {.at = {{{161, all_tables}}},
@@ -280,7 +280,7 @@ inline constexpr auto memory_system_rows = std::to_array<raw_row>({
     {.at = {{{175, all_tables}}},
      .name = "Output external write beats",
      .hardware_name = "L2_EXT_WRITE_BEATS",
-     .body = "This counter increments for every data beat that is written over the external memory bus. "
+     .body = "This counter increments for every data beat that is written through the external memory bus. "
              "Multiplied by \"External bus beat size\" it is the write bandwidth, which is shown as "
              "\"Output external write bytes\"."},
     {.at = {{{176, all_tables}}},

@@ -16,8 +16,8 @@ inline constexpr std::string_view warp_size_8_note =
 inline constexpr std::string_view warp_size_16_note =
     "Note that the warp size varies between Vexa devices, this GPU has a warp size of 16 threads.";
 inline constexpr std::string_view tiles_16x16_note =
-    "Tiles are normally 16x16 pixels in size; a tile gets smaller when many bits per pixel of the tile "
-    "buffer are used.";
+    "Tiles are normally 16x16 pixels in size; a tile gets smaller when each pixel takes many bits of the "
+    "tile buffer.";
 inline constexpr std::string_view tiles_16x16_up_to_128_bits_note =
     "Tiles are normally 16x16 pixels in size; a tile gets smaller when more than 128 bits per pixel of the "
     "tile buffer are used.";
@@ -25,8 +25,8 @@ inline constexpr std::string_view tiles_16x16_up_to_256_bits_note =
     "Tiles are normally 16x16 pixels in size; a tile gets smaller when more than 256 bits per pixel of the "
     "tile buffer are used.";
 inline constexpr std::string_view tiles_32x32_note =
-    "Tiles are normally 32x32 pixels in size; a tile gets smaller when many bits per pixel of the tile "
-    "buffer are used.";
+    "Tiles are normally 32x32 pixels in size; a tile gets smaller when each pixel takes many bits of the "
+    "tile buffer.";
 
 // The bodies of those rows.
 inline constexpr std::string_view fragment_warps_body =
@@ -555,7 +555,7 @@ inline constexpr auto shader_core_rows = std::to_array<raw_row>({
      .hardware_name = "LS_MEM_ATOMIC",
      .body = "This counter increments for every atomic access that the load/store unit issues. Atomic "
              "operations on one address have to follow each other, so a high value can hold up the whole "
-             "unit; reduce within a work group first, or spread the updates over several addresses.",
+             "unit; reduce within a work group first, or spread the updates across several addresses.",
      .selected = selection::by_default},
     {.at = {{{241, all_tables}}},
      .name = "Varying instructions",

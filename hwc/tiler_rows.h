@@ -88,7 +88,7 @@ inline constexpr auto tiler_rows = std::to_array<raw_row>({
      .hardware_name = "BIN_ALLOC_INIT",
      .body = "This counter increments for every first allocation of memory to the tile list of a bin. The "
              "value rises with the number of bins that receive any primitive, so it depends on the size of "
-             "the render target and on the spread of the geometry over it."},
+             "the render target and on the spread of the geometry across it."},
     {.at = {{{80, all_tables}}},
      .name = "Tile list overflow allocations",
      .hardware_name = "BIN_ALLOC_OVERFLOW",
@@ -98,7 +98,7 @@ inline constexpr auto tiler_rows = std::to_array<raw_row>({
     {.at = {{{81, all_tables}}},
      .name = "Output internal read beats",
      .hardware_name = "BUS_READ",
-     .body = "This counter increments for every data beat that the tiler reads over the internal bus from "
+     .body = "This counter increments for every data beat that the tiler reads through the internal bus from "
              "the L2 cache. Reads fetch indices, positions and the tiler's own data, so large index buffers "
              "and a poor reuse of vertices raise the value."},
     {.at = {{{82, tables("7-9")}}},
@@ -110,7 +110,7 @@ inline constexpr auto tiler_rows = std::to_array<raw_row>({
     {.at = {{{83, tables("1-6")}}},
      .name = "Internal write beats",
      .hardware_name = "BUS_WRITE",
-     .body = "This counter increments for every data beat that the tiler writes over the internal bus to "
+     .body = "This counter increments for every data beat that the tiler writes through the internal bus to "
              "the L2 cache. Most of this traffic is tile lists, so that the value rises with the number of "
              "visible primitives and with the number of bins that each one touches."},
     {.at = {{{83, tables("7-9")}}},
@@ -250,7 +250,7 @@ inline constexpr auto tiler_rows = std::to_array<raw_row>({
      .hardware_name = "BINNER_STALL",
      .body = "This counter increments every clock cycle in which the tile binning unit has output ready, "
              "but the tile iterator is still busy with earlier primitives. A high value suggests primitives "
-             "that spread over many tiles."},
+             "that spread across many tiles."},
     {.at = {{{104, all_tables}}},
      .name = "Compressor busy stall cycles",
      .hardware_name = "ITER_STALL",
@@ -326,7 +326,7 @@ inline constexpr auto tiler_rows = std::to_array<raw_row>({
      .name = "Write buffer misses",
      .hardware_name = "WRBUF_MISS",
      .body = "This counter increments for every write to the write buffer that needs a new line. A high "
-             "value relative to \"Write buffer hits\" suggests tile list writes that are scattered over "
+             "value relative to \"Write buffer hits\" suggests tile list writes that are scattered across "
              "memory."},
     {.at = {{{117, all_tables}}},
      .name = "Write buffer no free line stall cycles",
@@ -357,7 +357,7 @@ inline constexpr auto tiler_rows = std::to_array<raw_row>({
      .hardware_name = "UTLB0_TRANS_HIT",
      .body = "This counter increments for every lookup in micro-TLB 0 of the tiler that finds its "
              "translation. If it falls well below \"UTLB0 lookup requests\", the accesses of this port are "
-             "spread over many pages."},
+             "spread across many pages."},
     {.at = {{{122, tables("7-9")}}},
      .name = "UTLB0 lookup cache full stall cycles",
      .hardware_name = "UTLB0_TRANS_STALL",
@@ -417,7 +417,7 @@ inline constexpr auto tiler_rows = std::to_array<raw_row>({
      .hardware_name = "UTLB_MMU_REQ",
      .body = "This counter increments for every lookup that the only micro-TLB of the tiler sends to the "
              "main MMU, because it holds no translation for the address. A high value suggests vertex, "
-             "index or tile list data that is spread over many pages."},
+             "index or tile list data that is spread across many pages."},
     {.at = {{{127, tables("7-9")}}},
      .name = "Main MMU lookup requests",
      .hardware_name = "UTLB1_MMU_REQ",
