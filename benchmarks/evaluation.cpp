@@ -12,7 +12,6 @@
 #include "hwc/derived_rows.h"
 #include "hwc/hwc_names.h"
 #include "hwc/profiler.h"
-#include "hwc/raw_rows.h"
 
 namespace {
 
@@ -94,8 +93,7 @@ using evaluator_list = std::vector<hwc::counter_evaluator*>;
 template <typename Variant, const Variant& variant>
 void add_variant(evaluator_list& result) {
     if constexpr (variant.tables.contains(table)) {
-        constexpr auto resolved = undirected(
-            hwc::resolve([](std::string_view name) { return hwc::id_in_table(table, name); }, variant.value));
+        constexpr auto resolved = undirected(hwc::resolve<table>(variant.value));
         result.push_back(evaluate_directly<resolved>);
     }
 }

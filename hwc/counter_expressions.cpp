@@ -10,26 +10,20 @@
 namespace qel::vexa::hwc {
 
 std::map<std::uint32_t, std::string> counter_expressions(unsigned table) {
-    std::map<std::uint32_t, std::string> result{{gpu_cycles_id, text_of(operands::GPU_CYCLES)}};
-    const auto add_raw = [&](const auto& rows) {
-        for (const raw_row& row : rows) {
-            if (const std::optional<std::uint32_t> id = row.id_in(table)) {
-                result.emplace(*id, row.hardware_name);
-            }
+    std::map<std::uint32_t, std::string> result{{gpu_cycles_id, text_of(operands::GPU_CYCLES, table)}};
+    for_each_raw_row([&](const raw_row& row) {
+        if (const std::optional<std::uint32_t> id = row.id_in(table)) {
+            result.emplace(*id, row.hardware_name);
         }
-    };
-    add_raw(job_manager_rows);
-    add_raw(tiler_rows);
-    add_raw(memory_system_rows);
-    add_raw(shader_core_rows);
-
-    std::uint32_t next_id = first_derived_id;
-    const auto add_variant = [&](const auto& variant) {
-        if (variant.tables.contains(table)) {
-            result.emplace(next_id++, text_of(variant.value));
-        }
-    };
+    });
+    std::size_t row_index = 0;
     const auto add_row = [&](const auto& row) {
+        const std::uint32_t id = derived_id(table, row_index++);
+        const auto add_variant = [&](const auto& variant) {
+            if (variant.tables.contains(table)) {
+                result.emplace(id, text_of(variant.value, table));
+            }
+        };
         std::apply([&](const auto&... variants) { (add_variant(variants), ...); }, row.variants);
     };
     std::apply([&](const auto&... rows) { (add_row(rows), ...); }, derived_rows);

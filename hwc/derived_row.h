@@ -38,6 +38,22 @@ struct derived_row {
     selection selected;
     std::string_view body;  // the description, up to what the variant adds
     std::tuple<Variants...> variants;
+
+    constexpr table_set tables() const {
+        return std::apply([](const auto&... variant) { return (variant.tables | ...); }, variants);
+    }
+    // Named, described in each table, and no table in two variants.
+    constexpr bool is_sound() const {
+        table_set before;
+        const auto add = [&](const auto& variant) {
+            const bool sound = !variant.tables.empty() && !variant.tables.overlaps(before) &&
+                               !(body.empty() && variant.text.empty());
+            before = before | variant.tables;
+            return sound;
+        };
+        return *name != '\0' &&
+               std::apply([&](const auto&... variant) { return (add(variant) && ...); }, variants);
+    }
 };
 
 constexpr units per(measure_unit numerator, measure_unit denominator) {

@@ -4,11 +4,16 @@
 // the first derived one on.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <tuple>
 
 #include "hwc/derived_row.h"
 #include "hwc/operands.h"
 #include "hwc/shader_core_rows.h"
+#include "hwc/table_set.h"
 
 namespace qel::vexa::hwc {
 
@@ -21,12 +26,10 @@ inline constexpr auto culled_primitives = (PRIM_CLIPPED + PRIM_CULLED) + PRIM_SA
 inline constexpr auto input_primitives = culled_primitives + PRIM_VISIBLE;
 inline constexpr auto quads_after_early_zs = FRAG_QUADS_RAST - FRAG_QUADS_EZS_KILL;
 inline constexpr auto all_warps = FRAG_WARPS + COMPUTE_WARPS;
-template <unsigned warp_size>
-inline constexpr auto fragment_threads = (FRAG_WARPS * warp_size);
-template <unsigned warp_size>
-inline constexpr auto compute_threads = (COMPUTE_WARPS * warp_size);
-template <unsigned warp_size>
-inline constexpr auto fragment_quads = fragment_threads<warp_size> * 0.25;
+inline constexpr auto fragment_threads = FRAG_WARPS * WARP_SIZE;
+inline constexpr auto compute_threads = COMPUTE_WARPS * WARP_SIZE;
+inline constexpr auto fragment_quads = fragment_threads * 0.25;
+inline constexpr auto fragments_per_pixel = fragment_threads / (FRAG_PTILES * 256);
 inline constexpr auto arithmetic_issues = (EXEC_INSTR_CVT + EXEC_INSTR_FMA) + EXEC_INSTR_SFU;
 inline constexpr auto texture_filter_utilization = (TEX_FILT_NUM_OPERATIONS / EXEC_CORE_ACTIVE) * 100;
 inline constexpr auto texture_coordinate_utilization = (TEX_COORD_ISSUE / EXEC_CORE_ACTIVE) * 100;
@@ -219,20 +222,18 @@ inline constexpr std::tuple derived_rows{
         "This expression defines the number of quads for which fragment shading starts: a quarter of the "
         "threads that \"Fragment warps\" have room for. Room that is left empty counts too. Compared with "
         "\"Rasterized quads\", a low value shows that early ZS testing and forward pixel kill remove much.",
-        in("3, 6", fragment_quads<8>), in("7-9", fragment_quads<16>)),
+        in("3, 6-9", fragment_quads)),
     row("Fragment threads", unit_none, selection::off,
         "This expression defines the number of fragment threads started: \"Fragment warps\" times the number "
         "of threads in a warp. Threads for uncovered pixels and empty quads of a warp are included. A high "
         "value beside few pixels shows overdraw or a dense mesh of small triangles.",
-        in("1, 2, 4, 5", fragment_threads<4>), in("3, 6", fragment_threads<8>),
-        in("7-9", fragment_threads<16>)),
+        in("1-9", fragment_threads)),
     row("Fragment cycles per thread", unit_none, selection::by_default,
         "This expression defines the average number of \"Fragment active cycles\" for each fragment thread "
         "started. It is a measure of throughput and not of the latency of one thread, since many run at the "
         "same time. A high value suggests complex shaders, or threads held up by texture and memory "
         "accesses.",
-        in("1, 2, 4, 5", FRAG_ACTIVE / fragment_threads<4>), in("3, 6", FRAG_ACTIVE / fragment_threads<8>),
-        in("7-9", FRAG_ACTIVE / fragment_threads<16>)),
+        in("1-9", FRAG_ACTIVE / fragment_threads)),
     row("Partial coverage rate", unit_percent, selection::by_default, {},
         in("1-6", (FRAG_PARTIAL_WARPS / FRAG_WARPS) * 100,
            "This expression defines the percentage of \"Fragment warps\" that contain at least one thread "
@@ -264,16 +265,14 @@ inline constexpr std::tuple derived_rows{
         "and less those that \"Fragment warps\" have room for. A high value suggests opaque objects drawn "
         "from back to front.",
         in("1, 2, 4, 5", quads_after_early_zs - FRAG_WARPS),
-        in("3, 6", quads_after_early_zs - fragment_quads<8>),
-        in("7-9", quads_after_early_zs - fragment_quads<16>)),
+        in("3, 6-9", quads_after_early_zs - fragment_quads)),
     row("FPK killed quad percentage", unit_percent, selection::by_default,
         "This expression defines the percentage of \"Rasterized quads\" that forward pixel kill removes, "
         "where \"Early ZS killed quads\" and the quads in \"Fragment warps\" account for the rest. It saves "
         "shading of hidden surfaces, but a high value suggests to draw opaque objects from front to back, "
         "which lets early ZS testing kill them at lower cost.",
         in("1, 2, 4, 5", ((quads_after_early_zs - FRAG_WARPS) / FRAG_QUADS_RAST) * 100),
-        in("3, 6", ((quads_after_early_zs - fragment_quads<8>) / FRAG_QUADS_RAST) * 100),
-        in("7-9", ((quads_after_early_zs - fragment_quads<16>) / FRAG_QUADS_RAST) * 100)),
+        in("3, 6-9", ((quads_after_early_zs - fragment_quads) / FRAG_QUADS_RAST) * 100)),
     row("Late ZS tested quad percentage", unit_percent, selection::by_default,
         "This expression defines the percentage of \"Rasterized quads\" that are tested against depth and "
         "stencil after shading. A low value is best. A high value suggests shaders that discard pixels or "
@@ -288,12 +287,10 @@ inline constexpr std::tuple derived_rows{
         "This expression defines the average number of fragment threads started for each pixel rendered. A "
         "value well above 1 shows overdraw, from layers that overlap or from partly covered quads. Each of "
         "the \"Tiles\" counts as 256 pixels, whatever its size.",
-        in("1, 2", fragment_threads<4> / (FRAG_PTILES * 256), tiles_16x16_note),
-        in("4", fragment_threads<4> / (FRAG_PTILES * 256), tiles_16x16_up_to_128_bits_note),
-        in("5", fragment_threads<4> / (FRAG_PTILES * 256), tiles_16x16_up_to_256_bits_note),
-        in("3, 6", fragment_threads<8> / (FRAG_PTILES * 256), tiles_16x16_note),
-        in("7, 8", fragment_threads<16> / (FRAG_PTILES * 256), tiles_16x16_note),
-        in("9", fragment_threads<16> / (FRAG_PTILES * 256), tiles_32x32_note)),
+        in("1-3, 6-8", fragments_per_pixel, tiles_16x16_note),
+        in("4", fragments_per_pixel, tiles_16x16_up_to_128_bits_note),
+        in("5", fragments_per_pixel, tiles_16x16_up_to_256_bits_note),
+        in("9", fragments_per_pixel, tiles_32x32_note)),
     row("Unchanged tile kill rate", unit_percent, selection::by_default, {},
         in("1-8", (FRAG_TRANS_ELIM / FRAG_PTILES) * 100,
            "This expression defines the percentage of \"Tiles\" that are not written to memory, because "
@@ -326,13 +323,12 @@ inline constexpr std::tuple derived_rows{
         "the number of threads in a warp. Warps that are not full count as if they were. A high value shows "
         "much vertex or compute work; compare it with the size of draws and dispatches to find unused "
         "threads.",
-        in("1, 2, 4, 5", compute_threads<4>), in("3, 6", compute_threads<8>), in("7-9", compute_threads<16>)),
+        in("1-9", compute_threads)),
     row("Non-fragment cycles per thread", unit_none, selection::by_default,
         "This expression defines the average number of \"Non-fragment active cycles\" for each non-fragment "
         "thread started. It is a measure of throughput, since many threads run at the same time. A high "
         "value suggests complex vertex or compute shaders, or memory accesses with poor locality.",
-        in("1, 2, 4, 5", COMPUTE_ACTIVE / compute_threads<4>),
-        in("3, 6", COMPUTE_ACTIVE / compute_threads<8>), in("7-9", COMPUTE_ACTIVE / compute_threads<16>)),
+        in("1-9", COMPUTE_ACTIVE / compute_threads)),
     row("Execution core utilization", unit_percent, selection::by_default, {},
         in("1-7", (EXEC_CORE_ACTIVE / GPU_ACTIVE) * 100,
            "This expression defines the percentage of \"GPU active cycles\" in which the execution core "
@@ -641,5 +637,16 @@ inline constexpr std::tuple derived_rows{
 }  // namespace expressions
 
 using expressions::derived_rows;
+
+inline constexpr auto tables_of_derived_rows =
+    std::apply([](const auto&... rows) { return std::array{rows.tables()...}; }, derived_rows);
+
+// The id of a row in a table that has it. With the number of all rows: the id behind the table's last.
+constexpr std::uint32_t derived_id(unsigned table, std::size_t row_index) {
+    const auto first = tables_of_derived_rows.begin();
+    return first_derived_id +
+           static_cast<std::uint32_t>(std::count_if(
+               first, first + row_index, [table](table_set tables) { return tables.contains(table); }));
+}
 
 }  // namespace qel::vexa::hwc

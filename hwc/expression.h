@@ -17,7 +17,9 @@
 
 #include "hwc/counter_descriptor.h"
 #include "hwc/profiler.h"
+#include "hwc/raw_rows.h"
 #include "hwc/saturating_double.h"
+#include "hwc/table_set.h"
 
 namespace qel::vexa::hwc {
 
@@ -76,6 +78,9 @@ struct number_constant : expression_base {
     }
 };
 
+// The number of threads in a warp, before it is known for which table.
+struct warp_size_constant : expression_base {};
+
 enum class operation { add, subtract, multiply, divide, maximum };
 
 template <operation op, expression Left, expression Right>
@@ -121,19 +126,24 @@ constexpr auto max(expression auto a, expression auto b) {
     return binary<operation::maximum, decltype(a), decltype(b)>(a, b);
 }
 
-// The expression with its hardware names replaced by the ids that id_of(name) gives.
-template <typename IdOf, typename Expression>
-constexpr auto resolve(IdOf /*id_of*/, Expression e) {
-    return e;
+// The expression as it is in one table: with ids for hardware names. A name that the table lacks does not
+// compile.
+template <unsigned table>
+constexpr auto resolve(expression auto constant) {
+    return constant;
 }
-template <typename IdOf, constant_text name>
-constexpr auto resolve(IdOf id_of, named_counter<name> /*counter*/) {
-    return counter_operand(id_of(name.view()));
+template <unsigned table>
+constexpr auto resolve(warp_size_constant /*size*/) {
+    return number_constant(warp_sizes[table - 1]);
 }
-template <typename IdOf, operation op, typename Left, typename Right>
-constexpr auto resolve(IdOf id_of, binary<op, Left, Right> e) {
-    const auto left = resolve(id_of, e.left);
-    const auto right = resolve(id_of, e.right);
+template <unsigned table, constant_text name>
+constexpr auto resolve(named_counter<name> /*counter*/) {
+    return counter_operand(id_in_table(table, name.view()));
+}
+template <unsigned table, operation op, typename Left, typename Right>
+constexpr auto resolve(binary<op, Left, Right> e) {
+    const auto left = resolve<table>(e.left);
+    const auto right = resolve<table>(e.right);
     return binary<op, std::remove_const_t<decltype(left)>, std::remove_const_t<decltype(right)>>(left, right);
 }
 

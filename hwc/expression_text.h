@@ -1,5 +1,5 @@
 // The written form of expressions, for people who read them. It follows from the expression's type, as its
-// evaluation does.
+// evaluation does. The table, counted from 1, decides on the warp size alone.
 #pragma once
 
 #include <cstdio>
@@ -15,26 +15,29 @@ template <typename Operand>
 using operand_type = std::remove_const_t<Operand>;
 
 template <constant_text name>
-std::string text_of(named_counter<name> /*counter*/) {
+std::string text_of(named_counter<name> /*counter*/, unsigned /*table*/) {
     return std::string(name.view());
 }
 // Before names have become ids, the cycle count is the only counter that has an id.
-inline std::string text_of(operand_type<decltype(operands::GPU_CYCLES)> /*counter*/) {
+inline std::string text_of(operand_type<decltype(operands::GPU_CYCLES)> /*counter*/, unsigned /*table*/) {
     return "GPU_CYCLES";
 }
-inline std::string text_of(operand_type<decltype(operands::BUS_WIDTH)> /*constant*/) {
+inline std::string text_of(operand_type<decltype(operands::BUS_WIDTH)> /*constant*/, unsigned /*table*/) {
     return "BUS_WIDTH";
 }
-inline std::string text_of(operand_type<decltype(operands::L2_SLICES)> /*constant*/) {
+inline std::string text_of(operand_type<decltype(operands::L2_SLICES)> /*constant*/, unsigned /*table*/) {
     return "L2_SLICES";
 }
-inline std::string text_of(operand_type<decltype(operands::SHADER_CORES)> /*constant*/) {
+inline std::string text_of(operand_type<decltype(operands::SHADER_CORES)> /*constant*/, unsigned /*table*/) {
     return "SHADER_CORES";
 }
-inline std::string text_of(number_constant number) {
+inline std::string text_of(number_constant number, unsigned /*table*/) {
     char text[32];
     std::snprintf(text, sizeof text, "%.12g", number.quarters / 4.0);  // any number of quarters in full
     return text;
+}
+inline std::string text_of(warp_size_constant /*size*/, unsigned table) {
+    return std::to_string(warp_sizes[table - 1]);
 }
 
 // How tightly the outermost step of an expression binds its operands.
@@ -67,16 +70,16 @@ constexpr const char* symbol_of(operation op) {
 // With no more parentheses than its order of evaluation needs, when steps that bind equally are taken from
 // left to right. Steps are rounded one by one, so "a + (b + c)" keeps its parentheses.
 template <operation op, typename Left, typename Right>
-std::string text_of(const binary<op, Left, Right>& e) {
+std::string text_of(const binary<op, Left, Right>& e, unsigned table) {
     const auto enclosed_if = [](bool enclose, const std::string& text) {
         return enclose ? "(" + text + ")" : text;
     };
     if constexpr (op == operation::maximum) {
-        return "max(" + text_of(e.left) + symbol_of(op) + text_of(e.right) + ")";
+        return "max(" + text_of(e.left, table) + symbol_of(op) + text_of(e.right, table) + ")";
     } else {
         constexpr binding own = binding_of<binary<op, Left, Right>>;
-        return enclosed_if(binding_of<Left> < own, text_of(e.left)) + symbol_of(op) +
-               enclosed_if(binding_of<Right> <= own, text_of(e.right));
+        return enclosed_if(binding_of<Left> < own, text_of(e.left, table)) + symbol_of(op) +
+               enclosed_if(binding_of<Right> <= own, text_of(e.right, table));
     }
 }
 

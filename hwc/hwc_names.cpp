@@ -34,13 +34,17 @@ struct block_list {
             rows.begin(), rows.end(), [table](const raw_row& row) { return row.id_in(table).has_value(); }));
     }
 
-    // Every id lies in the block, behind the four words that no counter has, and stands once in a table.
+    // A row stands once in a table. Every id lies in the block, behind the four words that no counter has,
+    // and stands once in a table.
     static constexpr bool ids_are_sound() {
         constexpr std::uint32_t first_id = static_cast<std::uint32_t>(which) * counters_per_block;
         constexpr std::uint32_t words_without_counter = 4;
         for (unsigned table = 1; table <= table_count; ++table) {
             std::array<bool, counters_per_block> seen{};
             for (const raw_row& row : rows) {
+                if (row.at[0].tables.overlaps(row.at[1].tables)) {
+                    return false;
+                }
                 const std::optional<std::uint32_t> id = row.id_in(table);
                 if (!id) {
                     continue;
@@ -61,7 +65,7 @@ struct block_list {
             if (const std::optional<std::uint32_t> id = rows[i].id_in(table)) {
                 result.insert({.id = *id,
                                .name = rows[i].name,
-                               .description = descriptions[i],
+                               .description = descriptions.of(i, table),
                                .numerator_units = rows[i].unit,
                                .denominator_units = unit_none,
                                .select_by_default = rows[i].selected == selection::by_default,
@@ -76,6 +80,23 @@ using job_manager = block_list<block::job_manager, job_manager_rows>;
 using tiler = block_list<block::tiler, tiler_rows>;
 using memory_system = block_list<block::memory_system, memory_system_rows>;
 using shader_core = block_list<block::shader_core, shader_core_rows>;
+
+// No table has two rows with one hardware name.
+constexpr bool hardware_names_are_unique() {
+    bool unique = true;
+    for_each_raw_row([&](const raw_row& row) {
+        table_set with_this_name;
+        for_each_raw_row([&](const raw_row& other) {
+            if (other.hardware_name.size() == row.hardware_name.size() &&
+                other.hardware_name == row.hardware_name) {
+                unique = unique && !other.tables().overlaps(with_this_name);
+                with_this_name = with_this_name | other.tables();
+            }
+        });
+    });
+    return unique;
+}
+static_assert(hardware_names_are_unique());
 
 // A row of the derived list, and one of its variants, by their places.
 template <std::size_t row_index>
@@ -105,19 +126,18 @@ template <std::size_t row_index, std::size_t variant_index>
 constexpr auto joined_text = join_text<row_index, variant_index>();
 
 template <unsigned table, std::size_t row_index, std::size_t variant_index>
-void add_variant(counter_table& result, std::uint32_t& next_id) {
+void add_variant(counter_table& result) {
     constexpr const auto& row = derived_row_at<row_index>();
     constexpr const auto& variant = variant_at<row_index, variant_index>();
     if constexpr (variant.tables.contains(table)) {
-        constexpr auto resolved =
-            resolve([](std::string_view name) { return id_in_table(table, name); }, variant.value);
+        constexpr auto resolved = resolve<table>(variant.value);
         constexpr operand_ids dependencies = [](const auto& expression) {
             operand_ids found;
             collect_ids(expression, found);
             return found;
         }(resolved);
         result.insert(
-            {.id = next_id++,
+            {.id = derived_id(table, row_index),
              .name = row.name,
              .description = joined_text<row_index, variant_index>.data(),
              .numerator_units = row.in_units.numerator,
@@ -128,38 +148,17 @@ void add_variant(counter_table& result, std::uint32_t& next_id) {
     }
 }
 
-template <std::size_t row_index>
-using variant_indices = std::make_index_sequence<
-    std::tuple_size_v<std::remove_cvref_t<decltype(derived_row_at<row_index>().variants)>>>;
-using derived_indices = std::make_index_sequence<std::tuple_size_v<decltype(derived_rows)>>;
-
-template <std::size_t row_index, std::size_t... variants>
-constexpr std::size_t variants_in(unsigned table, std::index_sequence<variants...> /*all*/) {
-    return (std::size_t{variant_at<row_index, variants>().tables.contains(table)} + ...);
-}
-template <std::size_t... rows>
-constexpr std::size_t derived_rows_in(unsigned table, std::index_sequence<rows...> /*all*/) {
-    return (variants_in<rows>(table, variant_indices<rows>()) + ...);
-}
-template <std::size_t... rows>
-constexpr bool variants_exclude_each_other(std::index_sequence<rows...> /*all*/) {
-    for (unsigned table = 1; table <= table_count; ++table) {
-        if (((variants_in<rows>(table, variant_indices<rows>()) > 1) || ...)) {
-            return false;
-        }
-    }
-    return true;
-}
-static_assert(variants_exclude_each_other(derived_indices()));
-
 template <unsigned table, std::size_t row_index, std::size_t... variants>
-void add_row(counter_table& result, std::uint32_t& next_id, std::index_sequence<variants...> /*all*/) {
-    (add_variant<table, row_index, variants>(result, next_id), ...);
+void add_row(counter_table& result, std::index_sequence<variants...> /*all*/) {
+    (add_variant<table, row_index, variants>(result), ...);
 }
 template <unsigned table, std::size_t... rows>
 void add_derived(counter_table& result, std::index_sequence<rows...> /*all*/) {
-    std::uint32_t next_id = first_derived_id;
-    (add_row<table, rows>(result, next_id, variant_indices<rows>()), ...);
+    static_assert((derived_row_at<rows>().is_sound() && ...));
+    (add_row<table, rows>(
+         result, std::make_index_sequence<
+                     std::tuple_size_v<std::remove_cvref_t<decltype(derived_row_at<rows>().variants)>>>()),
+     ...);
 }
 
 // How many rows each table has. The lists must come out at these numbers.
@@ -184,9 +183,10 @@ constexpr std::array<table_size, table_count> table_sizes{{
 }};
 constexpr bool sizes_are_right() {
     for (unsigned table = 1; table <= table_count; ++table) {
-        if (table_sizes[table - 1] != table_size{job_manager::rows_in(table), tiler::rows_in(table),
-                                                 memory_system::rows_in(table), shader_core::rows_in(table),
-                                                 derived_rows_in(table, derived_indices())}) {
+        if (table_sizes[table - 1] !=
+            table_size{job_manager::rows_in(table), tiler::rows_in(table), memory_system::rows_in(table),
+                       shader_core::rows_in(table),
+                       derived_id(table, tables_of_derived_rows.size()) - first_derived_id}) {
             return false;
         }
     }
@@ -210,13 +210,13 @@ counter_table build_table() {
                    .select_by_default = false,
                    .dependencies = {},
                    .evaluator = nullptr});
-    add_derived<table>(result, derived_indices());
+    add_derived<table>(result, std::make_index_sequence<tables_of_derived_rows.size()>());
     return result;
 }
 
 // The table of each product, by the product's number.
-constexpr std::array<unsigned, hardware::product_count> table_of_product{1, 2, 3, 7, 8, 4, 5,
-                                                                         6, 7, 8, 9, 9, 9, 9};
+constexpr auto table_of_product = std::to_array<unsigned>({1, 2, 3, 7, 8, 4, 5, 6, 7, 8, 9, 9, 9, 9});
+static_assert(table_of_product.size() == hardware::product_count);
 
 }  // namespace
 

@@ -9,6 +9,7 @@ inline constexpr counter_operand GPU_CYCLES(gpu_cycles_id);
 inline constexpr gpu_constant<&profiler::bus_width_bytes> BUS_WIDTH;
 inline constexpr gpu_constant<&profiler::l2_slice_count> L2_SLICES;
 inline constexpr gpu_constant<&profiler::shader_core_count> SHADER_CORES;
+inline constexpr warp_size_constant WARP_SIZE;
 
 // A hardware counter has the same name in the lists of raw rows, which say what its id is in each table. A
 // macro, so that the name stands once.

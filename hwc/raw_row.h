@@ -1,6 +1,7 @@
 // The form of the raw counters' lists, one list for each hardware block.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -35,6 +36,7 @@ struct raw_row {
     selection selected = selection::off;
     std::string_view note = {};  // a further sentence, for rows that differ between tables in just that
 
+    constexpr table_set tables() const { return at[0].tables | at[1].tables; }
     // The row's id in a table, or nothing when the table does not hold it.
     constexpr std::optional<std::uint32_t> id_in(unsigned table) const {
         for (const placement& place : at) {
@@ -63,12 +65,24 @@ constexpr std::string_view closing_sentence(block b) {
     return {};
 }
 
-// Calls take(piece) for each piece of a row's description, in order.
-constexpr void for_each_piece(const raw_row& row, block b, auto take) {
+// A note that the number of threads in a warp completes, in the place of the mark.
+inline constexpr char warp_size_mark = '#';
+inline constexpr std::string_view warp_size_note =
+    "Note that the warp size varies between Vexa devices, this GPU has a warp size of # threads.";
+
+// Calls take(piece) for each piece of a row's description in a table, in order.
+constexpr void for_each_piece(const raw_row& row, block b, unsigned table, auto take) {
     take(row.body);
     if (!row.note.empty()) {
         take(std::string_view(" "));
-        take(row.note);
+        const std::size_t mark = row.note.find(warp_size_mark);
+        take(row.note.substr(0, mark));
+        if (mark != std::string_view::npos) {
+            const unsigned size = warp_sizes[table - 1];
+            const char digits[] = {static_cast<char>('0' + size / 10), static_cast<char>('0' + size % 10)};
+            take(std::string_view(digits, 2).substr(size < 10 ? 1 : 0));
+            take(row.note.substr(mark + 1));
+        }
     }
     take(std::string_view(" Hardware name: "));
     take(row.hardware_name);
@@ -76,12 +90,23 @@ constexpr void for_each_piece(const raw_row& row, block b, auto take) {
     take(closing_sentence(b));
 }
 
+// The first table in which the row's description is the same as in this one.
+constexpr unsigned first_table_like(const raw_row& row, unsigned table) {
+    const bool tells_warp_size = row.note.find(warp_size_mark) != std::string_view::npos;
+    const auto* const same_size = std::find(warp_sizes.begin(), warp_sizes.end(), warp_sizes[table - 1]);
+    return tells_warp_size ? static_cast<unsigned>(same_size - warp_sizes.begin()) + 1 : 1;
+}
+
 template <const auto& rows, block b>
 consteval std::size_t description_size() {
     std::size_t size = 0;
     for (const raw_row& row : rows) {
-        for_each_piece(row, b, [&size](std::string_view piece) { size += piece.size(); });
-        ++size;  // the terminator
+        for (unsigned table = 1; table <= table_count; ++table) {
+            if (first_table_like(row, table) == table) {
+                for_each_piece(row, b, table, [&size](std::string_view piece) { size += piece.size(); });
+                ++size;  // the terminator
+            }
+        }
     }
     return size;
 }
@@ -89,10 +114,13 @@ consteval std::size_t description_size() {
 // The full descriptions of a list's rows: one constant text, and where each row's part of it begins.
 template <std::size_t row_count, std::size_t text_size>
 struct description_texts {
-    std::array<std::uint32_t, row_count> begins{};
+    static_assert(text_size <= UINT16_MAX);
+    std::array<std::array<std::uint16_t, table_count>, row_count> begins{};
     std::array<char, text_size> text{};
 
-    constexpr const char* operator[](std::size_t row) const { return text.data() + begins[row]; }
+    constexpr const char* of(std::size_t row, unsigned table) const {
+        return text.data() + begins[row][table - 1];
+    }
 };
 
 template <const auto& rows, block b>
@@ -100,13 +128,20 @@ consteval auto describe() {
     description_texts<rows.size(), description_size<rows, b>()> result;
     std::size_t end = 0;
     for (std::size_t i = 0; i < rows.size(); ++i) {
-        result.begins[i] = static_cast<std::uint32_t>(end);
-        for_each_piece(rows[i], b, [&](std::string_view piece) {
-            for (const char c : piece) {
-                result.text[end++] = c;
+        for (unsigned table = 1; table <= table_count; ++table) {
+            const unsigned first = first_table_like(rows[i], table);
+            if (first != table) {
+                result.begins[i][table - 1] = result.begins[i][first - 1];
+                continue;
             }
-        });
-        result.text[end++] = '\0';
+            result.begins[i][table - 1] = static_cast<std::uint16_t>(end);
+            for_each_piece(rows[i], b, table, [&](std::string_view piece) {
+                for (const char c : piece) {
+                    result.text[end++] = c;
+                }
+            });
+            result.text[end++] = '\0';
+        }
     }
     return result;
 }

@@ -9,12 +9,6 @@
 namespace qel::vexa::hwc {
 
 // Sentences in which the tables differ, for the rows below that say the same apart from them.
-inline constexpr std::string_view warp_size_4_note =
-    "Note that the warp size varies between Vexa devices, this GPU has a warp size of 4 threads.";
-inline constexpr std::string_view warp_size_8_note =
-    "Note that the warp size varies between Vexa devices, this GPU has a warp size of 8 threads.";
-inline constexpr std::string_view warp_size_16_note =
-    "Note that the warp size varies between Vexa devices, this GPU has a warp size of 16 threads.";
 inline constexpr std::string_view tiles_16x16_note =
     "Tiles are normally 16x16 pixels in size; a tile gets smaller when each pixel takes many bits of the "
     "tile buffer.";
@@ -28,15 +22,7 @@ inline constexpr std::string_view tiles_32x32_note =
     "Tiles are normally 32x32 pixels in size; a tile gets smaller when each pixel takes many bits of the "
     "tile buffer.";
 
-// The bodies of those rows.
-inline constexpr std::string_view fragment_warps_body =
-    "This counter increments for every warp of fragment threads that the front-end creates and hands to the "
-    "execution core. Quads killed by early ZS testing or by forward pixel kill (FPK) have left the pipeline "
-    "before this point and do not count.";
-inline constexpr std::string_view non_fragment_warps_body =
-    "This counter increments for every warp of non-fragment threads that the shader core creates, for "
-    "vertex, compute and similar shading alike. A warp that is only partly filled costs as much as a full "
-    "one, so the size of a work group is best kept to a multiple of the warp size.";
+// The body of those rows.
 inline constexpr std::string_view tiles_body =
     "This counter increments for every tile that the shader core renders, whether or not the finished tile "
     "is then written to memory. The number rises with the resolution of the render targets and with the "
@@ -85,24 +71,16 @@ inline constexpr auto shader_core_rows = std::to_array<raw_row>({
              "no quad ready from which a new warp could be built. A high value shows that primitive reads, "
              "rasterization or early ZS testing hold shading back, for example because most quads are killed "
              "early."},
-    {.at = {{{201, tables("1, 2, 4, 5")}}},
+    {.at = {{{201, all_tables}}},
      .name = "Fragment warps",
      .hardware_name = "FRAG_WARPS",
-     .body = fragment_warps_body,
+     .body = "This counter increments for every warp of fragment threads that the front-end creates and "
+             "hands to the "
+             "execution core. Quads killed by early ZS testing or by forward pixel kill (FPK) have left the "
+             "pipeline "
+             "before this point and do not count.",
      .selected = selection::by_default,
-     .note = warp_size_4_note},
-    {.at = {{{201, tables("3, 6")}}},
-     .name = "Fragment warps",
-     .hardware_name = "FRAG_WARPS",
-     .body = fragment_warps_body,
-     .selected = selection::by_default,
-     .note = warp_size_8_note},
-    {.at = {{{201, tables("7-9")}}},
-     .name = "Fragment warps",
-     .hardware_name = "FRAG_WARPS",
-     .body = fragment_warps_body,
-     .selected = selection::by_default,
-     .note = warp_size_16_note},
+     .note = warp_size_note},
     {.at = {{{202, tables("1-6")}}},
      .name = "Partial fragment warps",
      .hardware_name = "FRAG_PARTIAL_WARPS",
@@ -214,24 +192,16 @@ inline constexpr auto shader_core_rows = std::to_array<raw_row>({
      .body = "This counter increments for every task of non-fragment work that is issued to the shader core. "
              "A task is a portion of a vertex or compute job and has no fixed size, so the count tells that "
              "work arrives and not how much of it; \"Non-fragment warps\" is the better measure of load."},
-    {.at = {{{216, tables("1, 2, 4, 5")}}},
+    {.at = {{{216, all_tables}}},
      .name = "Non-fragment warps",
      .hardware_name = "COMPUTE_WARPS",
-     .body = non_fragment_warps_body,
+     .body =
+         "This counter increments for every warp of non-fragment threads that the shader core creates, for "
+         "vertex, compute and similar shading alike. A warp that is only partly filled costs as much as a "
+         "full "
+         "one, so the size of a work group is best kept to a multiple of the warp size.",
      .selected = selection::by_default,
-     .note = warp_size_4_note},
-    {.at = {{{216, tables("3, 6")}}},
-     .name = "Non-fragment warps",
-     .hardware_name = "COMPUTE_WARPS",
-     .body = non_fragment_warps_body,
-     .selected = selection::by_default,
-     .note = warp_size_8_note},
-    {.at = {{{216, tables("7-9")}}},
-     .name = "Non-fragment warps",
-     .hardware_name = "COMPUTE_WARPS",
-     .body = non_fragment_warps_body,
-     .selected = selection::by_default,
-     .note = warp_size_16_note},
+     .note = warp_size_note},
     {.at = {{{217, all_tables}}},
      .name = "Non-fragment front-end starvation cycles",
      .hardware_name = "COMPUTE_STARVING",

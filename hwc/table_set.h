@@ -1,12 +1,17 @@
 // Which of the nine counter tables hold a row.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
 namespace qel::vexa::hwc {
 
 inline constexpr unsigned table_count = 9;
+
+// How many threads make up a warp, by table number less one.
+inline constexpr std::array<std::uint8_t, table_count> warp_sizes{4, 4, 8, 4, 4, 8, 16, 16, 16};
 
 // A set of table numbers from 1 to 9.
 class table_set {
@@ -16,6 +21,10 @@ public:
     constexpr bool contains(unsigned table) const { return ((bits_ >> table) & 1U) != 0; }
     constexpr bool overlaps(table_set other) const { return (bits_ & other.bits_) != 0; }
     constexpr bool empty() const { return bits_ == 0; }
+    constexpr table_set operator|(table_set other) const {
+        other.bits_ = static_cast<std::uint16_t>(bits_ | other.bits_);
+        return other;
+    }
     constexpr void add(unsigned table) { bits_ = static_cast<std::uint16_t>(bits_ | (1U << table)); }
 
 private:
