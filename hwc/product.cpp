@@ -4,18 +4,6 @@
 
 namespace qel::vexa::hwc {
 
-product::product(const stx::backport::filesystem::path& path, std::error_code& ec) {
-    const hardware::property_bytes bytes = hardware::props(path, ec);
-    if (ec) {
-        return;
-    }
-    static_cast<hardware::gpu_info&>(*this) = hardware::info(bytes, ec);
-    if (ec) {
-        return;
-    }
-    find_counters(ec);
-}
-
 product::product(const hardware::gpu_info& numbers, std::error_code& ec) : gpu_info(numbers) {
     find_counters(ec);
 }

@@ -1,4 +1,4 @@
-// GPU counters read back from a recorded trace, and the counters that a running service offers.
+// GPU counters read back from a recorded trace.
 #pragma once
 
 #include <cstdint>
@@ -8,21 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "workstation/protocol/counter_description.h"
+#include "workstation/protocol/service_state.h"
+
 namespace qel::vexa::report {
 
-// A counter as its producer describes it. The texts are valid UTF-8 without control characters, whatever the
-// file holds.
-struct counter_description {
-    std::uint32_t id = 0;
-    std::string name;
-    std::string description;
-    std::vector<std::uint32_t> numerator_units;  // numbered as in the tracing protocol's MeasureUnit
-    std::vector<std::uint32_t> denominator_units;
-    bool select_by_default = false;
-
-    // "percent", "byte/pixel"; empty for a plain count.
-    std::string unit() const;
-};
+using protocol::counter_description;
+using protocol::read_offered_counters;
 
 struct counter_value {
     std::uint32_t id;
@@ -68,9 +60,6 @@ struct counter_sequence {
 // The sequences of a short trace, by number. A trace that was cut short gives what is whole of it. Nothing
 // when the bytes are not a trace at all.
 std::optional<std::map<std::uint32_t, counter_sequence>> read_counters(const std::string& trace);
-
-// The counters of the first "gpu.counters" data source in the state of a service, as its query gives it.
-std::vector<counter_description> read_offered_counters(const std::string& service_state);
 
 // A file's bytes; nothing, and the reason in errno, when it can't be read.
 std::optional<std::string> read_file(const char* path);
