@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -245,12 +246,17 @@ int open_path(unsigned instance, int flags) {
         {.instance = instance, .context = std::make_unique<device_context>(there->gpu), .reader = nullptr});
 }
 
+// A descriptor, or -1 for errno. Not every C library has the call.
+int memory_file(const char* name) {
+    return static_cast<int>(::syscall(SYS_memfd_create, name, MFD_CLOEXEC));
+}
+
 // The new reader's descriptor, or a negative error number.
 int open_reader(const open_file& opener, const void* argument) {
     reader_setup_record setup;
     std::memcpy(&setup, argument, sizeof setup);
     const std::shared_ptr<const gpu_description>& gpu = opener.context->gpu();
-    file ring(::memfd_create(ring_name, MFD_CLOEXEC));
+    file ring(memory_file(ring_name));
     if (!ring.is_open() ||
         ::ftruncate(ring.descriptor(), static_cast<off_t>(counter_reader::ring_size(*gpu, setup))) != 0) {
         return -errno;
@@ -309,7 +315,7 @@ map_result map_file(const map_arguments& arguments, int descriptor) {
 }
 
 map_result map_tracking_page(const map_arguments& arguments) {
-    const file page(::memfd_create(tracking_page_name, MFD_CLOEXEC));
+    const file page(memory_file(tracking_page_name));
     if (!page.is_open() || ::ftruncate(page.descriptor(), tracking_page_size) != 0) {
         return {.address = MAP_FAILED, .error = errno};
     }
