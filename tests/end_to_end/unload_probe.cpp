@@ -76,7 +76,8 @@ void find(void* library, const char* name, Operation*& operation) {
 
 // In the place of the shared libraries' own, also for the library.
 extern "C" __attribute__((visibility("default"))) int pthread_mutex_init(
-    pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) noexcept {
+    pthread_mutex_t* mutex,
+    const pthread_mutexattr_t* attributes) noexcept(noexcept(::pthread_mutex_init(mutex, attributes))) {
     static const auto real =
         reinterpret_cast<decltype(&pthread_mutex_init)>(dlsym(RTLD_NEXT, "pthread_mutex_init"));
     return --failing_mutex_init == 0 ? ENOMEM : real(mutex, attributes);

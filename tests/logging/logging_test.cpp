@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -18,7 +19,7 @@ bool snprintf_fails = false;
 
 int format_line(char* buffer, std::size_t size, const char* format, std::va_list arguments) {
     const int result = std::vsnprintf(buffer, size, format, arguments);
-    if (snprintf_fails) {
+    if (snprintf_fails && std::string_view(format).starts_with("%s:%d")) {
         buffer[5] = '\0';
         return -1;
     }
@@ -28,7 +29,7 @@ int format_line(char* buffer, std::size_t size, const char* format, std::va_list
 }  // namespace
 
 // These take the place of the C library's, so that the formatting of a log line can be made to fail half-way.
-// The second is what hardened code calls.
+// The others are what hardened code calls.
 extern "C" int snprintf(char* buffer, std::size_t size, const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
@@ -43,6 +44,10 @@ extern "C" int __snprintf_chk(char* buffer, std::size_t size, int /*flag*/, std:
     const int result = format_line(buffer, size, format, arguments);
     va_end(arguments);
     return result;
+}
+extern "C" int __vsnprintf_chk(char* buffer, std::size_t size, int /*flag*/, std::size_t /*room*/,
+                               const char* format, std::va_list arguments) {
+    return format_line(buffer, size, format, arguments);
 }
 
 namespace {
