@@ -69,7 +69,10 @@ start() {
 
     local preload=LD_PRELOAD=$build/lib/libvirtual_gpu.so
     local launch=(env "$preload")
-    [[ $1 != arm ]] || launch=(qemu-arm -E "$preload")  # the emulator itself can't load the library
+    case $1 in  # the emulator itself can't load the library
+        arm) launch=(qemu-arm -E "$preload") ;;
+        android) launch=(tools/android_device "${COUNTERFEED_ANDROID_KIT-}" --log -E "$preload") ;;
+    esac
     VIRTUAL_GPU=$2 VIRTUAL_GPU_SEAM=$work/gpu \
         "${launch[@]}" "$build/bin/counterfeed-launcher" >"$work/launcher.log" 2>&1 &
     producer=$!
