@@ -1,4 +1,5 @@
-// The page's template, style and script: page.html, page.css and page.js as they were when this was built.
+// The page's template, style and script: page/page.html, page/page.css and the modules beside them, as they
+// were when this was built.
 #pragma once
 
 #include <string_view>

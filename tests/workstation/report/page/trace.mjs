@@ -1,0 +1,40 @@
+// Writes traces of GPU counters, byte by byte.
+
+function varint(value) {
+  const bytes = [];
+  let rest = BigInt(value);
+  do {
+    const low = Number(rest & 0x7fn);
+    rest >>= 7n;
+    bytes.push(rest ? low | 0x80 : low);
+  } while (rest);
+  return Buffer.from(bytes);
+}
+
+export const number = (field, value) => Buffer.concat([varint(field << 3), varint(value)]);
+export const text = (field, content) => {
+  const bytes = Buffer.from(content);
+  return Buffer.concat([varint(field << 3 | 2), varint(bytes.length), bytes]);
+};
+export const nested = (field, ...parts) => text(field, Buffer.concat(parts));
+const real = (field, value) => {
+  const bytes = Buffer.alloc(8);
+  bytes.writeDoubleLE(value);
+  return Buffer.concat([varint(field << 3 | 1), bytes]);
+};
+
+export const packet = (sequence, ...parts) => nested(1, ...parts, number(10, sequence));
+
+const units = { percent: 37, "": 0, byte: 7 };
+
+// counters: [{ id, name, unit, selected, description, value: (i) => number }]
+export function counterTrace({ counters, samples, period = 1e6, first = 1e9, sequence = 7 }) {
+  const specs = counters.map(({ id, name, unit = "", selected = true, description = "What it counts." }) =>
+    nested(1, number(1, id), text(2, name), text(3, description), number(9, selected ? 1 : 0), number(7, units[unit])));
+  const packets = [packet(sequence, number(8, 0), nested(52, nested(1, ...specs)))];
+  for (let i = 0; i < samples; i += 1) {
+    packets.push(packet(sequence, number(58, 5), number(8, BigInt(Math.round(first + i * period))),
+      nested(52, ...counters.map(({ id, value }) => nested(2, number(1, id), real(3, value(i)))))));
+  }
+  return Buffer.concat(packets);
+}

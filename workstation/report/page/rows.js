@@ -1,0 +1,208 @@
+// The rows of the page: one for each counter, made once, then moved between groups, shown and hidden.
+import { byId, element, hueOf, main, search } from "./dom.js";
+import { counted } from "./format.js";
+import { schedule, state } from "./state.js";
+
+const nothing = element("p", "nothing", "No counter fits.");
+let groups = [];  // { section, list, link, size, rows }
+
+const onScreen = new IntersectionObserver((entries) => {
+  for (const { target, isIntersecting } of entries) {
+    const { row } = target;
+    if (isIntersecting) {
+      state.visible.add(row);
+    } else {
+      state.visible.delete(row);
+      row.canvas.width = row.canvas.height = 0;  // gives its memory back
+    }
+  }
+  schedule();
+}, { rootMargin: "150px" });
+
+// ---- One row ----
+
+function button(className, text) {
+  const result = element("button", className, text);
+  result.type = "button";
+  return result;
+}
+
+function makeRow(counter) {
+  const article = element("article", "row row-grid");
+  const row = { counter, article, cells: {}, width: 0, height: 0 };
+  article.row = row;
+  article.tabIndex = -1;
+  article.style.setProperty("--hue", hueOf(counter.block));
+  article.setAttribute("aria-label", counter.name);
+
+  const name = element("div", "name");
+  row.what = button("what", counter.name);
+  row.pin = button("pin");
+  row.pin.title = "Pin to the top";
+  row.pin.setAttribute("aria-label", `Pin ${counter.name} to the top`);
+  row.what.tabIndex = row.pin.tabIndex = -1;
+  const detail = element("p");
+  if (counter.unit) detail.append(element("span", "unit", counter.unit));
+  if (counter.hardware) detail.append(element("code", "", counter.hardware));
+  name.append(row.what, row.pin, detail);
+
+  row.plot = element("div", "plot");
+  row.plot.setAttribute("role", "img");
+  row.plot.setAttribute("aria-label", `Chart of ${counter.name}`);
+  row.canvas = element("canvas");
+  row.top = element("span", "top");
+  row.line = element("span", "line");
+  row.plot.append(row.canvas, row.top, row.line);
+
+  const list = element("dl", "numbers");
+  for (const [key, label] of [["at", "Cursor"], ["min", "Min"], ["mean", "Mean"], ["max", "Max"]]) {
+    const pair = element("div");
+    row.cells[key] = element("dd");
+    pair.append(element("dt", "", label), row.cells[key]);
+    list.append(pair);
+  }
+  article.append(name, row.plot, list);
+  showText(row);
+  showPin(row);
+  row.what.addEventListener("click", () => toggleText(row));
+  row.pin.addEventListener("click", () => togglePin(row));
+  article.addEventListener("focusin", () => setCurrent(row));
+  article.addEventListener("pointerdown", () => setCurrent(row));
+  return row;
+}
+
+// One row at a time is on the way of the Tab key.
+export function setCurrent(row) {
+  if (state.current === row) return;
+  for (const [other, isCurrent] of [[state.current, false], [row, true]]) {
+    if (!other) continue;
+    other.article.classList.toggle("current", isCurrent);
+    other.article.tabIndex = other.what.tabIndex = other.pin.tabIndex = isCurrent ? 0 : -1;
+  }
+  state.current = row;
+  schedule();
+}
+
+function showText(row) {
+  const isOpen = state.opened.has(row.counter);
+  row.what.setAttribute("aria-expanded", String(isOpen));
+  if (isOpen) row.article.append(element("p", "text", row.counter.description || "No description."));
+  else row.article.querySelector(".text")?.remove();
+}
+
+export function toggleText(row) {
+  if (!state.opened.delete(row.counter)) state.opened.add(row.counter);
+  showText(row);
+}
+
+function showPin(row) {
+  const isPinned = state.pinned.has(row.counter);
+  row.pin.textContent = isPinned ? "★" : "☆";
+  row.pin.setAttribute("aria-pressed", String(isPinned));
+}
+
+export function togglePin(row) {
+  if (!state.pinned.delete(row.counter)) state.pinned.add(row.counter);
+  const hadFocus = row.article.contains(document.activeElement) && document.activeElement;
+  showPin(row);
+  arrange();
+  if (hadFocus) hadFocus.focus({ preventScroll: true });
+}
+
+// ---- Groups ----
+
+function makeGroup(name, hue, rows) {
+  const section = element("section");
+  section.id = `group-${name.toLowerCase().replace(/\W+/g, "-")}`;
+  section.style.setProperty("--hue", hue);
+  const heading = element("h2", "group");
+  const title = button("", `${name} `);
+  const size = element("small");
+  title.append(size);
+  heading.append(title);
+  const list = element("div", "rows");
+  list.append(...rows.map(({ article }) => article));
+  const fold = () => {
+    list.hidden = state.folded.has(name);
+    title.setAttribute("aria-expanded", String(!list.hidden));
+  };
+  fold();
+  title.addEventListener("click", () => {
+    if (!state.folded.delete(name)) state.folded.add(name);
+    fold();
+  });
+  section.append(heading, list);
+  const link = element("a");
+  link.href = `#${section.id}`;
+  link.style.setProperty("--hue", hue);
+  return { name, section, link, size, rows };
+}
+
+// Puts the rows into their groups: what is pinned comes first.
+export function arrange() {
+  const byUnit = document.querySelector("input[name=group]:checked").value === "unit";
+  const rowsOf = new Map();
+  for (const row of state.all) {
+    const { counter } = row;
+    const name = state.pinned.has(counter) ? "Pinned" : byUnit ? counter.unit || "plain counts" : counter.block;
+    if (!rowsOf.has(name)) rowsOf.set(name, []);
+    rowsOf.get(name).push(row);
+  }
+  const rank = (name) => (name === "Pinned" ? 0 : byUnit && name === "plain counts" ? 2 : 1);
+  const names = [...rowsOf.keys()].sort((a, b) => rank(a) - rank(b) || (byUnit ? a.localeCompare(b) : 0));
+  groups = names.map((name) => makeGroup(name, byUnit || name === "Pinned" ? "var(--accent)" : hueOf(name), rowsOf.get(name)));
+  main.replaceChildren(...groups.map(({ section }) => section), nothing);
+  byId("jump").replaceChildren(...groups.map(({ link }) => link));
+  state.rows = groups.flatMap(({ rows }) => rows);
+  filter();
+}
+
+function isWanted(counter, words, show) {
+  return words.every((word) => counter.haystack.includes(word)) &&
+    (show !== "selected" || counter.selected) && (show !== "changing" || counter.max > counter.min);
+}
+
+// Shows the rows that are searched for, and those that are pinned.
+export function filter() {
+  const words = search.value.toLowerCase().split(/\s+/).filter(Boolean);
+  const show = byId("show").value;
+  let found = 0;
+  for (const { name, section, link, size, rows } of groups) {
+    let shown = 0;
+    for (const { article, counter } of rows) {
+      const isShown = state.pinned.has(counter) || isWanted(counter, words, show);
+      if (article.hidden === isShown) article.hidden = !isShown;
+      shown += isShown;
+    }
+    size.textContent = shown;
+    link.textContent = `${name} ${shown}`;
+    section.hidden = link.hidden = shown === 0;
+    found += shown;
+  }
+  nothing.hidden = found !== 0;
+  byId("found").textContent = `${found} of ${counted(state.all.length, "counter")}`;
+  if (!state.current || state.current.article.hidden) {
+    setCurrent(null);
+    const first = shownRows()[0];
+    if (first) first.article.tabIndex = 0;  // the way in for the Tab key
+  }
+  measureHeader();
+  schedule();
+}
+
+export const shownRows = () => state.rows.filter(({ article }) => !article.hidden && !article.parentElement.hidden);
+
+export function makeRows() {
+  onScreen.disconnect();
+  state.visible.clear();
+  state.current = null;
+  state.all = state.sequence.counters.map(makeRow);
+  for (const { article } of state.all) onScreen.observe(article);
+  arrange();
+}
+
+// What stays at the top of the screen must not cover what is scrolled to. On a phone that is the time alone.
+export function measureHeader() {
+  const height = document.querySelector("header").offsetHeight || document.querySelector(".time").offsetHeight;
+  document.documentElement.style.setProperty("--header", `${height}px`);
+}

@@ -1,0 +1,80 @@
+// Opens the trace.
+import { drawRows, readColors, writeRows } from "./charts.js";
+import { overviewOf, prepare, trace } from "./data.js";
+import { byId, element, overview } from "./dom.js";
+import { counted, spanText } from "./format.js";
+import { arrange, makeRows, measureHeader } from "./rows.js";
+import { onPaint, onWrite, schedule, state } from "./state.js";
+import { drawTimeline, writeTimeline } from "./timeline.js";
+import { drawCursor, setView, writeCursor } from "./view.js";
+
+const prefersDark = matchMedia("(prefers-color-scheme: dark)");
+
+function setTheme(isDark) {
+  document.documentElement.dataset.theme = isDark ? "dark" : "light";
+  byId("theme").textContent = isDark ? "Light" : "Dark";
+  byId("theme").setAttribute("aria-label", `${isDark ? "Light" : "Dark"} colours`);
+  readColors();
+  schedule();
+}
+
+function tellProblems() {
+  if (trace.problems.length === 0) return;
+  const list = element("ul");
+  list.append(...trace.problems.map((problem) => element("li", "", problem)));
+  byId("problems").append(element("strong", "", "This trace is damaged. What could be read of it is shown."), list);
+  byId("problems").hidden = false;
+}
+
+function openSequence(index) {
+  const sequence = prepare(trace.sequences[index]);
+  state.sequence = sequence;
+  state.pinned.clear();
+  state.opened.clear();
+  state.view = { from: sequence.from, to: sequence.to };
+  state.cursor = (sequence.edges.length - 1) >> 1;
+  overview.setAttribute("aria-valuemin", 0);
+  overview.setAttribute("aria-valuemax", sequence.edges.length - 2);
+  const facts = [counted(sequence.counters.length, "counter"), counted(sequence.samples, "sample")];
+  if (sequence.samples > 1) facts.push(`one every ${spanText(sequence.period)}`);
+  facts.push(spanText(sequence.to - sequence.first));
+  if (sequence.samplesPerBin > 1) facts.push(`a point is ${sequence.samplesPerBin} samples`);
+  byId("facts").textContent = facts.join(" · ");
+  makeRows();
+}
+
+function start() {
+  document.title = `${trace.file} – GPU counters`;
+  byId("file").textContent = trace.file;
+  tellProblems();
+  const { sequences } = trace;
+  sequences.forEach((each, index) => {
+    const choice = element("option", "", `${each.number} (${counted(each.counters.length, "counter")})`);
+    choice.value = index;
+    byId("session").append(choice);
+  });
+  byId("session-pick").hidden = sequences.length < 2;
+  byId("session").addEventListener("change", () => openSequence(Number(byId("session").value)));
+  for (const control of document.querySelectorAll("input[name=group]")) control.addEventListener("change", arrange);
+  byId("fit").addEventListener("change", schedule);
+  document.querySelector(".tools").addEventListener("submit", (event) => event.preventDefault());
+  prefersDark.addEventListener("change", () => setTheme(prefersDark.matches));
+  byId("theme").addEventListener("click", () => setTheme(document.documentElement.dataset.theme !== "dark"));
+  setTheme(prefersDark.matches);
+
+  for (const paint of [drawTimeline, drawRows, drawCursor]) onPaint(paint);
+  for (const write of [writeTimeline, writeRows, writeCursor]) onWrite(write);
+  const sizes = sequences.map(({ counters }) => counters.length);
+  const largest = sizes.indexOf(Math.max(...sizes));
+  byId("session").value = largest;
+  openSequence(largest);
+  new ResizeObserver(() => {
+    measureHeader();
+    schedule();
+  }).observe(document.body);
+}
+
+start();
+
+// For the browser's console, and for measurements.
+window.counterfeed = { state, setView, overviewOf };
