@@ -15,6 +15,7 @@
 
 #include "hwc/derived_rows.h"
 #include "hwc/product.h"
+#include "hwc/raw_row_checks.h"
 #include "hwc/raw_rows.h"
 #include "stx/load_order.h"
 
@@ -25,7 +26,6 @@ namespace {
 // One of the four lists, with its rows' full descriptions.
 template <block the_block, const auto& the_rows>
 struct block_list {
-    static constexpr block which = the_block;
     static constexpr const auto& rows = the_rows;
     static constexpr auto descriptions = describe<the_rows, the_block>();
 
@@ -34,31 +34,7 @@ struct block_list {
             rows.begin(), rows.end(), [table](const raw_row& row) { return row.id_in(table).has_value(); }));
     }
 
-    // A row stands once in a table. Every id lies in the block, behind the four words that no counter has,
-    // and stands once in a table.
-    static constexpr bool ids_are_sound() {
-        constexpr std::uint32_t first_id = static_cast<std::uint32_t>(which) * counters_per_block;
-        constexpr std::uint32_t words_without_counter = 4;
-        for (unsigned table = 1; table <= table_count; ++table) {
-            std::array<bool, counters_per_block> seen{};
-            for (const raw_row& row : rows) {
-                if (row.at[0].tables.overlaps(row.at[1].tables)) {
-                    return false;
-                }
-                const std::optional<std::uint32_t> id = row.id_in(table);
-                if (!id) {
-                    continue;
-                }
-                const std::uint32_t offset = *id - first_id;
-                if (*id < first_id + words_without_counter || offset >= counters_per_block || seen[offset]) {
-                    return false;
-                }
-                seen[offset] = true;
-            }
-        }
-        return true;
-    }
-    static_assert(ids_are_sound());
+    static_assert(ids_are_sound(the_rows, the_block));
 
     static void add_to(counter_table& result, unsigned table) {
         for (std::size_t i = 0; i < rows.size(); ++i) {
@@ -81,22 +57,8 @@ using tiler = block_list<block::tiler, tiler_rows>;
 using memory_system = block_list<block::memory_system, memory_system_rows>;
 using shader_core = block_list<block::shader_core, shader_core_rows>;
 
-// No table has two rows with one hardware name.
-constexpr bool hardware_names_are_unique() {
-    bool unique = true;
-    for_each_raw_row([&](const raw_row& row) {
-        table_set with_this_name;
-        for_each_raw_row([&](const raw_row& other) {
-            if (other.hardware_name.size() == row.hardware_name.size() &&
-                other.hardware_name == row.hardware_name) {
-                unique = unique && !other.tables().overlaps(with_this_name);
-                with_this_name = with_this_name | other.tables();
-            }
-        });
-    });
-    return unique;
-}
-static_assert(hardware_names_are_unique());
+static_assert(hardware_names_are_unique({job_manager_rows, tiler_rows, memory_system_rows,
+                                         shader_core_rows}));
 
 // A row of the derived list, and one of its variants, by their places.
 template <std::size_t row_index>

@@ -3,10 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <bit>
-#include <cmath>
-#include <cstring>
 #include <limits>
-#include <random>
 
 #include "hwc/profiler.h"
 #include "hwc/saturating_double.h"
@@ -72,26 +69,6 @@ TEST(SaturatingDouble, Operators) {
     };
     for (const auto& c : cases) {
         EXPECT_EQ(bits(c.result.value()), bits(c.expected)) << "case " << &c - cases;
-    }
-}
-
-// Every result of every operator on awkward operands keeps the rule, and is the ordinary one where that is
-// allowed.
-TEST(SaturatingDouble, ResultsOfAllOperatorsAreValid) {
-    std::mt19937_64 random(2);
-    const auto is_valid = [](double value) { return bits(value) == 0 || std::isnormal(value); };
-    for (int round = 0; round < 100000; ++round) {
-        const saturating_double a = number(std::bit_cast<double>(random()));
-        const saturating_double b = number(round % 3 == 0 ? -a.value() : std::bit_cast<double>(random()));
-        const double raw[] = {a.value() + b.value(), a.value() - b.value(), a.value() * b.value(),
-                              b.value() == 0.0 ? 0.0 : a.value() / b.value()};
-        const saturating_double results[] = {a + b, a - b, a * b, a / b};
-        for (int i = 0; i < 4; ++i) {
-            ASSERT_TRUE(is_valid(results[i].value())) << i;
-            if (is_valid(raw[i])) {
-                ASSERT_EQ(bits(results[i].value()), bits(raw[i])) << i;
-            }
-        }
     }
 }
 

@@ -8,9 +8,12 @@
 #include <string>
 
 #include "hwc/counter_expressions.h"
+#include "hwc/derived_row.h"
 #include "hwc/hwc_names.h"
 #include "hwc/measure_unit.h"
+#include "hwc/operands.h"
 #include "hwc/product.h"
+#include "hwc/raw_row_checks.h"
 
 namespace {
 
@@ -115,6 +118,45 @@ TEST(Tables, SentencesThatDifferBetweenTables) {
             EXPECT_EQ(says(id, "256 bits per pixel"), number == 5);
         }
         EXPECT_TRUE(says(number == 9 ? 10 : 7, "which may not be the Vexa device driver"));
+    }
+}
+
+// What the compiler asks of the lists before it takes them.
+TEST(Tables, MistakesInTheListsAreSeen) {
+    using hwc::tables;
+    const auto raw = [](hwc::placement first, hwc::placement second, std::string_view hardware_name) {
+        return hwc::raw_row{
+            .at = {{first, second}}, .name = "N", .hardware_name = hardware_name, .body = "B."};
+    };
+    const struct {
+        hwc::raw_row other;
+        bool sound, unique;
+    } cases[] = {{raw({65, tables("3")}, {68, tables("4")}, "B"), false, true},  // words that no counter has
+                 {raw({68, tables("3, 5")}, {127, tables("4")}, "B"), true, true},
+                 {raw({128, tables("3")}, {}, "B"), false, true},  // the next block's
+                 {raw({63, tables("3")}, {}, "B"), false, true},
+                 {raw({69, tables("3")}, {70, tables("3")}, "B"), false, true},
+                 {raw({68, tables("2, 3")}, {}, "B"), false, true},  // a second time in table 2
+                 {raw({69, tables("3")}, {}, "A"), true, true},
+                 {raw({69, tables("3")}, {70, tables("1")}, "A"), true, false}};
+    const std::array rows{raw({68, tables("1, 2")}, {}, "A")};
+    for (const auto& c : cases) {
+        const std::array both{rows[0], c.other};
+        EXPECT_EQ(hwc::ids_are_sound(both, hwc::block::tiler), c.sound) << &c - cases;
+        EXPECT_EQ(hwc::hardware_names_are_unique({both}), c.unique) << &c - cases;
+        EXPECT_EQ(hwc::hardware_names_are_unique({rows, std::span(both).subspan(1)}), c.unique);
+    }
+    const auto derived = [](const char* name, std::string_view body, auto... variants) {
+        return hwc::row(name, hwc::unit_none, hwc::selection::off, body, variants...).is_sound();
+    };
+    constexpr auto value = hwc::operands::L2_SLICES;
+    EXPECT_TRUE(derived("N", "B.", hwc::in("1, 3", value), hwc::in("2", value)));
+    EXPECT_TRUE(derived("N", "", hwc::in("1", value, "T."), hwc::in("2", value, "T.")));
+    EXPECT_FALSE(derived("", "B.", hwc::in("1", value)));
+    EXPECT_FALSE(derived("N", "", hwc::in("1", value, "T."), hwc::in("2", value)));
+    EXPECT_FALSE(derived("N", "B.", hwc::in("1-3", value), hwc::in("4", value), hwc::in("2", value)));
+    for (const char* list : {"0", "1-", "-2", "3-2", "1 2", "1,,2", "", "10", "2-2", "a"}) {
+        EXPECT_ANY_THROW(tables(list)) << list;
     }
 }
 
