@@ -145,6 +145,7 @@ void all_rows(benchmark::State& state) {
             const auto begin = std::chrono::steady_clock::now();
             for (int n = 0; n < samples_per_pass; ++n) {
                 benchmark::ClobberMemory();
+                const hwc::sample_in_hand in_hand(profiler, words);
                 for (const hwc::vexa_counter_descriptor& row : *s.gpu.counters) {
                     benchmark::DoNotOptimize(profiler.get_value_for_counter(words, row));
                 }

@@ -219,6 +219,7 @@ bool run_session() {
     reader.process_buffers_until_interrupted([&](std::uint64_t /*timestamp*/, std::uint64_t /*delta*/,
                                                  std::uint64_t cycles, const std::uint32_t* sample) {
         profiler.gpu_cycles = cycles;
+        const hwc::sample_in_hand in_hand(profiler, sample);
         for (const hwc::vexa_counter_descriptor& row : *product.counters) {
             sum += hwc::reported_value(profiler, sample, row);
         }

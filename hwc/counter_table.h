@@ -11,9 +11,8 @@
 
 namespace qel::vexa::hwc {
 
-// An unordered map from id to row, filled once and then only read, from any thread. Every operand of every
-// derived counter is looked up anew in each sample, so a lookup must be a handful of instructions: this map
-// has a power of two of slots, and its hash gives each id that the tables use a slot of its own.
+// An unordered map from id to row, filled once and then only read, from any thread: a power of two of slots,
+// and a hash that gives each id that the tables use a slot of its own.
 class counter_table {
 public:
     using const_iterator = std::vector<vexa_counter_descriptor>::const_iterator;

@@ -43,22 +43,20 @@ struct constant_text {
 template <constant_text name>
 struct named_counter : expression_base {};
 
-// A counter by its id. It is looked up in the profiler's table, and reads as 0 when the table has no such
-// row.
+// A counter by its id. It reads as 0 when the profiler's table has no such row.
 struct counter_operand : expression_base {
     std::uint32_t id;
 
     explicit constexpr counter_operand(std::uint32_t the_id) : id(the_id) {}
-    saturating_double evaluate(const profiler& context, const std::uint32_t* sample) const {
-        const vexa_counter_descriptor* row = context.counters.find(id);
-        return row == nullptr ? saturating_double() : context.get_value_for_counter(sample, *row);
+    saturating_double evaluate(const profiler& context, const raw_values& values) const {
+        return context.operand(id, values);
     }
 };
 
 // One of the GPU's own numbers.
 template <std::uint32_t profiler::*number>
 struct gpu_constant : expression_base {
-    saturating_double evaluate(const profiler& context, const std::uint32_t* /*sample*/) const {
+    saturating_double evaluate(const profiler& context, const auto& /*values*/) const {
         return saturating_double(context.*number);
     }
 };
@@ -73,7 +71,7 @@ struct number_constant : expression_base {
             throw "constants of expressions are multiples of a quarter";
         }
     }
-    saturating_double evaluate(const profiler& /*context*/, const std::uint32_t* /*sample*/) const {
+    saturating_double evaluate(const profiler& /*context*/, const auto& /*values*/) const {
         return saturating_double::from(quarters / 4.0);
     }
 };
@@ -89,9 +87,9 @@ struct binary : expression_base {
     Right right;
 
     constexpr binary(Left the_left, Right the_right) : left(the_left), right(the_right) {}
-    saturating_double evaluate(const profiler& context, const std::uint32_t* sample) const {
-        const saturating_double a = left.evaluate(context, sample);
-        const saturating_double b = right.evaluate(context, sample);
+    saturating_double evaluate(const profiler& context, const auto& values) const {
+        const saturating_double a = left.evaluate(context, values);
+        const saturating_double b = right.evaluate(context, values);
         switch (op) {
             case operation::add:
                 return a + b;
@@ -169,11 +167,20 @@ constexpr void collect_ids(const binary<op, Left, Right>& e, operand_ids& found)
     collect_ids(e.right, found);
 }
 
+template <expression auto resolved>
+constexpr operand_ids operands_of() {
+    operand_ids found;
+    collect_ids(resolved, found);
+    return found;
+}
+
 // The evaluator of a resolved expression: a function with all ids and constants fixed in it. Tables in which
 // the operands have the same ids share one.
 template <expression auto resolved>
 saturating_double evaluate(const profiler& context, const std::uint32_t* sample) {
-    return resolved.evaluate(context, sample);
+    raw_values scratch;
+    constexpr bool reads_the_sample = operands_of<resolved>().count != 0;
+    return resolved.evaluate(context, reads_the_sample ? context.values_in(sample, scratch) : scratch);
 }
 
 }  // namespace qel::vexa::hwc

@@ -93,11 +93,7 @@ void add_variant(counter_table& result) {
     constexpr const auto& variant = variant_at<row_index, variant_index>();
     if constexpr (variant.tables.contains(table)) {
         constexpr auto resolved = resolve<table>(variant.value);
-        constexpr operand_ids dependencies = [](const auto& expression) {
-            operand_ids found;
-            collect_ids(expression, found);
-            return found;
-        }(resolved);
+        constexpr operand_ids dependencies = operands_of<resolved>();
         result.insert(
             {.id = derived_id(table, row_index),
              .name = row.name,

@@ -6,6 +6,8 @@
 // reads.
 #pragma once
 
+#include <array>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -16,6 +18,24 @@
 #include "hwc/saturating_double.h"
 
 namespace qel::vexa::hwc {
+
+class profiler;
+
+// The values of all raw counters in one sample, taken in one pass over its blocks.
+class raw_values {
+public:
+    static constexpr std::uint32_t count = 4 * counters_per_block;
+
+    // The sample must have the profiler's words_read() words.
+    void take(const profiler& context, const std::uint32_t* sample);
+
+    // The counter with this id, whether a table has it or not: a word of the job manager's or the tiler's
+    // block, the sum over the L2 slices, or the mean over the shader cores. The id must be below count.
+    saturating_double operator[](std::uint32_t id) const { return saturating_double::valid(values_[id]); }
+
+private:
+    std::array<double, count> values_;
+};
 
 // What evaluators need of the GPU. Belongs to one sampling thread.
 class profiler {
@@ -28,12 +48,12 @@ public:
     // are the driver's, and the sample's size is told elsewhere, so that the two may not agree.
     std::uint64_t words_read() const {
         const std::uint64_t cores = core_indices.empty() ? 0 : std::uint64_t{core_indices.back()} + 1;
-        return (memory_system_class + std::uint64_t{l2_slice_count} + cores) * counters_per_block;
+        return (2 + std::uint64_t{l2_slice_count} + cores) * counters_per_block;
     }
 
     // The value of a row in a sample; a raw counter of L2 slices is their sum, one of shader cores their
     // mean. An id without a meaning gives 0. Reads only, and nothing is kept between calls. The sample must
-    // have words_read() words.
+    // have words_read() words. Whoever evaluates many rows of a sample has it in hand meanwhile.
     saturating_double get_value_for_counter(const std::uint32_t* sample,
                                             const vexa_counter_descriptor& descriptor) const {
         const std::uint32_t id = descriptor.id;
@@ -44,18 +64,26 @@ public:
             return descriptor.evaluator != nullptr ? descriptor.evaluator(*this, sample)
                                                    : saturating_double();
         }
-        const std::uint32_t offset = id % counters_per_block;
-        switch (id / counters_per_block) {
-            case job_manager_class:
-            case tiler_class:
-                return saturating_double(sample[id]);
-            case memory_system_class:
-                return sum_over_l2_slices(sample + offset);
-            case shader_core_class:
-                return mean_over_shader_cores(sample + offset);
-            default:
-                return {};
+        raw_values scratch;
+        return id < raw_values::count ? values_in(sample, scratch)[id] : saturating_double();
+    }
+
+    // The raw counters' values in a sample: those taken already when it is in hand, or else taken into the
+    // scratch.
+    const raw_values& values_in(const std::uint32_t* sample, raw_values& scratch) const {
+        if (sample == in_hand_) {
+            return values_in_hand_;
         }
+        scratch.take(*this, sample);
+        return scratch;
+    }
+
+    // An operand's value: 0 when the table has no row with its id.
+    saturating_double operand(std::uint32_t id, const raw_values& values) const {
+        if (id == gpu_cycles_id) {
+            return has_gpu_cycles_ ? saturating_double(gpu_cycles) : saturating_double();
+        }
+        return has_raw_counter_[id] ? values[id] : saturating_double();
     }
 
     const counter_table& counters;
@@ -66,29 +94,29 @@ public:
     std::uint64_t gpu_cycles = 0;             // of the sample in hand; the sample callback stores it
 
 private:
-    // The block classes, which are also the positions of the first two blocks and of the first L2 slice's.
-    static constexpr std::uint32_t job_manager_class = 0;
-    static constexpr std::uint32_t tiler_class = 1;
-    static constexpr std::uint32_t memory_system_class = 2;
-    static constexpr std::uint32_t shader_core_class = 3;
+    friend class sample_in_hand;
 
-    // Both take the address of the counter in the first block.
-    saturating_double sum_over_l2_slices(const std::uint32_t* counter) const {
-        saturating_double sum;
-        for (std::uint32_t slice = 0; slice < l2_slice_count; ++slice) {
-            sum = sum +
-                  saturating_double(counter[(std::size_t{memory_system_class} + slice) * counters_per_block]);
-        }
-        return sum;
+    const std::uint32_t* in_hand_ = nullptr;
+    raw_values values_in_hand_;
+    // Which counters the table has, looked up once for all samples.
+    std::bitset<raw_values::count> has_raw_counter_;
+    bool has_gpu_cycles_;
+};
+
+// While it lives, a sample's blocks have been added up once for all of its rows. Until then its words must
+// not change. One at a time, in the sampling thread.
+class sample_in_hand {
+public:
+    sample_in_hand(profiler& context, const std::uint32_t* sample) : context_(context) {
+        context.values_in_hand_.take(context, sample);
+        context.in_hand_ = sample;
     }
-    saturating_double mean_over_shader_cores(const std::uint32_t* counter) const {
-        saturating_double sum;
-        const std::size_t first_core = std::size_t{memory_system_class} + l2_slice_count;
-        for (const std::uint32_t core : core_indices) {
-            sum = sum + saturating_double(counter[(first_core + core) * counters_per_block]);
-        }
-        return sum / saturating_double(shader_core_count);
-    }
+    ~sample_in_hand() { context_.in_hand_ = nullptr; }
+    sample_in_hand(const sample_in_hand&) = delete;
+    sample_in_hand& operator=(const sample_in_hand&) = delete;
+
+private:
+    profiler& context_;
 };
 
 }  // namespace qel::vexa::hwc

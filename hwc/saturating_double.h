@@ -21,6 +21,13 @@ public:
     // Any double, made valid.
     static constexpr saturating_double from(double raw) { return saturating_double(raw, saturated_tag{}); }
 
+    // A double that the rule would not change.
+    static constexpr saturating_double valid(double value) {
+        saturating_double result;
+        result.value_ = value;
+        return result;
+    }
+
     constexpr double value() const { return value_; }
 
     friend constexpr saturating_double operator+(saturating_double a, saturating_double b) {

@@ -210,6 +210,7 @@ void vexa_gpu_data_source::threadfn_periodic_counter_poll_loop() const {
         [&profiler, &selected_counters](std::uint64_t timestamp, std::uint64_t /*delta*/,
                                         std::uint64_t cycles, const std::uint32_t* sample) {
             profiler.gpu_cycles = cycles;
+            const hwc::sample_in_hand in_hand(profiler, sample);
             Trace([&](TraceContext context) {
                 const auto packet = context.NewTracePacket();
                 packet->set_timestamp_clock_id(pbzero::BUILTIN_CLOCK_MONOTONIC_RAW);

@@ -10,6 +10,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -218,6 +219,12 @@ TEST(Catalogue, ValuesAreThoseOfTheSecondStatement) {
             }
             hwc::profiler profiler(hand_made_gpu(gapped, gpu.core_mask, gpu.l2_slices, gpu.bus_width), 5);
             profiler.gpu_cycles = gpu.cycles;
+            // The same comes out whether this sample is in hand, another one or none.
+            const std::vector<std::uint32_t> other(gpu.words.size(), 7);
+            std::optional<hwc::sample_in_hand> in_hand;
+            if (round % 3 != 0) {
+                in_hand.emplace(profiler, round % 3 == 1 ? gpu.words.data() : other.data());
+            }
             for (const hwc::vexa_counter_descriptor& row : gapped) {
                 std::vector<std::uint32_t> read;
                 const auto value_of = [&](const std::string& word) {

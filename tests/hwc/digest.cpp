@@ -48,6 +48,7 @@ std::uint64_t digest_of(const hwc::counter_table& table) {
         const std::uint64_t cycles[] = {0, active, active - 1, active + 1, random()};
         profiler.gpu_cycles = cycles[below(5)];
 
+        const hwc::sample_in_hand in_hand(profiler, words.data());
         for (const hwc::vexa_counter_descriptor& row : table) {
             const double value = profiler.get_value_for_counter(words.data(), row).value();
             digest = (digest ^ std::bit_cast<std::uint64_t>(value)) * 0x100000001b3;
