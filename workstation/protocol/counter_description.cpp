@@ -1,7 +1,6 @@
 #include "workstation/protocol/counter_description.h"
 
-#include <array>
-
+#include "hwc/measure_unit.h"
 #include "workstation/protocol/messages.h"
 
 namespace qel::vexa::protocol {
@@ -19,20 +18,11 @@ enum counter_field : std::uint32_t {
     counter_by_default = 9,
 };
 
-// By the protocol's numbers.
-constexpr std::array unit_words{
-    "",          "bit",        "kilobit",     "megabit",     "gigabit",    "terabit",
-    "petabit",   "byte",       "kilobyte",    "megabyte",    "gigabyte",   "terabyte",
-    "petabyte",  "hertz",      "kilohertz",   "megahertz",   "gigahertz",  "terahertz",
-    "petahertz", "nanosecond", "microsecond", "millisecond", "second",     "minute",
-    "hour",      "vertex",     "pixel",       "triangle",    "milliwatt",  "watt",
-    "kilowatt",  "joule",      "volt",        "ampere",      "celsius",    "fahrenheit",
-    "kelvin",    "percent",    "primitive",   "fragment",    "instruction"};
-
 std::string words_of(const std::vector<std::uint32_t>& units) {
     std::string result;
     for (const std::uint32_t unit : units) {
-        const std::string word = unit < unit_words.size() ? unit_words[unit] : "unit " + std::to_string(unit);
+        const char* const known = hwc::unit_word(unit);
+        const std::string word = known != nullptr ? known : "unit " + std::to_string(unit);
         result += (result.empty() || word.empty() ? "" : " ") + word;
     }
     return result;
