@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "base/vexa_base_context.h"
 #include "tests/support/answers.h"
@@ -26,7 +28,10 @@ base_gpu_props read(const bytes& blob) {
     base_version_record version{.major = 11, .minor = 33};
     EXPECT_EQ(uku_open(0, 0, &version, &ctx), UKU_OPEN_SUCCESS);
     base_flags_record flags{.create_flags = 2};
-    EXPECT_EQ(basep_ioctl_set_flags(&ctx, &flags), BASE_SUCCESS);
+    for (const auto& [error, result] : {std::pair(ENOMEM, 2U), {EBUSY, 68U}, {EIO, 3U}, {0, 0U}}) {
+        machine::fail(request_kind::set_flags, error);
+        EXPECT_EQ(basep_ioctl_set_flags(&ctx, &flags), result);
+    }
     base_gpu_props props;
     std::memset(&props, 0xa5, sizeof props);
     EXPECT_EQ(basep_ioctl_get_properties(&ctx, &props), BASE_SUCCESS);

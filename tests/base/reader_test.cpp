@@ -101,7 +101,7 @@ TEST_F(counter_reader_of, every_stage_undoes_those_before_it) {
         machine::fail(refused, EIO);
         calls.failing_malloc = failing_malloc;
         eventfd_fails = &what == &std::end(cases)[-1].what;
-        EXPECT_EQ(init(), failing_malloc == 2 ? BASE_OUT_OF_MEMORY : BASE_FAILURE);
+        EXPECT_EQ(init(), failing_malloc == 2 ? 2U : 3U);
         eventfd_fails = false;
         EXPECT_EQ(reader, nullptr);
         EXPECT_EQ(machine::open_now(),
@@ -221,7 +221,7 @@ TEST_F(counter_reader_of, answers_that_lead_outside_the_ring) {
 TEST_F(counter_reader_of, what_holds_a_buffer) {
     open({});
     ASSERT_EQ(init(0), BASE_SUCCESS);
-    EXPECT_EQ(get(), BASE_HWCNT_TIMEOUT);
+    EXPECT_EQ(get(), 1U);
     EXPECT_EQ(put(), BASE_FAILURE) << "nothing was claimed";
     dump();
     dump();
@@ -231,7 +231,7 @@ TEST_F(counter_reader_of, what_holds_a_buffer) {
     EXPECT_EQ(sample.event_id, 77U);
     ASSERT_EQ(get(), BASE_HWCNT_SAMPLE_READY);
     const base_hwcnt_sample first = sample;
-    EXPECT_EQ(get(), BASE_HWCNT_FAILURE) << "one is held";
+    EXPECT_EQ(get(), 3U) << "one is held";
     base_hwcnt_reader_interrupt(reader);
     EXPECT_EQ(std::memcmp(&first, &sample, sizeof sample), 0);
     machine::fail(request_kind::put_buffer, EIO);
@@ -261,8 +261,8 @@ TEST_F(counter_reader_of, interrupts_before_and_during_a_wait) {
     base_hwcnt_reader_interrupt(reader);
     base_hwcnt_reader_interrupt(reader);
     dump();
-    EXPECT_EQ(get(-1), BASE_HWCNT_INTERRUPTED);
-    EXPECT_EQ(get(-1), BASE_HWCNT_SAMPLE_READY) << "two interrupts, one return";
+    EXPECT_EQ(get(-1), 2U);
+    EXPECT_EQ(get(-1), 0U) << "two interrupts, one return";
     EXPECT_EQ(put(), BASE_SUCCESS);
     for (int i = 0; i < 20; ++i) {
         std::thread other([this] { base_hwcnt_reader_interrupt(reader); });
@@ -296,9 +296,9 @@ TEST_F(counter_reader_of, periodic_and_manual_sampling) {
     machine::fail(request_kind::clear, EIO);
     EXPECT_EQ(base_hwcnt_reader_clear(reader), BASE_FAILURE);
     machine::clear_requests();
-    ASSERT_EQ(sample_periodic(BASE_HWCNT_SAMPLING_START), BASE_SUCCESS);
+    ASSERT_EQ(sample_periodic(0), 0U);
     ASSERT_EQ(get(-1), BASE_HWCNT_SAMPLE_READY);
-    ASSERT_EQ(sample_periodic(BASE_HWCNT_SAMPLING_STOP), BASE_SUCCESS);
+    ASSERT_EQ(sample_periodic(1), 0U);
     std::vector<std::pair<request_kind, std::uint64_t>> seen;
     for (const request_record& request : machine::requests()) {
         if (request.kind != request_kind::poll && request.kind != request_kind::get_buffer) {

@@ -87,14 +87,12 @@ TEST(channels, every_length_around_the_slot_arrives_and_the_last_messages_stay_a
 
 TEST(channels, a_busy_log_is_tried_sixteen_times_and_fails_nobody) {
     open_channel open(CDBGP_CHANNEL_ERROR);
-    for (const int refusal : {-EPERM, -EINTR, -1}) {
-        log_refusal = refusal;
-        busy_answers = 2;
-        EXPECT_EQ(open.arrival("gone"), "gone\n");
-        EXPECT_EQ(std::exchange(busy_answers, 0), 1) << "only a busy one is tried again";
-    }
+    log_refusal = -EPERM;
+    busy_answers = 2;
+    EXPECT_EQ(open.arrival("gone"), "gone\n");
+    EXPECT_EQ(std::exchange(busy_answers, 0), 1) << "only a busy one is tried again";
     log_refusal = -EAGAIN;
-    for (const int busy : {1, 3, 15, 16, 100}) {
+    for (const int busy : {1, 15, 16, 100}) {
         busy_answers = busy;
         slept = 0;
         EXPECT_EQ(open.arrival("late"), "late\n");

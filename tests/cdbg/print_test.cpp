@@ -99,11 +99,6 @@ TEST(print, emergency_message_of_every_length_around_its_array) {
         }
         EXPECT_EQ(take_log(), "6/vexa:" + expected);
     }
-    slept = 0;
-    busy_answers = 2;
-    cdbgp_print_to_emergency_channel("F", "M", "L", "f", "busy");
-    EXPECT_TRUE(std::exchange(busy_answers, 0) == 1 && slept == 0) << "it is tried once";
-    EXPECT_EQ(take_log(), "");
     EXPECT_EQ(cdbgp_channels[0].ring.data, nullptr) << "diagnostics was started";
 }
 

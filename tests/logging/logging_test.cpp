@@ -133,18 +133,16 @@ TEST(Logging, MessageIsDroppedWhileTheCallbackIsBeingReplaced) {
 }
 
 TEST(LoggingDeathTest, EmptyCallbackEndsTheProcess) {
-    EXPECT_EXIT(
-        {
-            logging::exchange_callback(nullptr);
-            logger.e("nobody listens");
-        },
-        testing::KilledBySignal(SIGABRT), "");
+    const auto log_to_nobody = [] {
+        logging::exchange_callback(nullptr);
+        logger.e("nobody listens");
+    };
+    EXPECT_EXIT(log_to_nobody(), testing::KilledBySignal(SIGABRT), "");
 }
 
 TEST(Logging, ThreadsLogWhileTheCallbackChanges) {
     std::atomic<unsigned> received = 0;
-    const auto count = [&received](const stx::source_location&, logging::priority, logging::tag,
-                                   std::string_view) { ++received; };
+    const auto count = [&received](auto&&...) { ++received; };
     const logging::callback before = logging::exchange_callback(count);
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
@@ -161,8 +159,7 @@ TEST(Logging, ThreadsLogWhileTheCallbackChanges) {
         thread.join();
     }
     logging::exchange_callback(before);
-    EXPECT_GT(received, 0U);
-    EXPECT_LE(received, 2000U);
+    EXPECT_TRUE(received > 0 && received <= 2000) << received;
 }
 
 }  // namespace

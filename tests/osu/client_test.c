@@ -18,7 +18,7 @@ static void note_end(void* value) {
 
 static void* end_with_word(void* word) {
     EXPECT(osup_thread_data_get() == NULL);
-    EXPECT(osup_thread_data_set(word) == OSUP_THREAD_DATA_STORED && osup_thread_data_get() == word);
+    EXPECT(osup_thread_data_set(word) == 1 && osup_thread_data_get() == word);
     EXPECT(osup_sem_post(&arrived) == 0 && osup_sync_object_wait(&open_now) == 0);
     return word;
 }
@@ -29,8 +29,8 @@ static void* ending_of_thread(void* word) {
     void* result = NULL;
     ended_with = NULL;
     EXPECT(osup_sem_init(&arrived, 0) == OSUP_SUCCESS && osup_sync_object_init(&open_now) == OSUP_SUCCESS);
-    EXPECT(osup_thread_create(&thread, end_with_word, word) == OSUP_SUCCESS);
-    EXPECT(osup_sem_wait(&arrived) == OSUP_SEM_WAIT_DONE && osup_sem_trywait(&arrived) == OSUP_FAILURE);
+    EXPECT(osup_thread_create(&thread, end_with_word, word) == 0);
+    EXPECT(osup_sem_wait(&arrived) == 1 && osup_sem_trywait(&arrived) == 1);
     EXPECT(osup_sync_object_set_and_broadcast(&open_now) == 0 && osup_sync_object_wait(&open_now) == 0);
     EXPECT(pthread_join(thread, &result) == 0 && result == word);
     EXPECT(osup_sync_object_clear(&open_now) == 0 &&
