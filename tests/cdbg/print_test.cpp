@@ -247,7 +247,7 @@ TEST(forks, a_child_prints_unless_another_thread_was_at_it) {
     });
     EXPECT_EQ(children(quiet), 4) << quiet.output << quiet.error;
     // Each channel's slot in turn, and each lock, as another thread would hold it.
-    for (int held = 0; held < 7; ++held) {
+    for (int held = 0; held < 8; ++held) {
         const outcome seen = run_apart([held] {
             const settings some({"VEXA_SETTING=1"});
             cdbg_print_to_error_channel("first");
@@ -258,7 +258,8 @@ TEST(forks, a_child_prints_unless_another_thread_was_at_it) {
             } else if (held < 6) {
                 osup_mutex_lock(osup_mutex_static_get(static_cast<std::uint32_t>(held) - 3));
             } else {
-                pthread_mutex_lock(&cdbgp_channels[0].ring.read_commit_lock);
+                cutils_ring_buffer& ring = cdbgp_channels[0].ring;
+                pthread_mutex_lock(held == 6 ? &ring.read_commit_lock : &ring.write_commit_lock);
             }
             EXPECT_EQ(fate_of_child(), 0);
         });

@@ -106,6 +106,7 @@ TEST(osu, deadline_carries_and_is_clamped) {
 
 TEST(osu, sync_object_wakes_every_waiter_also_for_no_reason) {
     osup_sync_object object;
+    std::memset(&object, 0xff, sizeof object);
     ASSERT_EQ(osup_sync_object_init(&object), OSUP_SUCCESS);
     for (const bool set : {true, false}) {
         auto first = std::async(std::launch::async, osup_sync_object_wait, &object);
