@@ -50,14 +50,15 @@ foreach(language C CXX ASM)
 endforeach()
 string(APPEND CMAKE_CXX_FLAGS_INIT " -nostdinc++ -isystem ${runtime}/include/c++/v1")
 
-# The libraries of a device take the place of an NDK's stubs. They need others, which are of no concern here.
+# The libraries of a device take the place of an NDK's stubs. They need others, which are of no concern here. They also
+# offer what happens to be in them of the compiler's own functions, and other devices' may not: those come first.
 set(start ${CMAKE_SYSROOT}/usr/lib)
-set(link "-fuse-ld=lld -nostdlib -L${COUNTERFEED_ANDROID_KIT}/system/lib -L${runtime}/lib -Wl,--allow-shlib-undefined")
-string(APPEND link " -Wl,--build-id=sha1 -Wl,--fatal-warnings -Wl,--exclude-libs,libunwind.a -Wl,--exclude-libs,libbuiltins.a")
+set(link "-fuse-ld=lld -nostdlib -L${COUNTERFEED_ANDROID_KIT}/system/lib -L${runtime}/lib -lunwind -lbuiltins")
+string(APPEND link " -Wl,--allow-shlib-undefined -Wl,--build-id=sha1 -Wl,--fatal-warnings -Wl,--exclude-libs,libunwind.a -Wl,--exclude-libs,libbuiltins.a")
 set(CMAKE_EXE_LINKER_FLAGS_INIT
     "${link} -pie -Wl,-dynamic-linker,/system/bin/linker ${start}/crtbegin_dynamic.o ${start}/crtend_android.o")
 foreach(kind SHARED MODULE)
     set(CMAKE_${kind}_LINKER_FLAGS_INIT "${link} ${start}/crtbegin_so.o ${start}/crtend_so.o")
 endforeach()
-set(CMAKE_C_STANDARD_LIBRARIES "-lunwind -lbuiltins -lc -lm -ldl")
+set(CMAKE_C_STANDARD_LIBRARIES "-lc -lm -ldl")
 set(CMAKE_CXX_STANDARD_LIBRARIES "-lc++_static ${CMAKE_C_STANDARD_LIBRARIES}")

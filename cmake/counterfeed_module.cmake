@@ -33,6 +33,19 @@ if(NOT COUNTERFEED_SANITIZE)
     endif()
 endif()
 
+if(ANDROID)
+    # The linker makes files smaller where nothing is lost by it. Equal functions become one: nothing here tells functions
+    # apart by their addresses but a client's own. Relocations take the forms that the platform's linker knows from level
+    # 23 and from 28 on.
+    string(REPLACE android- "" level ${ANDROID_PLATFORM})
+    add_link_options(LINKER:-O2,--icf=all,--hash-style=gnu)
+    if(level LESS 28)
+        add_link_options(LINKER:--pack-dyn-relocs=android)
+    else()
+        add_link_options(LINKER:--pack-dyn-relocs=android+relr,--use-android-relr-tags)
+    endif()
+endif()
+
 if(COUNTERFEED_SANITIZE)
     add_compile_options(-fsanitize=${COUNTERFEED_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${COUNTERFEED_SANITIZE})
