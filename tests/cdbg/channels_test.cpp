@@ -81,7 +81,7 @@ TEST(channels, every_length_around_the_slot_arrives_and_the_last_messages_stay_a
             kept.emplace_back(static_cast<char*>(slot->data));
             cutils_ring_buffer_read_unlock(&open.channel.ring, slot);
         }
-        EXPECT_EQ(kept, strings(arrived.end() - history, arrived.end()));
+        EXPECT_EQ(kept, strings(arrived.end() - static_cast<std::ptrdiff_t>(history), arrived.end()));
     }
 }
 

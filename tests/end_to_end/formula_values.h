@@ -44,7 +44,8 @@ inline void expect_formula_values(
     for (const report::counter_sample& sample : sequence.samples) {
         ASSERT_EQ(sample.values.size(), sequence.counters.size());
         take_next();
-        for (std::uint64_t missed = 0; missed < most_missed && !std::ranges::all_of(sample.values, is_exact);
+        for (std::uint64_t missed = 0;
+             missed < most_missed && !std::all_of(sample.values.begin(), sample.values.end(), is_exact);
              ++missed) {
             take_next();
         }

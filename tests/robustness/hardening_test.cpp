@@ -27,7 +27,7 @@ public:
         for (const auto& entry :
              elf_records<ElfW(Dyn)>(bytes_, table->p_offset, table->p_filesz / sizeof(ElfW(Dyn)))) {
             if (entry.d_tag == tag) {
-                return entry.d_un.d_val;
+                return static_cast<std::uintptr_t>(entry.d_un.d_val);
             }
         }
         return 0;
