@@ -5,6 +5,7 @@
 
 #include <dlfcn.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -43,6 +44,9 @@ int main(int argument_count, char** arguments) {
                      name[0] == '-' ? name : arguments[2]);
         return 2;
     }
+    // Whoever reads standard error may go away before us, and a message that nobody reads is no reason to
+    // end.
+    std::signal(SIGPIPE, SIG_IGN);
     void* const library = dlopen(name, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
         std::fprintf(stderr, "counterfeed-launcher: can't load the library: %s\n", dlerror());

@@ -199,6 +199,10 @@ constexpr auto items = std::to_array<item>({
      }},
     {"legacy", "0 or 1",
      [](std::string_view value, parse_state& state) { return read(value, state.node.gpu.is_legacy, 0, 1); }},
+    {"loses", "0 or 1",
+     [](std::string_view value, parse_state& state) {
+         return read(value, state.node.gpu.loses_samples, 0, 1);
+     }},
     {"hwver", "a number of 32 bits",
      [](std::string_view value, parse_state& state) {
          return read(value, state.node.gpu.counter_hardware_version);

@@ -17,6 +17,7 @@
 //   version=11.33        the kernel interface's version
 //   features=3           the counter readers' feature bits, 0 to 3
 //   legacy=0             1: the driver knows the legacy API version request alone
+//   loses=1              0: samples wait for a free buffer, however late
 //   hwver=5              the counter hardware's version
 //   late=0               when the node appears, in milliseconds from the program's start, up to 60000
 //   source=workload      where sample words come from: "workload" or "formula"

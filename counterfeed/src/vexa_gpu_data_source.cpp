@@ -8,12 +8,14 @@
 #include <exception>
 #include <functional>
 #include <limits>
+#include <span>
 #include <string>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "counterfeed/src/periodic_hwc_reader.h"
+#include "counterfeed/src/sample_packet.h"
 #include "hwc/measure_unit.h"
 #include "hwc/product.h"
 #include "hwc/profiler.h"
@@ -132,15 +134,16 @@ void vexa_gpu_data_source::OnSetup(const SetupArgs& arguments) {
 
     std::error_code ec;
     std::unique_ptr<hwc_reader> new_reader = ask_reader_factory(config);
-    words_per_sample = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t new_words_per_sample = std::numeric_limits<std::uint64_t>::max();
     if (!new_reader) {
         auto kernel_reader =
             std::make_unique<periodic_hwc_reader>(std::chrono::nanoseconds(sampling_period), ec);
-        words_per_sample = kernel_reader->words_per_sample();
+        new_words_per_sample = kernel_reader->words_per_sample();
         new_reader = std::move(kernel_reader);
     }
     if (!ec && new_reader->is_initialized()) {
         reader = std::move(new_reader);
+        words_per_sample = new_words_per_sample;
         return;
     }
     logger.e("Failed to initialize HWC reader\n");
@@ -206,21 +209,22 @@ void vexa_gpu_data_source::threadfn_periodic_counter_poll_loop() const {
     if (words_per_sample < profiler.words_read()) {
         return;
     }
+    std::vector<std::uint32_t> selected_ids;
+    for (const hwc::vexa_counter_descriptor& row : selected_counters) {
+        selected_ids.push_back(row.id);
+    }
+    sample_packet packet(selected_ids);
     reader->process_buffers_until_interrupted(
-        [&profiler, &selected_counters](std::uint64_t timestamp, std::uint64_t /*delta*/,
-                                        std::uint64_t cycles, const std::uint32_t* sample) {
+        [&profiler, &selected_counters, &packet](std::uint64_t timestamp, std::uint64_t /*delta*/,
+                                                 std::uint64_t cycles, const std::uint32_t* sample) {
             profiler.gpu_cycles = cycles;
             const hwc::sample_in_hand in_hand(profiler, sample);
-            Trace([&](TraceContext context) {
-                const auto packet = context.NewTracePacket();
-                packet->set_timestamp_clock_id(pbzero::BUILTIN_CLOCK_MONOTONIC_RAW);
-                packet->set_timestamp(timestamp);
-                auto* event = packet->set_gpu_counter_event();
-                for (const hwc::vexa_counter_descriptor& row : selected_counters) {
-                    auto* counter = event->add_counters();
-                    counter->set_counter_id(row.id);
-                    counter->set_double_value(hwc::reported_value(profiler, sample, row));
-                }
+            for (std::size_t i = 0; i < selected_counters.size(); ++i) {
+                packet.set_value(i, hwc::reported_value(profiler, sample, selected_counters[i]));
+            }
+            const std::span<const std::uint8_t> bytes = packet.at(timestamp);
+            Trace([bytes](TraceContext context) {
+                context.NewTracePacket()->AppendRawProtoBytes(bytes.data(), bytes.size());
             });
         });
 }

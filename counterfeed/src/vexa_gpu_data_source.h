@@ -26,7 +26,7 @@ class vexa_gpu_data_source
 public:
     // Reads the session's counter ids and sampling period, and makes the reader. A config may carry the
     // address of a reader_factory in this process, for_testing.dummy_fields.field_uint64, which is then asked
-    // for the reader.
+    // for the reader. Without a new reader, one of an earlier setup stays and can still be started.
     void OnSetup(const SetupArgs& arguments) override;
 
     // Starts the sampling, and the thread that waits for samples.
@@ -46,8 +46,8 @@ protected:  // and not private, so that a test can derive from the class and loo
     std::set<std::uint32_t> counter_ids;
     std::unique_ptr<hwc_reader>
         reader;  // held from a setup that worked until the stop, or a start that failed
-    // What a sample of the kernel's has room for; a substitute reader is taken to deliver all that the GPU in
-    // use calls for.
+    // What a sample of that reader's has room for; a substitute reader is taken to deliver all that the GPU
+    // in use calls for.
     std::uint64_t words_per_sample = 0;
     std::thread poll_thread;
     logging::print::logger logger{logging::tag("vexa_gpu_data_source")};

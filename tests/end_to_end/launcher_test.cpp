@@ -1,6 +1,7 @@
 // The library as it is shipped, in the launcher's hands: loading, exports, and start with and without a GPU.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <regex>
@@ -37,36 +38,44 @@ std::vector<std::string> lines_of(const std::string& text) {
 TEST(Launcher, GivesUpAfterOneLogLineWithoutAGpu) {
     const temporary_folder folder;
     const std::string output = folder.file("output");
+    const std::vector<std::string> environment = {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("nobody")};
     for (const char* gpu : {"none", "id=0x7004", "id=0x0ff0"}) {
-        EXPECT_EQ(test_support::run(
-                      launcher_setup(gpu, output, {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("nobody")})),
-                  1);
+        EXPECT_EQ(test_support::run(launcher_setup(gpu, output, environment)), 1);
         const std::vector<std::string> lines = lines_of(read_file(output));
         ASSERT_EQ(lines.size(), 2U) << gpu;
         EXPECT_EQ(lines[0].rfind("counterfeed E ", 0), 0U);
         EXPECT_NE(lines[0].find(" Failed to register vexa_gpu_data_source"), std::string::npos);
         EXPECT_EQ(lines[1].rfind("counterfeed-launcher: ", 0), 0U);
     }
+    process_setup without_library = launcher_setup("none", output, {});
+    without_library.command[1] = "/nonexistent.so";
+    EXPECT_EQ(test_support::run(without_library), 1);
+    EXPECT_NE(read_file(output).find("/nonexistent.so"), std::string::npos);
+}
+
+// An error message to a pipe that nobody reads any more does not end it.
+TEST(Launcher, PrintsForNobody) {
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    ::close(pipe[0]);
+    const int own_error = ::dup(STDERR_FILENO);
+    ::dup2(pipe[1], STDERR_FILENO);
+    const int status = test_support::run(launcher_setup("none", "", {}));
+    ::dup2(own_error, STDERR_FILENO);
+    ::close(own_error);
+    ::close(pipe[1]);
+    EXPECT_EQ(status, 1);
 }
 
 TEST(Launcher, ParksInSilenceWithoutAService) {
     const temporary_folder folder;
-    const std::string output = folder.file("output");
+    const std::string output = folder.file("output"), seam = folder.file("seam");
     process running(launcher_setup(
-        "", output,
-        {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("nobody"), "VIRTUAL_GPU_SEAM=" + folder.file("seam")}));
-    EXPECT_TRUE(eventually([&] { return !read_file(folder.file("seam")).empty(); }));
+        "", output, {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("nobody"), "VIRTUAL_GPU_SEAM=" + seam}));
+    EXPECT_TRUE(eventually([&] { return !read_file(seam).empty(); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_TRUE(running.is_running());
     EXPECT_EQ(read_file(output), "");
-}
-
-TEST(Launcher, SaysWhenItHasNoLibrary) {
-    const temporary_folder folder;
-    process_setup setup = launcher_setup("none", folder.file("output"), {});
-    setup.command[1] = "/nonexistent.so";
-    EXPECT_EQ(test_support::run(setup), 1);
-    EXPECT_NE(read_file(folder.file("output")).find("/nonexistent.so"), std::string::npos);
 }
 
 // Each product in a process of its own, as on a device: what the service hears of it.
@@ -80,18 +89,16 @@ TEST(Launcher, EveryProductIsOfferedWithItsWholeTable) {
     for (const auto& product : products) {
         const tracing_service service;
         const process running(launcher_setup(std::string("id=") + product.id, "", service.environment()));
-        std::vector<report::counter_description> offered;
-        ASSERT_TRUE(eventually([&] {
-            offered = report::read_offered_counters(service.query());
-            return !offered.empty();
-        })) << product.id;
-        EXPECT_EQ(offered.size(), product.rows) << product.id;
         std::set<std::uint32_t> ids;
-        for (const report::counter_description& counter : offered) {
-            ids.insert(counter.id);
-            EXPECT_FALSE(counter.name.empty() || counter.description.empty());
-        }
-        EXPECT_EQ(ids.size(), product.rows);
+        EXPECT_TRUE(eventually([&] {
+            for (const report::counter_description& counter :
+                 report::read_offered_counters(service.query())) {
+                EXPECT_TRUE(ids.insert(counter.id).second) << counter.id;
+                EXPECT_FALSE(counter.name.empty() || counter.description.empty());
+            }
+            return !ids.empty();
+        }));
+        EXPECT_EQ(ids.size(), product.rows) << product.id;
     }
 }
 

@@ -1,10 +1,12 @@
 // Whole trace sessions through the real tracing service, with the product, the virtual GPU and the test in
 // one process.
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <perfetto.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <mutex>
 #include <thread>
 
@@ -53,10 +55,18 @@ const tracing_service& service() {
 std::mutex meeting;
 reader_factory test_factory;
 
+std::atomic<unsigned> delivered;  // samples of the session in hand
+
 class met_reader : public test_support::forwarding_reader {
 public:
     using forwarding_reader::forwarding_reader;
     ~met_reader() override { const std::lock_guard held(meeting); }
+    void process_buffers_until_interrupted(counterfeed::sample_callback callback) override {
+        forwarding_reader::process_buffers_until_interrupted([&callback](auto... arguments) {
+            callback(arguments...);
+            ++delivered;
+        });
+    }
 };
 
 // The factory that every config names: it asks the one of the test in hand.
@@ -74,16 +84,20 @@ protected:
     }
 };
 
-std::string config_text(const std::vector<std::uint32_t>& ids, const reader_factory& factory,
-                        unsigned duration_ms) {
+// The trace of a session that has had so many samples.
+std::string record(const std::vector<std::uint32_t>& ids, const reader_factory& factory, unsigned samples) {
     {
         const std::lock_guard held(meeting);
         test_factory = factory;
+        delivered = 0;
     }
-    return test_support::session_config(
-        ids, duration_ms, "",
-        "for_testing { dummy_fields { field_uint64: " +
-            std::to_string(reinterpret_cast<std::uintptr_t>(&published_factory)) + " } }");
+    return service().record_until(
+        test_support::session_config(
+            ids, 0, "",
+            "for_testing { dummy_fields { field_uint64: " +
+                std::to_string(reinterpret_cast<std::uintptr_t>(&published_factory)) + " } }") +
+            test_support::with_room_for(program_invocation_name),
+        [samples](const std::string& /*file*/) { return delivered >= samples; });
 }
 
 // Delivers given samples at once, and then waits for the interrupt.
@@ -158,43 +172,37 @@ TEST_F(Sessions, PacketsByteByByte) {
             std::vector<scripted_sample>{{0x1122334455, 7, 3, words}, {0xffffffffffffffff, 0, 0, words}});
     };
     // Ids in no order, one twice and one unknown.
-    const auto packets =
-        counter_packets(service().record(config_text({65535, 69, 999999, 69}, factory, 300)));
+    const auto packets = counter_packets(record({65535, 69, 999999, 69}, factory, 2));
     const hwc::counter_table& table = hwc::counter_tables[7];
-    const auto packet = [](const std::string& event) { return nested(52, event); };
-    const std::string cycles_id("\x08\xFF\xFF\x03", 4);
-    ASSERT_EQ(packets.size(), 3U);
-    EXPECT_EQ(packets[0],
-              std::string("\x40\x00", 2) + packet(nested(1, nested(1, row_bytes(*table.find(69))) +
-                                                                nested(1, row_bytes(*table.find(65535))))));
-    EXPECT_EQ(packets[1],
-              "\xD0\x03\x05\x40\xD5\x88\xCD\x91\x92\x02" +
-                  packet(nested(2, std::string("\x08\x45\x19\x00\x00\xE0\xFF\xFF\xFF\xEF\x41", 11)) +
-                         nested(2, cycles_id + std::string("\x19\x00\x00\x00\x00\x00\x00\x08\x40", 9))));
-    EXPECT_EQ(packets[2],
-              "\xD0\x03\x05\x40\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x01" +
-                  packet(nested(2, std::string("\x08\x45\x19\x00\x00\xE0\xFF\xFF\xFF\xEF\x41", 11)) +
-                         nested(2, cycles_id + std::string("\x19\x00\x00\x00\x00\x00\x00\x00\x00", 9))));
+    const auto described = [](const std::string& specs) {
+        return std::string("\x40\x00", 2) + nested(52, nested(1, specs));
+    };
+    const std::string one = "\xD0\x03\x05\x40\xD5\x88\xCD\x91\x92\x02\xA2\x03";
+    const std::string other = "\xD0\x03\x05\x40\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x01\xA2\x03";
+    const std::string largest_word("\x12\x0B\x08\x45\x19\x00\x00\xE0\xFF\xFF\xFF\xEF\x41", 13);
+    const std::string cycles("\x12\x0D\x08\xFF\xFF\x03\x19", 7);
+    EXPECT_EQ(packets,
+              (std::vector<std::string>{
+                  described(nested(1, row_bytes(*table.find(69))) + nested(1, row_bytes(*table.find(65535)))),
+                  one + "\x1C" + largest_word + cycles + std::string("\x00\x00\x00\x00\x00\x00\x08\x40", 8),
+                  other + "\x1C" + largest_word + cycles + std::string(8, '\0')}));
     EXPECT_EQ(test_support::take_log_lines(),
               (std::vector<test_support::log_line>{
                   {5, "vexa_gpu_data_source", "Unexpected counter id 999999 specified, ignoring\n"}}));
     // No counters are a session too.
-    EXPECT_EQ(
-        counter_packets(service().record(config_text({}, factory, 300))),
-        (std::vector<std::string>{std::string("\x40\x00", 2) + packet(nested(1, "")),
-                                  "\xD0\x03\x05\x40\xD5\x88\xCD\x91\x92\x02" + packet(""),
-                                  "\xD0\x03\x05\x40\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x01" + packet("")}));
+    EXPECT_EQ(counter_packets(record({}, factory, 2)),
+              (std::vector<std::string>{described(""), one + '\0', other + '\0'}));
 }
 
 // Every product, without counters and with every row of its table: the values in the trace are those of the
 // evaluator on the same words, within the limits that a session keeps.
 TEST_F(Sessions, AllRowsOfAllProducts) {
-    const std::uint32_t ids[] = {0x6000, 0x6001, 0x7000, 0x7001, 0x7002, 0x7003, 0x9000, 0x9001,
-                                 0x9002, 0x9003, 0x9004, 0xa002, 0xa003, 0xa004, 0xa007};
+    const std::uint32_t gpu_ids[] = {0x6000, 0x6001, 0x7000, 0x7001, 0x7002, 0x7003, 0x9000, 0x9001,
+                                     0x9002, 0x9003, 0x9004, 0xa002, 0xa003, 0xa004, 0xa007};
     unsigned products = 0;
-    for (std::size_t i = 0; i < std::size(ids); ++i) {
+    for (std::size_t i = 0; i < std::size(gpu_ids); ++i) {
         virtual_gpu::gpu_description gpu;
-        gpu.product_id = ids[i] | 0x120;  // bits that do not count
+        gpu.product_id = gpu_ids[i] | 0x120;  // bits that do not count
         gpu.core_group_masks =
             i % 3 == 0 ? std::vector<std::uint64_t>{0b1011} : std::vector<std::uint64_t>{0x3, 0xf0};
         gpu.l2_slices = static_cast<std::uint8_t>(i % 9);
@@ -210,24 +218,16 @@ TEST_F(Sessions, AllRowsOfAllProducts) {
         options.free_running = true;
         options.stop_after = 20;
         const reader_factory factory = [gpu, options] { return test_support::formula_reader(options, gpu); };
-        const auto nothing = report::read_counters(service().record(config_text({}, factory, 300)));
-        ASSERT_TRUE(nothing);
-        ASSERT_EQ(nothing->size(), 1U);
+        const auto nothing = report::read_counters(record({}, factory, 20));
+        ASSERT_TRUE(nothing && nothing->size() == 1);
         EXPECT_TRUE(nothing->begin()->second.counters.empty());
         EXPECT_EQ(nothing->begin()->second.samples.size(), 20U);
 
-        std::vector<std::uint32_t> all_ids;
-        for (const hwc::vexa_counter_descriptor& row : *product.counters) {
-            all_ids.push_back(row.id);
-        }
-        const auto sequences = report::read_counters(service().record(config_text(all_ids, factory, 300)));
-        ASSERT_TRUE(sequences);
-        ASSERT_EQ(sequences->size(), 1U);
-        const report::counter_sequence& sequence = sequences->begin()->second;
-        ASSERT_EQ(sequence.counters.size(), product.counters->size());
-        ASSERT_EQ(sequence.samples.size(), 20U);
-
-        test_support::expect_formula_values(sequence, product, gpu);
+        const auto ids = test_support::all_ids(product);
+        const auto sequences = report::read_counters(record(ids, factory, 20));
+        ASSERT_TRUE(sequences && sequences->size() == 1);
+        EXPECT_EQ(sequences->begin()->second.samples.size(), 20U);
+        test_support::expect_formula_values(sequences->begin()->second, ids, product, gpu, options.period_ns);
     }
     EXPECT_EQ(products, 0x3fffU);
     machine::remove_node(0);
@@ -241,7 +241,7 @@ TEST_F(Sessions, AHundredInARowLeaveNothingBehind) {
         if (session == 4) {
             before = held_resources::now();
         }
-        EXPECT_FALSE(counter_packets(service().record(config_text({6}, factory, 20))).empty());
+        EXPECT_GT(counter_packets(record({6}, factory, 5)).size(), 5U);
     }
     // The last session is torn down behind its consumer's back.
     EXPECT_TRUE(test_support::nothing_left(before));

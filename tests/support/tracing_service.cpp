@@ -1,6 +1,7 @@
 #include "tests/support/tracing_service.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <atomic>
 #include <filesystem>
@@ -84,6 +85,16 @@ std::unique_ptr<process> tracing_service::start_recording(const std::string& con
 std::string tracing_service::record(const std::string& config) const {
     const std::string trace_file = unused_file(folder, "trace");
     EXPECT_EQ(start_recording(config, trace_file)->wait(), 0);
+    return read_file(trace_file);
+}
+
+std::string tracing_service::record_until(const std::string& config,
+                                          const std::function<bool(const std::string&)>& is_enough) const {
+    const std::string trace_file = unused_file(folder, "trace");
+    const auto recording = start_recording(config, trace_file);
+    EXPECT_TRUE(eventually([&] { return is_enough(trace_file); }));
+    ::kill(recording->id(), SIGTERM);
+    EXPECT_EQ(recording->wait(), 0);
     return read_file(trace_file);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -40,6 +41,10 @@ public:
 
     // Records a session of a fixed duration: the trace's bytes.
     std::string record(const std::string& config) const;
+
+    // Records a session without a duration until the condition holds, which is given the trace's file.
+    std::string record_until(const std::string& config,
+                             const std::function<bool(const std::string&)>& is_enough) const;
 
     const temporary_folder folder;
 
