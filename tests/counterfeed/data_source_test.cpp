@@ -285,26 +285,4 @@ TEST_F(DataSourceDeathTest, MistakesThatEndTheProcess) {
         testing::KilledBySignal(SIGABRT), "thread constructor failed");
 }
 
-TEST_F(DataSource, RegistrationNeedsAGpuThatIsKnown) {
-    const auto refuses = [](const char* what) {
-        EXPECT_FALSE(counterfeed::register_vexa_gpu_data_source()) << what;
-    };
-    for (const virtual_gpu::request_kind kind :
-         {virtual_gpu::request_kind::open, virtual_gpu::request_kind::set_flags,
-          virtual_gpu::request_kind::get_properties}) {
-        machine::fail(kind, EIO);
-        refuses("failing requests");
-    }
-    virtual_gpu::gpu_description gpu;
-    gpu.product_id = 0x7004;
-    set_gpu(gpu);
-    refuses("unknown GPU");
-    gpu.raw_properties.emplace(3);
-    set_gpu(gpu);
-    refuses("damaged properties");
-    machine::reset();
-    machine::add_node(1, {});
-    refuses("another node");
-}
-
 }  // namespace

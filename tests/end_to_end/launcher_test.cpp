@@ -9,19 +9,16 @@
 #include <sstream>
 
 #include "tests/support/elf_symbols.h"
-#include "tests/support/tracing_service.h"
-#include "workstation/report/trace_file.h"
+#include "tests/support/process.h"
 
 namespace {
 
-using namespace qel::vexa;  // NOLINT(google-build-using-namespace)
 using test_support::eventually;
 using test_support::launcher_setup;
 using test_support::process;
 using test_support::process_setup;
 using test_support::read_file;
 using test_support::temporary_folder;
-using test_support::tracing_service;
 
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> result;
@@ -76,30 +73,6 @@ TEST(Launcher, ParksInSilenceWithoutAService) {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_TRUE(running.is_running());
     EXPECT_EQ(read_file(output), "");
-}
-
-// Each product in a process of its own, as on a device: what the service hears of it.
-TEST(Launcher, EveryProductIsOfferedWithItsWholeTable) {
-    const struct {
-        const char* id;
-        std::size_t rows;
-    } products[] = {{"0x7003", 275}, {"0x7000", 275}, {"0x7002", 280}, {"0x9001", 289}, {"0x9004", 290},
-                    {"0x6000", 274}, {"0x6001", 274}, {"0x7001", 280}, {"0x9000", 289}, {"0x9002", 290},
-                    {"0xa004", 321}, {"0xa003", 321}, {"0xa007", 321}, {"0xa002", 321}, {"0x9003", 289}};
-    for (const auto& product : products) {
-        const tracing_service service;
-        const process running(launcher_setup(std::string("id=") + product.id, "", service.environment()));
-        std::set<std::uint32_t> ids;
-        EXPECT_TRUE(eventually([&] {
-            for (const report::counter_description& counter :
-                 report::read_offered_counters(service.query())) {
-                EXPECT_TRUE(ids.insert(counter.id).second) << counter.id;
-                EXPECT_FALSE(counter.name.empty() || counter.description.empty());
-            }
-            return !ids.empty();
-        }));
-        EXPECT_EQ(ids.size(), product.rows) << product.id;
-    }
 }
 
 // What the library exports is the whole of its interface: start, and what its clients' header declares.

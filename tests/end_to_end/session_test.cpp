@@ -17,7 +17,6 @@
 #include "tests/end_to_end/formula_values.h"
 #include "tests/support/platform_log.h"
 #include "tests/support/readers.h"
-#include "tests/support/resources.h"
 #include "tests/support/tracing_service.h"
 #include "tests/support/wire.h"
 #include "virtual_gpu/machine.h"
@@ -29,8 +28,6 @@ using namespace qel::vexa;           // NOLINT(google-build-using-namespace)
 using namespace test_support::wire;  // NOLINT(google-build-using-namespace)
 using counterfeed::reader_factory;
 using test_support::eventually;
-using test_support::every;
-using test_support::held_resources;
 using test_support::tracing_service;
 namespace machine = virtual_gpu::machine;
 
@@ -108,7 +105,8 @@ struct scripted_sample {
 class scripted_reader : public test_support::forwarding_reader {
 public:
     explicit scripted_reader(const std::vector<scripted_sample>& samples)
-        : forwarding_reader(test_support::formula_reader(every(1'000'000'000'000))), samples_(samples) {}
+        : forwarding_reader(test_support::formula_reader(test_support::every(1'000'000'000'000))),
+          samples_(samples) {}
     void process_buffers_until_interrupted(counterfeed::sample_callback callback) override {
         for (const scripted_sample& sample : samples_) {
             callback(sample.timestamp, sample.delta, sample.cycles, sample.words.data());
@@ -232,19 +230,6 @@ TEST_F(Sessions, AllRowsOfAllProducts) {
     EXPECT_EQ(products, 0x3fffU);
     machine::remove_node(0);
     machine::add_node(0, {});
-}
-
-TEST_F(Sessions, AHundredInARowLeaveNothingBehind) {
-    const reader_factory factory = [] { return test_support::formula_reader(every(1'000'000)); };
-    held_resources before{};
-    for (int session = 0; session < 104; ++session) {
-        if (session == 4) {
-            before = held_resources::now();
-        }
-        EXPECT_GT(counter_packets(record({6}, factory, 5)).size(), 5U);
-    }
-    // The last session is torn down behind its consumer's back.
-    EXPECT_TRUE(test_support::nothing_left(before));
 }
 
 }  // namespace

@@ -43,14 +43,12 @@ private:
 };
 
 std::string random_config(generator& random) {
-    std::string result = "buffers { size_kb: 4096 } duration_ms: " + std::to_string(1 + random.below(400)) +
-                         " data_sources { config { name: \"gpu.counters\" gpu_counter_config {" +
-                         " counter_period_ns: " + std::to_string(random.below(20'000'000));
-    for (unsigned left = random.below(60); left > 0; --left) {
-        result += " counter_ids: " +
-                  std::to_string(random.below(2) == 0 ? random.below(256) : 65536 + random.below(120));
+    std::vector<std::uint32_t> ids(random.below(60));
+    for (std::uint32_t& id : ids) {
+        id = random.below(2) == 0 ? random.below(256) : 65536 + random.below(120);
     }
-    return result + " } } }";
+    return test_support::session_config(ids, 1 + random.below(400),
+                                        "counter_period_ns: " + std::to_string(random.below(20'000'000)));
 }
 
 struct recording {
