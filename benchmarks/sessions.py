@@ -60,10 +60,10 @@ class Service:
         that the producer shares with the service is 1 MiB in such pages, if this is the producer's first session."""
         pid, name = launcher
         counters = " ".join(f"counter_ids: {i}" for i in ids)
-        instance = (f'data_sources {{ config {{ name: "{source}" gpu_counter_config {{ counter_period_ns: '
-                    f'{period_ms * 1000000} {counters} }} }} producer_name_filter: "{name}" }} ')
-        # In one trace, since the service lets one user have fewer traces at a time.
-        config = "buffers { size_kb: 65536 } " + instance * sessions
+        # In one trace, since the service lets one user have fewer traces at a time; equal ones would be one.
+        config = "buffers { size_kb: 65536 } " + "".join(
+            f'data_sources {{ config {{ name: "{source}" gpu_counter_config {{ counter_period_ns: '
+            f'{period_ms * 1000000 + i} {counters} }} }} producer_name_filter: "{name}" }} ' for i in range(sessions))
         if pages_kb:
             config += f'producers {{ producer_name: "{name}" page_size_kb: {pages_kb} shm_size_kb: 1024 }}'
         (self.path / "config").write_text(config)

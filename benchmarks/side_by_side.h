@@ -46,10 +46,11 @@ void side_by_side(benchmark::State& state, double items, Ours ours, Theirs their
             for (int i = turns != nullptr ? std::atoi(turns) : 1; i > 0; --i) {
                 static_cast<void>(std::string_view(side) == "ours" ? ours() : theirs());
             }
-            state.counters["items"] = items * (turns != nullptr ? std::atoi(turns) : 1);
             constexpr double more_than_any_run_takes = 1e6;
             state.SetIterationTime(more_than_any_run_takes);
         }
+        state.counters["items"] =
+            items * (turns != nullptr ? std::atoi(turns) : 1) * static_cast<double>(state.iterations());
         return;
     }
     std::vector<double> our_times;

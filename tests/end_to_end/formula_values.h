@@ -24,14 +24,18 @@ inline void expect_formula_values(
     std::uint64_t period_ns,
     std::uint64_t (*cycles)(std::uint64_t) = qel::vexa::virtual_gpu::formula_cycles) {
     using namespace qel::vexa;  // NOLINT(google-build-using-namespace)
-    ASSERT_TRUE(std::ranges::equal(sequence.counters, ids, {}, &report::counter_description::id));
+    const auto are_of_these_ids = [&ids](const auto& things) {
+        return std::equal(things.begin(), things.end(), ids.begin(), ids.end(),
+                          [](const auto& thing, std::uint32_t id) { return thing.id == id; });
+    };
+    ASSERT_TRUE(are_of_these_ids(sequence.counters));
     hwc::profiler profiler(product, 5);
     std::vector<std::uint32_t> words(virtual_gpu::sample_layout(gpu).word_count());
     std::uint64_t number = 0;
     for (const report::counter_sample& sample : sequence.samples) {
         ++number;
         ASSERT_EQ(sample.timestamp, sequence.samples[0].timestamp + (number - 1) * period_ns);
-        ASSERT_TRUE(std::ranges::equal(sample.values, ids, {}, &report::counter_value::id));
+        ASSERT_TRUE(are_of_these_ids(sample.values));
         for (std::size_t w = 0; w < words.size(); ++w) {
             words[w] = virtual_gpu::formula_word(number, w / 64, w % 64);
         }
@@ -53,7 +57,7 @@ inline std::vector<std::uint32_t> all_ids(const qel::vexa::hwc::product& product
     for (const auto& row : *product.counters) {
         result.push_back(row.id);
     }
-    std::ranges::sort(result);
+    std::sort(result.begin(), result.end());
     return result;
 }
 
