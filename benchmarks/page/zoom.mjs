@@ -18,10 +18,10 @@ const other = join(tmpdir(), `uplot-${process.pid}.html`);
 writeFileSync(other, `<!doctype html><meta charset="utf-8"><style>body { margin: 0; } ${
   readFileSync(join(uplotFolder, "dist/uPlot.min.css"))}</style><body><script>${
   readFileSync(join(uplotFolder, "dist/uPlot.iife.min.js"), "utf8")}</script><script>
-  window.show = (times, all, height) => {
+  window.show = (times, all, height, hasAxes) => {
     window.plots = all.map((values) => new uPlot({
-      width: 570, height, legend: { show: false }, cursor: { show: false }, scales: { x: { time: false } },
-      axes: [{ show: false }, { show: false }],
+      width: 570 + 40 * hasAxes, height: height + 20 * hasAxes, legend: { show: false }, cursor: { show: false },
+      scales: { x: { time: false } }, axes: [{ show: hasAxes, size: 20 }, { show: hasAxes, size: 40 }],
       series: [{}, { stroke: "#1b69c9", fill: "#1b69c933", width: 1 }],
     }, [times, values], document.body));
   };
@@ -71,18 +71,21 @@ const data = await page.evaluate(`(() => {
   const pieces = [...state.visible].map(({ counter }) => overviewOf(state.sequence, counter));
   return [[...pieces[0].edges.slice(1)], pieces.map(({ means }) => [...means])]; })()`);
 await page.evaluate(`for (const row of [...window.counterfeed.state.visible].slice(${charts})) row.article.hidden = true`);
-const rival = await browser.open(pathToFileURL(other).href, size);
-await rival.evaluate(`show(${JSON.stringify(data[0])}, ${JSON.stringify(data[1].slice(0, charts))}, 54)`);
-const results = { page: [], uPlot: [] };
+const tabs = { page };
+for (const [name, hasAxes] of [["uPlot with its axes", true], ["uPlot's lines alone", false]]) {
+  tabs[name] = await browser.open(pathToFileURL(other).href, size);
+  await tabs[name].evaluate(`show(${JSON.stringify(data[0])}, ${JSON.stringify(data[1].slice(0, charts))}, 54, ${hasAxes})`);
+}
+const results = Object.fromEntries(Object.keys(tabs).map((name) => [name, []]));
 for (let round = 0; round < 6; round += 1) {
-  for (const [name, tab] of [["page", page], ["uPlot", rival]]) {
+  for (const [name, tab] of Object.entries(tabs)) {
     await tab.call("Page.bringToFront");
     await tab.settle();
     const before = cpuTime(browser.pid);
-    const count = await tab.evaluate(loops[name]);
+    const count = await tab.evaluate(loops[name === "page" ? "page" : "uPlot"]);
     const time = (cpuTime(browser.pid) - before) / steps;
     if (round > 0) results[name].push(time);  // the first warms up
-    if (round === 0) console.log(`${name}: ${count} charts of ${data[0].length} points`);
+    else console.log(`${name}: ${count} charts of ${data[0].length} points`);
   }
 }
 for (const [name, times] of Object.entries(results)) {

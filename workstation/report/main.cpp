@@ -49,7 +49,9 @@ constexpr const char* usage =
     "  -m, --match TEXT     only counters whose name holds TEXT, in any case; may be given several times\n"
     "      --from SECONDS   only what comes after so many seconds from the first sample\n"
     "      --to SECONDS     only what comes before\n"
-    "      --bins NUMBER    time steps of a chart, at most (default 2048)\n"
+    "      --bins NUMBER    time steps of a chart, at most (default 2048; of a page's overview 512)\n"
+    "      --page-size MB   how large a page may become: what of the samples does not fit is left out "
+    "(default 20)\n"
     "      --charts WHEN    charts in the summary: 'auto' (on a terminal, the default), 'always', 'never'\n"
     "  -q, --quiet          show no progress\n"
     "      --offered STATE  list the ids and names of the counters that a tracing service offers: STATE is "
@@ -77,7 +79,8 @@ struct settings {
     std::vector<std::string> match;
     std::optional<double> from;
     std::optional<double> to;
-    std::size_t bins = 2048;
+    std::optional<std::size_t> bins;
+    std::uint64_t page_megabytes = 20;
 };
 
 // Opens a trace so that it can be read twice: what comes through a pipe goes to a temporary file first.
@@ -370,7 +373,8 @@ int report_trace(const settings& wanted) {
         return finish(output, problems, name);
     }
 
-    trace_summary summary(wanted.bins, selected);
+    const bool is_page = wanted.form == output_form::html;
+    trace_summary summary(wanted.bins.value_or(is_page ? 512 : 2048), selected);
     monitor reader(summary, input, shows_progress);
     const std::uint64_t packets = reader.read("Reading");
     const auto& sequences = summary.finish();
@@ -390,10 +394,19 @@ int report_trace(const settings& wanted) {
     }
     std::ostream& out = output.open(wanted);
     if (wanted.form == output_form::html) {
+        const std::size_t base = page_base_size(sequences);
+        const std::size_t limit = wanted.page_megabytes * 1'000'000;
+        page_levels levels(sequences, selected, page_origin(sequences), limit > base ? limit - base : 0);
+        if (std::any_of(sequences.begin(), sequences.end(),
+                        [](const auto& entry) { return page_levels::level_count(entry.second) != 0; })) {
+            monitor(levels, input, shows_progress).read("Packing samples");
+            levels.finish();
+        }
         write_page(out, {.file = std::filesystem::path(name).filename(),
                          .file_size = input.size(),
                          .sequences = sequences,
-                         .problems = problems});
+                         .problems = problems,
+                         .levels = levels});
     } else {
         write_summary(out, sequences, terminal_settings(wanted));
     }
@@ -432,7 +445,7 @@ double seconds_argument(const char* option, const std::string& text) {
 }
 
 int run(int argument_count, char** arguments) {
-    enum long_option { html = 256, from, to, bins, charts, offered };
+    enum long_option { html = 256, from, to, bins, page_size, charts, offered };
     const option options[] = {{"all", no_argument, nullptr, 'a'},
                               {"csv", optional_argument, nullptr, 'c'},
                               {"html", no_argument, nullptr, html},
@@ -441,6 +454,7 @@ int run(int argument_count, char** arguments) {
                               {"from", required_argument, nullptr, from},
                               {"to", required_argument, nullptr, to},
                               {"bins", required_argument, nullptr, bins},
+                              {"page-size", required_argument, nullptr, page_size},
                               {"charts", required_argument, nullptr, charts},
                               {"quiet", no_argument, nullptr, 'q'},
                               {"offered", required_argument, nullptr, offered},
@@ -482,6 +496,9 @@ int run(int argument_count, char** arguments) {
             case bins:
                 wanted.bins = static_cast<std::size_t>(
                     command_line::number_argument("--bins", value.c_str(), 2, most_bins) / 2 * 2);
+                break;
+            case page_size:
+                wanted.page_megabytes = command_line::number_argument("--page-size", value.c_str(), 1, 1000);
                 break;
             case charts:
                 wanted.charts = value;

@@ -4,7 +4,10 @@
 #include <limits>
 #include <ostream>
 #include <string_view>
+#include <vector>
 
+#include "workstation/report/base64.h"
+#include "workstation/report/page_levels.h"
 #include "workstation/report/page_parts.h"
 #include "workstation/report/writers.h"
 
@@ -31,52 +34,25 @@ std::string json_text(std::string_view text) {
     return result + '"';
 }
 
-// Numbers as base64 of their little-endian bytes: half the size of their digits, and quick to read.
-class base64_numbers {
-public:
-    void add(float value) { add_bytes(std::bit_cast<std::uint32_t>(value), sizeof value); }
-    void add(double value) { add_bytes(std::bit_cast<std::uint64_t>(value), sizeof value); }
-
-    std::string finish() {
-        if (bits_ != 0) {
-            put((word_ << (6 - bits_)) & 0x3fU);
-        }
-        text_.resize((text_.size() + 3) / 4 * 4, '=');
-        return '"' + text_ + '"';
-    }
-
-private:
-    void add_bytes(std::uint64_t value, std::size_t count) {
-        for (; count != 0; --count, value >>= 8) {
-            word_ = word_ << 8 | (value & 0xffU);
-            bits_ += 8;
-            while (bits_ >= 6) {
-                bits_ -= 6;
-                put(word_ >> bits_ & 0x3fU);
-            }
-            word_ &= 0x3fU;
-        }
-    }
-    void put(std::uint64_t six_bits) {
-        text_ += "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"[six_bits];
-    }
-
-    std::string text_;
-    std::uint64_t word_ = 0;
-    unsigned bits_ = 0;
-};
+// Numbers as base64 of their bytes: half the size of their digits, and quick to read.
+template <typename Number>
+std::string base64_numbers(const std::vector<Number>& numbers) {
+    return '"' +
+           base64({reinterpret_cast<const std::uint8_t*>(numbers.data()), numbers.size() * sizeof(Number)}) +
+           '"';
+}
 
 // One number of each bin; not-a-number where a bin has no value.
 template <typename Number>
 std::string numbers_of(const counter_series& series, std::size_t count, Number number) {
     constexpr double limit = std::numeric_limits<float>::max();
-    base64_numbers result;
+    std::vector<float> result;
     for (std::size_t i = 0; i < count; ++i) {
         const bool is_there = i < series.bins.size() && series.bins[i].count != 0;
-        result.add(is_there ? static_cast<float>(std::clamp(number(series.bins[i]), -limit, limit))
-                            : std::numeric_limits<float>::quiet_NaN());
+        result.push_back(is_there ? static_cast<float>(std::clamp(number(series.bins[i]), -limit, limit))
+                                  : std::numeric_limits<float>::quiet_NaN());
     }
-    return result.finish();
+    return base64_numbers(result);
 }
 
 void write_series(std::ostream& out, const counter_series& series, const sequence_summary& summary) {
@@ -101,31 +77,28 @@ void write_series(std::ostream& out, const counter_series& series, const sequenc
 }
 
 void write_data(std::ostream& out, const page_source& source) {
-    std::uint64_t origin = std::numeric_limits<std::uint64_t>::max();
-    for (const auto& [number, summary] : source.sequences) {
-        if (summary.samples != 0) {
-            origin = std::min(origin, summary.first);
-        }
-    }
+    const std::uint64_t origin = page_origin(source.sequences);
     out << "{\"file\":" << json_text(source.file) << ",\"size\":" << source.file_size
         << ",\"origin\":" << json_text(std::to_string(origin)) << ",\"problems\":[";
     for (std::size_t i = 0; i < source.problems.size(); ++i) {
         out << (i == 0 ? "" : ",") << json_text(source.problems[i]);
     }
-    out << "],\"sequences\":[";
+    out << "],\"levels\":{\"packed\":" << (page_levels::are_packed ? "true" : "false")
+        << ",\"steps\":" << page_levels::steps_per_step << ",\"samplesInRun\":" << page_levels::run_of_samples
+        << ",\"stepsInRun\":" << page_levels::run_of_steps << "},\"sequences\":[";
     bool is_first = true;
     for (const auto& [number, summary] : source.sequences) {
         if (summary.samples == 0) {
             continue;
         }
-        base64_numbers times;
+        std::vector<double> times;
         for (const std::uint64_t time : summary.bin_times) {
-            times.add(static_cast<double>(time - origin) / 1e9);
+            times.push_back(static_cast<double>(time - origin) / 1e9);
         }
         out << (is_first ? "" : ",") << "\n{\"number\":" << number << ",\"samples\":" << summary.samples
             << ",\"samplesPerBin\":" << summary.samples_per_bin
             << ",\"first\":" << exact_number(static_cast<double>(summary.first - origin) / 1e9)
-            << ",\"times\":" << times.finish() << ",\"counters\":[";
+            << ",\"times\":" << base64_numbers(times) << ",\"counters\":[";
         for (std::size_t i = 0; i < summary.series.size(); ++i) {
             out << (i == 0 ? "\n" : ",\n");
             write_series(out, summary.series[i], summary);
@@ -138,6 +111,27 @@ void write_data(std::ostream& out, const page_source& source) {
 
 }  // namespace
 
+std::uint64_t page_origin(const std::map<std::uint32_t, sequence_summary>& sequences) {
+    std::uint64_t origin = std::numeric_limits<std::uint64_t>::max();
+    for (const auto& [number, summary] : sequences) {
+        if (summary.samples != 0) {
+            origin = std::min(origin, summary.first);
+        }
+    }
+    return origin;
+}
+
+std::size_t page_base_size(const std::map<std::uint32_t, sequence_summary>& sequences) {
+    constexpr std::size_t code = 150'000;
+    constexpr std::size_t description = 1'000;
+    std::size_t size = code;
+    for (const auto& [number, summary] : sequences) {
+        // Three numbers of four bytes become 16 characters.
+        size += summary.series.size() * (description + summary.bin_times.size() * 16);
+    }
+    return size;
+}
+
 void write_page(std::ostream& out, const page_source& source) {
     std::string_view rest = page_html;
     const auto write_up_to = [&out, &rest](std::string_view mark) {
@@ -149,6 +143,8 @@ void write_page(std::ostream& out, const page_source& source) {
     out << page_css;
     write_up_to("/* data */");
     write_data(out, source);
+    write_up_to("/* levels */");
+    source.levels.write(out);
     write_up_to("/* page.js */");
     out << page_js << rest;
 }

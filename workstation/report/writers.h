@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "workstation/report/page_levels.h"
 #include "workstation/report/summary.h"
 #include "workstation/report/trace_file.h"
 
@@ -70,7 +71,14 @@ struct page_source {
     std::uint64_t file_size;
     const std::map<std::uint32_t, sequence_summary>& sequences;
     std::vector<std::string> problems;  // what could not be read, in words
+    const page_levels& levels;
 };
+
+// The time 0 of a page: that of the earliest sample.
+std::uint64_t page_origin(const std::map<std::uint32_t, sequence_summary>& sequences);
+
+// About how many bytes a page has without its levels of detail.
+std::size_t page_base_size(const std::map<std::uint32_t, sequence_summary>& sequences);
 
 // One HTML page with everything in it: it opens from disk and asks no network for anything.
 void write_page(std::ostream& out, const page_source& source);

@@ -1,26 +1,138 @@
 // What a counter came to over a span of time.
 import { overviewOf, stepAt } from "./data.js";
+import { byId } from "./dom.js";
+import { hasLevel, levelsOf, pieceOf } from "./levels.js";
 import { state } from "./state.js";
 
-// Least, mean and greatest value in a range of time. A step that the range only touches does not count.
-export function statistics(counter, range) {
+// The samples of a counter whose times lie in a range: count, sum, least and greatest. Steps that are wholly inside count
+// as they are; at both ends finer ones are looked at, down to the samples. Where those are not there (yet), a step counts
+// if it ends inside, and the result is not exact.
+export function sumOf(counter, range) {
   const { sequence } = state;
-  if (range.from <= sequence.from && range.to >= sequence.to) return counter;
-  const { edges, means, mins, maxs } = overviewOf(sequence, counter);
-  let first = stepAt(edges, range.from);
-  const last = stepAt(edges, range.to);
-  if (first < last && edges[first + 1] <= range.from) first += 1;
-  let min = Infinity;
-  let max = -Infinity;
-  let sum = 0;
-  let count = 0;
-  for (let i = first; i <= last; i += 1) {
-    if (!Number.isNaN(means[i])) {
-      min = Math.min(min, mins[i]);
-      max = Math.max(max, maxs[i]);
-      sum += means[i];
-      count += 1;
+  const result = { count: 0, sum: 0, min: Infinity, max: -Infinity, isExact: true };
+  const levels = levelsOf(sequence);
+  const isConstant = counter.min === counter.max;
+  const add = ({ mins, means, maxs }, i, count) => {
+    if (means[i] !== means[i]) return;
+    result.count += count;
+    result.sum += means[i] * count;
+    if (mins[i] < result.min) result.min = mins[i];
+    if (maxs[i] > result.max) result.max = maxs[i];
+  };
+  const walk = (piece, per, start, depth, from, to) => {
+    const { edges, means } = piece;
+    const last = Math.min(stepAt(edges, to), means.length - 1);
+    for (let i = stepAt(edges, from); i <= last; i += 1) {
+      const [begin, end] = [edges[i], edges[i + 1]];
+      if (end <= from || begin >= to) continue;
+      const count = Math.min(per, sequence.samples - (start + i) * per);
+      if ((begin >= from && end <= to) || per === 1) {
+        if (end > from && end <= to) add(piece, i, count);
+        continue;
+      }
+      let finer = null;
+      let level = depth - 1;
+      while (level >= 0 && !hasLevel(sequence, counter, levels[level])) level -= 1;
+      const inside = { from: Math.max(begin, from), to: Math.min(end, to) };
+      if (level >= 0 && !isConstant) finer = pieceOf(sequence, counter, levels[level], inside);
+      if (finer) {
+        walk(finer, levels[level].per, finer.first, level, inside.from, inside.to);
+      } else {
+        result.isExact = false;
+        if (end <= to) add(piece, i, count);
+      }
+    }
+  };
+  walk(overviewOf(sequence, counter), sequence.samplesPerBin, 0, levels.length, range.from, range.to);
+  return result;
+}
+
+const operations = {
+  "+": (a, b) => a + b,
+  "-": (a, b) => a - b,
+  "*": (a, b) => a * b,
+  "/": (a, b) => (b === 0 ? 0 : a / b),
+  max: Math.max,
+};
+
+// A derived counter is its expression over the sums of its operands. The mean of its samples would count idle ones as
+// much as busy ones.
+function fromOperands(counter, range) {
+  const { sequence } = state;
+  const stack = [];
+  for (const part of counter.formula) {
+    if (typeof part === "number") {
+      stack.push(part);
+    } else if (part.startsWith("#")) {
+      stack.push(sumOf(sequence.counterOf.get(Number(part.slice(1))), range).sum);
+    } else {
+      const right = stack.pop();
+      stack.push(operations[part](stack.pop(), right));
     }
   }
-  return count ? { min, mean: sum / count, max } : { min: NaN, mean: NaN, max: NaN };
+  const value = Math.max(stack.pop(), 0);
+  return counter.unit === "percent" ? Math.min(value, 100) : value;
+}
+
+// Least, mean and greatest value in a range of time; for a derived counter whose operands are there the mean is what it
+// came to over the whole range. The sum is that of the samples.
+export function statistics(counter, range) {
+  const { sequence } = state;
+  if (range.from <= sequence.from && range.to >= sequence.to) {
+    const { min, max, mean, value = mean, total = mean * counter.count } = counter;
+    return { min, mean: value, max, sum: total, count: counter.count, isExact: true };
+  }
+  const { min, max, sum, count, isExact } = sumOf(counter, range);
+  if (count === 0) return { min: NaN, mean: NaN, max: NaN, sum: NaN, count, isExact };
+  return { min, mean: counter.formula ? fromOperands(counter, range) : sum / count, max, sum, count, isExact };
+}
+
+// ---- Percentiles ----
+
+const shares = { p50: 0.5, p95: 0.95, p99: 0.99 };
+const mostSamples = 1 << 18;  // sorted in some tens of milliseconds
+
+// Of the samples in a range of time: the least value that so many of them do not exceed. Null where the samples are not
+// there, or are too many.
+function percentiles(counter, range) {
+  const { sequence } = state;
+  const isWhole = range.from <= sequence.from && range.to >= sequence.to;
+  if (isWhole && counter.p50 !== undefined) return counter;
+  const key = `${range.from}~${range.to}`;
+  if (counter.percentiles?.key === key) return counter.percentiles;
+  if (counter.min === counter.max) return { p50: counter.min, p95: counter.min, p99: counter.min };
+  if (sequence.samples * (range.to - range.from) / (sequence.to - sequence.from) > mostSamples) return null;
+  const [samples] = levelsOf(sequence);
+  if (samples && !hasLevel(sequence, counter, samples)) return null;
+  const piece = samples ? pieceOf(sequence, counter, samples, range) : overviewOf(sequence, counter);
+  if (!piece) return { isLoading: true };
+  const { edges, means } = piece;
+  const inside = means.filter((value, i) => value === value && edges[i + 1] > range.from && edges[i + 1] <= range.to).sort();
+  const result = { key };
+  for (const [name, share] of Object.entries(shares)) {
+    result[name] = inside.length ? inside[Math.ceil(share * inside.length) - 1] : NaN;
+  }
+  counter.percentiles = result;
+  return result;
+}
+
+// ---- What the columns show ----
+
+const ends = { sample: "", second: "/s", total: "" };
+
+export function columnsOf(counter, range) {
+  if (byId("columns").value === "percentiles") {
+    const values = percentiles(counter, range);
+    const why = values ? "" : "The samples of this range are not in the page, or too many to sort.";
+    return Object.keys(shares).map((name) => ({ label: name, value: values?.[name], why }));
+  }
+  const { min, mean, max, sum, count } = statistics(counter, range);
+  const amounts = counter.kind === "amount" || counter.kind === undefined && counter.unit !== "percent"
+    ? byId("amounts").value : "sample";
+  const { period } = state.sequence;
+  const scale = amounts === "second" ? 1 / period : 1;
+  const unit = counter.unit + ends[amounts];
+  const middle = amounts === "total" ? { label: "Total", value: sum } : { label: "Mean", value: amounts === "second"
+    ? sum / (count * period) : mean };
+  return [{ label: "Min", value: min * scale, unit }, { ...middle, unit }, { label: "Max", value: max * scale, unit }];
 }

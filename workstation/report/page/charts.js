@@ -1,8 +1,10 @@
 // Drawing: a counter's chart, and what charts and time line share.
-import { statistics } from "./aggregates.js";
-import { overviewOf, stepAt } from "./data.js";
-import { byId, hueName, setAttribute, setText } from "./dom.js";
+import { columnsOf } from "./aggregates.js";
+import { stepAt } from "./data.js";
+import { byId, element, hueName, setAttribute, setText } from "./dom.js";
 import { short } from "./format.js";
+import { finest } from "./levels.js";
+import { overlayHues } from "./overlay.js";
 import { state } from "./state.js";
 
 // The colours of the theme, by the name of the custom property. Asking the style each time would cost more than drawing.
@@ -30,22 +32,44 @@ function pixelOf(color) {
   return pixels.get(color);
 }
 
-// A context whose units are CSS pixels; null while the canvas has no size.
-export function contextOf(canvas, width, height) {
+// Gives a canvas as many pixels as it takes on the screen; false while it has no size.
+export function fitCanvas(canvas, width, height) {
   const ratio = window.devicePixelRatio || 1;
-  if (width < 2 || height < 2) return null;
-  const context = canvas.getContext("2d");
+  if (width < 2 || height < 2) return false;
   if (canvas.width !== Math.round(width * ratio) || canvas.height !== Math.round(height * ratio)) {
     canvas.width = Math.round(width * ratio);
     canvas.height = Math.round(height * ratio);
   }
-  context.setTransform(ratio, 0, 0, ratio, 0, 0);
-  context.clearRect(0, 0, width, height);
-  return context;
+  return true;
 }
 
-export function scaleOf(counter, stats) {
-  if (byId("fit").checked && stats.max > stats.min) return { bottom: stats.min, top: stats.max };
+// The pixels of a canvas, empty, to be written and put.
+const images = new WeakMap();
+export function pixelsOf(canvas) {
+  const { width, height } = canvas;
+  let image = images.get(canvas);
+  if (image?.width === width && image.height === height) {
+    image.out.fill(0);
+  } else {
+    image = new ImageData(width, height);
+    image.out = new Uint32Array(image.data.buffer);
+    images.set(canvas, image);
+  }
+  return image;
+}
+
+// From the least to the greatest value of what is drawn, where heights are to fit it.
+export function scaleOf(counter, piece, range) {
+  if (byId("fit").checked) {
+    const { edges, mins, maxs } = piece;
+    const last = stepAt(edges, range.to);
+    let [bottom, top] = [Infinity, -Infinity];
+    for (let i = stepAt(edges, range.from); i <= last; i += 1) {
+      if (mins[i] < bottom) bottom = mins[i];
+      if (maxs[i] > top) top = maxs[i];
+    }
+    if (top > bottom) return { bottom, top };
+  }
   const top = counter.unit === "percent" ? 100 : Math.max(counter.max, 0);
   const bottom = Math.min(counter.min, 0);
   return { bottom, top: top > bottom ? top : bottom + 1 };
@@ -89,18 +113,28 @@ function fillColumns(piece, range, count) {
   }
 }
 
+// A colour over a pixel that is opaque or empty.
+function mix(rgb, alpha, under) {
+  if (under === 0) return (rgb | alpha << 24) >>> 0;
+  const part = (shift) => {
+    const below = under >>> shift & 0xff;
+    return Math.round(below + ((rgb >>> shift & 0xff) - below) * alpha / 255) << shift;
+  };
+  return (part(0) | part(8) | part(16) | 0xff << 24) >>> 0;
+}
+
+const opaque = (color) => (pixelOf(color) | 0xff << 24) >>> 0;
+
 // Draws the means as a line, what is below it, and the band from the least to the greatest values. All edges are upright
 // or level, so the pixels are written themselves: what a chart costs is in its size, however many steps it shows.
-export function drawSeries(context, piece, range, scale, color) {
-  const { width, height } = context.canvas;
+export function drawSeries(image, piece, range, scale, color, isLineOnly = false) {
+  const { width, height, out } = image;
   const ratio = window.devicePixelRatio || 1;
-  const image = context.createImageData(width, height);
-  const out = new Uint32Array(image.data.buffer);
   const rgb = pixelOf(color);
-  const area = rgb | 0x33 << 24;
-  const band = rgb | 0x38 << 24;
-  const both = rgb | 0x60 << 24;
-  const line = rgb | 0xff << 24;
+  const line = opaque(color);
+  // What may be there already, and what it becomes.
+  const unders = [0, opaque(colorOf("--grid")), opaque(colorOf("--selection"))];
+  const [area, band, both] = [0x33, 0x38, 0x60].map((alpha) => unders.map((under) => mix(rgb, alpha, under)));
   const thick = Math.max(1, Math.round(1.25 * ratio));
   const margin = 3 * ratio;
   const factor = (height - margin - thick) / (scale.top - scale.bottom);
@@ -108,8 +142,11 @@ export function drawSeries(context, piece, range, scale, color) {
   const base = y(Math.min(Math.max(0, scale.bottom), scale.top));
   fillColumns(piece, range, width);
   const { mins, means, maxs } = columns;
-  const fill = (x, from, to, pixel) => {
-    for (let at = from * width + x, end = to * width + x; at < end; at += width) out[at] = pixel;
+  const fill = (x, from, to, [plain, onGrid, onSelection]) => {
+    for (let at = from * width + x, end = to * width + x; at < end; at += width) {
+      const under = out[at];
+      out[at] = under === 0 ? plain : under === unders[1] ? onGrid : under === unders[2] ? onSelection : under;
+    }
   };
   let before = -1;
   for (let x = 0; x < width; x += 1) {
@@ -118,18 +155,24 @@ export function drawSeries(context, piece, range, scale, color) {
       continue;
     }
     const level = y(means[x]);
-    const top = y(maxs[x]);
-    const bottom = y(mins[x]);
-    fill(x, Math.min(level, base), Math.max(level, base), area);
-    if (bottom > top) {
-      fill(x, top, bottom, band);
-      fill(x, Math.max(top, Math.min(level, base)), Math.min(bottom, Math.max(level, base)), both);
+    if (!isLineOnly) {
+      const [top, bottom] = [y(maxs[x]), y(mins[x])];
+      const [high, low] = [Math.min(level, base), Math.max(level, base)];
+      if (bottom > top) {
+        fill(x, Math.max(top, high), Math.min(bottom, low), both);
+        fill(x, top, Math.min(bottom, high), band);
+        fill(x, Math.max(top, low), bottom, band);
+        fill(x, high, Math.min(low, top), area);
+        fill(x, Math.max(high, bottom), low, area);
+      } else {
+        fill(x, high, low, area);
+      }
     }
     const joined = before < 0 ? level : before;
-    fill(x, Math.min(level, joined), Math.max(level, joined) + thick, line);
+    const end = (Math.max(level, joined) + thick) * width;
+    for (let at = Math.min(level, joined) * width + x; at < end; at += width) out[at] = line;
     before = level;
   }
-  context.putImageData(image, 0, 0);
 }
 
 export function ticks(range, width) {
@@ -141,16 +184,54 @@ export function ticks(range, width) {
   return { step, at: result };
 }
 
-// Behind what is drawn already.
-function drawGrid(context, width, height) {
-  const { view } = state;
-  context.globalCompositeOperation = "destination-over";
-  context.fillStyle = colorOf("--grid");
-  for (const time of ticks(view, width).at) {
-    context.fillRect(Math.round((time - view.from) / (view.to - view.from) * width), 0, 1, height);
+// The round values of a scale, with their places from the top.
+function levelsOfScale(scale, height) {
+  const rough = (scale.top - scale.bottom) / Math.max(2, height / 26);
+  const power = 10 ** Math.floor(Math.log10(rough));
+  const step = [1, 2, 2.5, 5, 10].map((n) => n * power).find((n) => n >= rough * (1 - 1e-9));
+  const result = [];
+  for (let n = Math.ceil(scale.bottom / step - 1e-9); n * step <= scale.top * (1 + 1e-9) && result.length < 9; n += 1) {
+    result.push({ value: n * step, y: 3 + (scale.top - n * step) / (scale.top - scale.bottom) * (height - 4) });
   }
-  context.fillRect(0, height - 1, width, 1);
-  context.globalCompositeOperation = "source-over";
+  return result;
+}
+
+// The selection, and lines at round values and times, on pixels that are empty.
+function drawGrid(image, scale) {
+  const { width, height, out } = image;
+  const { view, selection } = state;
+  const x = (time) => Math.round((time - view.from) / (view.to - view.from) * width);
+  const fill = (from, to, pixel) => {
+    const [left, right] = [Math.max(from, 0), Math.min(to, width)];
+    for (let row = 0; row < height && left < right; row += 1) out.fill(pixel, row * width + left, row * width + right);
+  };
+  if (selection) fill(x(selection.from), Math.max(x(selection.to), x(selection.from) + 1), opaque(colorOf("--selection")));
+  const grid = opaque(colorOf("--grid"));
+  const ratio = window.devicePixelRatio || 1;
+  for (const { y } of levelsOfScale(scale, height / ratio)) {
+    const row = Math.min(Math.round(y * ratio), height - 1);
+    out.fill(grid, row * width, (row + 1) * width);
+  }
+  for (const time of ticks(view, width / ratio).at) fill(x(time), x(time) + 1, grid);
+  out.fill(grid, (height - 1) * width);
+}
+
+// The cursor's line is drawn into the charts: an element over each would cost the browser a layer each.
+export function drawCursor() {
+  const { view, at, visible } = state;
+  const share = (at - view.from) / (view.to - view.from);
+  for (const row of visible) {
+    const { canvas } = row;
+    const image = images.get(canvas);
+    if (!image || image.width !== canvas.width || !canvas.width) continue;
+    const place = share >= 0 && share <= 1 ? Math.min(Math.round(share * canvas.width), canvas.width - 1) : -1;
+    if (place === row.place) continue;
+    const context = canvas.getContext("2d");
+    if (row.place >= 0) context.putImageData(image, 0, 0, row.place, 0, 1, canvas.height);
+    row.place = place;
+    context.fillStyle = colorOf("--cursor");
+    if (place >= 0) context.fillRect(place, 0, 1, canvas.height);
+  }
 }
 
 // To read sizes after something was changed makes the browser lay the page out again: all are read first.
@@ -159,26 +240,66 @@ export function drawRows() {
     row.width = row.plot.clientWidth;
     row.height = row.plot.clientHeight;
   }
+  state.edges = state.sequence.edges;
   for (const row of state.visible) drawRow(row);
 }
 
 function drawRow(row) {
+  const { sequence, view } = state;
   const { counter, width, height } = row;
-  row.stats = statistics(counter, state.view);
-  row.scale = scaleOf(counter, row.stats);
-  const context = contextOf(row.canvas, width, height);
-  if (context) {
-    drawSeries(context, overviewOf(state.sequence, counter), state.view, row.scale, colorOf(hueName(counter.block)));
-    drawGrid(context, width, height);
+  Object.assign(row, finest(sequence, counter, view, width));
+  const span = ({ edges }) => edges[edges.length - 1] - edges[0];
+  if (span(row.piece) < span(state)) state.edges = row.piece.edges;
+  row.scale = scaleOf(counter, row.piece, view);
+  // What is of one unit has one scale, so that it can be compared.
+  for (const other of state.overlays.get(counter) || []) {
+    if (other.unit !== counter.unit || other.unit === "") continue;
+    const scale = scaleOf(other, finest(sequence, other, view, width).piece, view);
+    row.scale = { bottom: Math.min(row.scale.bottom, scale.bottom), top: Math.max(row.scale.top, scale.top) };
   }
+  if (!fitCanvas(row.canvas, width, height)) return;
+  const image = pixelsOf(row.canvas);
+  drawGrid(image, row.scale);
+  drawSeries(image, row.piece, view, row.scale, colorOf(hueName(counter.block)));
+  (state.overlays.get(counter) || []).forEach((other, i) => {
+    const { piece } = finest(sequence, other, view, width);
+    const isAlike = other.unit === counter.unit && other.unit !== "";
+    drawSeries(image, piece, view, isAlike ? row.scale : scaleOf(other, piece, view), colorOf(overlayHues[i]), true);
+  });
+  row.canvas.getContext("2d").putImageData(image, 0, 0);
+  row.place = -1;
 }
 
+function writeScale({ counter, scale, height, marks, plot }) {
+  const levels = levelsOfScale(scale, height);
+  while (marks.length < levels.length) {
+    const mark = element("span", "mark");
+    marks.push(mark);
+    plot.append(mark);
+  }
+  marks.forEach((mark, i) => {
+    setText(mark, levels[i] ? short(levels[i].value, counter.unit) : "");
+    const place = levels[i] ? `${Math.round(levels[i].y)}px` : "";
+    if (mark.style.top !== place) mark.style.top = place;
+  });
+}
+
+// The numbers are those of the selection, or of the view where nothing is selected.
 export function writeRows() {
-  for (const { counter, stats, scale, top, cells, plot } of state.visible) {
-    if (!stats) continue;  // not drawn yet
-    setText(top, counter.max > 0 || counter.unit === "percent" ? short(scale.top, counter.unit) : "");
-    for (const key of ["min", "mean", "max"]) setText(cells[key], short(stats[key], counter.unit));
-    setAttribute(plot, "aria-label", `Chart of ${counter.name}: minimum ${cells.min.textContent}, ` +
-      `mean ${cells.mean.textContent}, maximum ${cells.max.textContent}`);
+  for (const row of state.visible) {
+    const { counter, scale, missing, note, cells, plot } = row;
+    if (!scale) continue;  // not drawn yet
+    const columns = columnsOf(counter, state.selection || state.view);
+    note.hidden = !missing;
+    setText(note, missing ? `in steps of ${missing} samples: finer ones did not fit into the page` : "");
+    writeScale(row);
+    columns.forEach(({ label, value, unit, why }, i) => {
+      const cell = cells.columns[i];
+      setText(cell.label, label);
+      setText(cell.value, short(value, unit ?? counter.unit));
+      setAttribute(cell.value, "title", why || "");
+    });
+    setAttribute(plot, "aria-label", `Chart of ${counter.name}: ` +
+      columns.map(({ label }, i) => `${label} ${cells.columns[i].value.textContent}`).join(", "));
   }
 }

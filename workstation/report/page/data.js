@@ -4,25 +4,28 @@ import { byId } from "./dom.js";
 
 export const trace = JSON.parse(byId("trace").textContent);
 
-function numbers(text, Type) {
+// The numbers that a text holds in base64.
+export function numbers(text, Type) {
   const bytes = Uint8Array.from(atob(text), (c) => c.charCodeAt(0));
   return new Type(bytes.buffer);
 }
 
-export function prepare(sequence) {
+export function prepare(sequence, index) {
   const times = numbers(sequence.times, Float64Array);
   const last = times[times.length - 1];
   const period = sequence.samples > 1 ? (last - sequence.first) / (sequence.samples - 1) : 0.001;
   const edges = new Float64Array(times.length + 1);
   edges[0] = sequence.first - period;
   edges.set(times, 1);
+  sequence.counters.forEach((counter, index) => Object.assign(counter, { index }));
   const counters = sequence.counters.filter((counter) => counter.count > 0);
   for (const counter of counters) {
     const hardware = /Hardware name: (\w+)\./.exec(counter.description);
     counter.hardware = hardware ? hardware[1] : "";
     counter.haystack = `${counter.name} ${counter.description} ${counter.id} ${counter.unit}`.toLowerCase();
   }
-  return { ...sequence, edges, period, counters, from: edges[0], to: last };
+  const counterOf = new Map(counters.map((counter) => [counter.id, counter]));
+  return { ...sequence, index, edges, period, counters, counterOf, from: edges[0], to: last };
 }
 
 // A counter's whole time in the steps that are always at hand. They are unpacked when they are first asked for.

@@ -1,12 +1,14 @@
 // Keys, and the controls that do the same.
 import { byId, search } from "./dom.js";
+import { cancelOverlay, carryOrDrop } from "./overlay.js";
 import { filter, shownRows, togglePin, toggleText } from "./rows.js";
-import { state } from "./state.js";
-import { announce, cursorTime, pan, setCursor, showAll, zoom } from "./view.js";
+import { clearSelection, followCursor, toggleMark, zoomToSelection } from "./selection.js";
+import { schedule, state } from "./state.js";
+import { announce, goTo, moveCursor, pan, showAll, zoom } from "./view.js";
 
 const zoomStep = 0.6;
-const zoomIn = () => zoom(zoomStep, cursorTime());
-const zoomOut = () => zoom(1 / zoomStep, cursorTime());
+const zoomIn = () => zoom(zoomStep, state.at);
+const zoomOut = () => zoom(1 / zoomStep, state.at);
 
 function goToRow(direction) {
   const shown = shownRows();
@@ -18,12 +20,12 @@ function goToRow(direction) {
 }
 
 const keys = {
-  ArrowLeft: (event) => setCursor(state.cursor - (event.shiftKey ? 10 : 1), true),
-  ArrowRight: (event) => setCursor(state.cursor + (event.shiftKey ? 10 : 1), true),
+  ArrowLeft: (event) => moveCursor(event.shiftKey ? -10 : -1),
+  ArrowRight: (event) => moveCursor(event.shiftKey ? 10 : 1),
   ArrowUp: () => goToRow(-1),
   ArrowDown: () => goToRow(1),
-  Home: () => setCursor(0, true),
-  End: () => setCursor(Infinity, true),
+  Home: () => goTo(-Infinity),
+  End: () => goTo(Infinity),
   w: zoomIn,
   "+": zoomIn,
   "=": zoomIn,
@@ -33,6 +35,13 @@ const keys = {
   d: () => pan(0.25),
   0: showAll,
   f: () => byId("fit").click(),
+  m: toggleMark,
+  z: zoomToSelection,
+  Escape: () => {
+    cancelOverlay();
+    clearSelection();
+  },
+  o: () => state.current && carryOrDrop(state.current),
   p: () => state.current && togglePin(state.current),
   "/": () => {
     search.focus();
@@ -68,11 +77,13 @@ document.addEventListener("keydown", (event) => {
   } else if (Object.hasOwn(keys, event.key)) {
     event.preventDefault();
     keys[event.key](event);
+    followCursor();
   }
 });
 
 search.addEventListener("input", filter);
 byId("show").addEventListener("change", filter);
+for (const id of ["columns", "amounts"]) byId(id).addEventListener("change", schedule);
 byId("zoom-in").addEventListener("click", zoomIn);
 byId("zoom-out").addEventListener("click", zoomOut);
 byId("zoom-all").addEventListener("click", showAll);

@@ -1,5 +1,6 @@
 // Mouse and touch.
-import { element, main, overview } from "./dom.js";
+import { main, overview } from "./dom.js";
+import { clearSelection, followCursor, select } from "./selection.js";
 import { state } from "./state.js";
 import { moveView, pan, setCursorTime, setView, showAll, timeAt, zoom } from "./view.js";
 
@@ -7,8 +8,6 @@ import { moveView, pan, setCursorTime, setView, showAll, timeAt, zoom } from "./
 
 const fingers = new Map();
 let drag = null;
-const brush = element("div");
-brush.id = "brush";
 
 main.addEventListener("pointerdown", (event) => {
   const plot = event.target.closest(".plot");
@@ -17,7 +16,7 @@ main.addEventListener("pointerdown", (event) => {
     fingers.set(event.pointerId, event.clientX);
     setCursorTime(timeAt(plot, event.clientX));
   } else {
-    drag = { plot, start: event.clientX };
+    drag = { plot, start: event.clientX, isMoved: false };
     plot.setPointerCapture(event.pointerId);
   }
 });
@@ -38,23 +37,24 @@ main.addEventListener("pointermove", (event) => {
     pinch(event, plot);
     return;
   }
-  if (drag && Math.abs(event.clientX - drag.start) > 4) {
-    const box = plot.getBoundingClientRect();
-    const ends = [drag.start, event.clientX].map((x) => Math.min(Math.max(x, box.left), box.right)).sort((a, b) => a - b);
-    brush.style.left = `${ends[0] - box.left}px`;
-    brush.style.width = `${ends[1] - ends[0]}px`;
-    if (!brush.isConnected) plot.append(brush);
-  }
-  setCursorTime(timeAt(plot, event.clientX));
+  if (drag && Math.abs(event.clientX - drag.start) > 4) drag.isMoved = true;
+  const { view } = state;
+  const inside = (time) => Math.min(Math.max(time, view.from), view.to);
+  if (drag?.isMoved) select(inside(timeAt(plot, drag.start)), inside(timeAt(plot, event.clientX)));
+  setCursorTime(inside(timeAt(plot, event.clientX)));
+  followCursor();
 });
 
+// Dragging selects; with Shift it zooms. A click where nothing is selected selects nothing.
 function endDrag(event) {
   fingers.delete(event.pointerId);
-  if (drag && brush.isConnected && event.type === "pointerup") {
-    const [from, to] = [timeAt(drag.plot, drag.start), timeAt(drag.plot, event.clientX)].sort((a, b) => a - b);
-    moveView(Math.max(from, state.view.from), Math.min(to, state.view.to));
+  if (drag && event.type === "pointerup") {
+    if (!drag.isMoved) clearSelection();
+    else if (event.shiftKey && state.selection) {
+      moveView(state.selection.from, state.selection.to);
+      clearSelection();
+    }
   }
-  brush.remove();
   drag = null;
 }
 main.addEventListener("pointerup", endDrag);

@@ -1,6 +1,7 @@
 // The rows of the page: one for each counter, made once, then moved between groups, shown and hidden.
 import { byId, element, hueOf, main, search } from "./dom.js";
 import { counted } from "./format.js";
+import { carryOrDrop, showOverlays } from "./overlay.js";
 import { schedule, state } from "./state.js";
 
 const nothing = element("p", "nothing", "No counter fits.");
@@ -29,7 +30,7 @@ function button(className, text) {
 
 function makeRow(counter) {
   const article = element("article", "row row-grid");
-  const row = { counter, article, cells: {}, width: 0, height: 0 };
+  const row = { counter, article, width: 0, height: 0, place: -1 };
   article.row = row;
   article.tabIndex = -1;
   article.style.setProperty("--hue", hueOf(counter.block));
@@ -44,26 +45,38 @@ function makeRow(counter) {
   const detail = element("p");
   if (counter.unit) detail.append(element("span", "unit", counter.unit));
   if (counter.hardware) detail.append(element("code", "", counter.hardware));
-  name.append(row.what, row.pin, detail);
+  row.lay = button("lay", "+");
+  row.lay.title = "Draw it over another chart";
+  row.lay.setAttribute("aria-label", `Draw ${counter.name} over another chart`);
+  row.lay.setAttribute("aria-pressed", "false");
+  row.lay.tabIndex = -1;
+  row.legend = element("div", "legend");
+  name.append(row.what, row.lay, row.pin, detail, row.legend);
+  row.what.draggable = true;
 
   row.plot = element("div", "plot");
   row.plot.setAttribute("role", "img");
   row.plot.setAttribute("aria-label", `Chart of ${counter.name}`);
   row.canvas = element("canvas");
-  row.top = element("span", "top");
-  row.line = element("span", "line");
-  row.plot.append(row.canvas, row.top, row.line);
+  row.note = element("span", "note");
+  row.note.hidden = true;
+  row.plot.append(row.canvas, row.note);
+  row.marks = [];
 
   const list = element("dl", "numbers");
-  for (const [key, label] of [["at", "Cursor"], ["min", "Min"], ["mean", "Mean"], ["max", "Max"]]) {
+  const cells = ["Cursor", "Min", "Mean", "Max"].map((text) => {
     const pair = element("div");
-    row.cells[key] = element("dd");
-    pair.append(element("dt", "", label), row.cells[key]);
+    const [label, value] = [element("dt", "", text), element("dd")];
+    pair.append(label, value);
     list.append(pair);
-  }
+    return { label, value };
+  });
+  row.cells = { at: cells[0].value, columns: cells.slice(1) };
   article.append(name, row.plot, list);
   showText(row);
   showPin(row);
+  showOverlays(row);
+  row.lay.addEventListener("click", () => carryOrDrop(row));
   row.what.addEventListener("click", () => toggleText(row));
   row.pin.addEventListener("click", () => togglePin(row));
   article.addEventListener("focusin", () => setCurrent(row));
@@ -77,7 +90,7 @@ export function setCurrent(row) {
   for (const [other, isCurrent] of [[state.current, false], [row, true]]) {
     if (!other) continue;
     other.article.classList.toggle("current", isCurrent);
-    other.article.tabIndex = other.what.tabIndex = other.pin.tabIndex = isCurrent ? 0 : -1;
+    other.article.tabIndex = other.what.tabIndex = other.lay.tabIndex = other.pin.tabIndex = isCurrent ? 0 : -1;
   }
   state.current = row;
   schedule();
@@ -134,6 +147,11 @@ function makeGroup(name, hue, rows) {
   section.append(heading, list);
   const link = element("a");
   link.href = `#${section.id}`;
+  link.addEventListener("click", (event) => {
+    event.preventDefault();  // the address is the view's
+    section.scrollIntoView();
+    title.focus({ preventScroll: true });
+  });
   link.style.setProperty("--hue", hue);
   return { name, section, link, size, rows };
 }
@@ -205,4 +223,14 @@ export function makeRows() {
 export function measureHeader() {
   const height = document.querySelector("header").offsetHeight || document.querySelector(".time").offsetHeight;
   document.documentElement.style.setProperty("--header", `${height}px`);
+}
+
+// Paper has no screen: all charts that are not hidden are drawn.
+export function showForPrint() {
+  for (const row of shownRows()) state.visible.add(row);
+}
+
+export function showForScreen() {
+  onScreen.disconnect();
+  for (const { article } of state.all) onScreen.observe(article);
 }

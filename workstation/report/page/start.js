@@ -1,12 +1,15 @@
 // Opens the trace.
-import { drawRows, readColors, writeRows } from "./charts.js";
+import { readAddress, restoreControls, restoreSequence, writeAddress } from "./address.js";
+import { drawCursor, drawRows, readColors, writeRows } from "./charts.js";
 import { overviewOf, prepare, trace } from "./data.js";
 import { byId, element, overview } from "./dom.js";
 import { counted, spanText } from "./format.js";
-import { arrange, makeRows, measureHeader } from "./rows.js";
-import { onPaint, onWrite, schedule, state } from "./state.js";
+import { canUnpack, hasLevel, levelsOf } from "./levels.js";
+import { arrange, makeRows, measureHeader, showForPrint, showForScreen } from "./rows.js";
+import { writeSelection } from "./selection.js";
+import { onPaint, onWrite, paintNow, schedule, state } from "./state.js";
 import { drawTimeline, writeTimeline } from "./timeline.js";
-import { drawCursor, setView, writeCursor } from "./view.js";
+import { setView, writeCursor } from "./view.js";
 
 const prefersDark = matchMedia("(prefers-color-scheme: dark)");
 
@@ -26,20 +29,33 @@ function tellProblems() {
   byId("problems").hidden = false;
 }
 
-function openSequence(index) {
-  const sequence = prepare(trace.sequences[index]);
+function tellLimits() {
+  if (canUnpack) return;
+  byId("limits").textContent = "This browser can't unpack the samples: it has no DecompressionStream. The charts " +
+    "show the steps of the overview, however far one zooms in.";
+  byId("limits").hidden = false;
+}
+
+function openSequence(index, address = new URLSearchParams()) {
+  const sequence = prepare(trace.sequences[index], index);
   state.sequence = sequence;
   state.pinned.clear();
   state.opened.clear();
+  state.overlays.clear();
+  state.selection = null;
   state.view = { from: sequence.from, to: sequence.to };
-  state.cursor = (sequence.edges.length - 1) >> 1;
+  state.edges = sequence.edges;
+  state.at = sequence.edges[sequence.edges.length >> 1];
   overview.setAttribute("aria-valuemin", 0);
   overview.setAttribute("aria-valuemax", sequence.edges.length - 2);
   const facts = [counted(sequence.counters.length, "counter"), counted(sequence.samples, "sample")];
   if (sequence.samples > 1) facts.push(`one every ${spanText(sequence.period)}`);
   facts.push(spanText(sequence.to - sequence.first));
-  if (sequence.samplesPerBin > 1) facts.push(`a point is ${sequence.samplesPerBin} samples`);
+  const lost = sequence.samplesPerBin > 1 && canUnpack ? sequence.counters.filter((counter) =>
+    counter.min !== counter.max && !hasLevel(sequence, counter, levelsOf(sequence)[0])).length : 0;
+  if (lost) facts.push(`the samples of ${counted(lost, "counter")} did not fit into the page`);
   byId("facts").textContent = facts.join(" · ");
+  restoreSequence(address);
   makeRows();
 }
 
@@ -47,6 +63,7 @@ function start() {
   document.title = `${trace.file} – GPU counters`;
   byId("file").textContent = trace.file;
   tellProblems();
+  tellLimits();
   const { sequences } = trace;
   sequences.forEach((each, index) => {
     const choice = element("option", "", `${each.number} (${counted(each.counters.length, "counter")})`);
@@ -63,11 +80,22 @@ function start() {
   setTheme(prefersDark.matches);
 
   for (const paint of [drawTimeline, drawRows, drawCursor]) onPaint(paint);
-  for (const write of [writeTimeline, writeRows, writeCursor]) onWrite(write);
+  for (const write of [writeTimeline, writeRows, writeCursor, writeSelection, writeAddress]) onWrite(write);
   const sizes = sequences.map(({ counters }) => counters.length);
   const largest = sizes.indexOf(Math.max(...sizes));
-  byId("session").value = largest;
-  openSequence(largest);
+  const address = readAddress();
+  const wanted = Number(address.get("sequence") ?? largest);
+  const chosen = sequences[wanted] ? wanted : largest;
+  state.first = largest;
+  restoreControls(address);
+  byId("session").value = chosen;
+  openSequence(chosen, address);
+  addEventListener("hashchange", () => location.reload());  // by hand or by a link: what the page writes itself does not tell
+  addEventListener("beforeprint", () => {
+    showForPrint();
+    paintNow();
+  });
+  addEventListener("afterprint", showForScreen);
   new ResizeObserver(() => {
     measureHeader();
     schedule();

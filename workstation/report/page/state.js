@@ -4,7 +4,11 @@
 export const state = {
   sequence: null,
   view: null,          // { from, to } in seconds since the trace's first sample
-  cursor: 0,           // the bin at which values are read
+  at: 0,               // the cursor: the time at which values are read
+  edges: null,         // of the finest steps that are drawn
+  selection: null,     // { from, to }: a part of the time whose numbers are shown
+  overlays: new Map(), // of a counter, those that are drawn over it
+  first: 0,            // the sequence that is shown at first
   current: null,       // the row that keys act on
   all: [],             // a row for each counter
   rows: [],            // the same in the order of the page
@@ -20,7 +24,7 @@ let isScheduled = false;
 
 // Numbers that change with every frame can't be read, and cost more than charts: while something moves, they follow now
 // and then, in milliseconds.
-const readable = 120;
+const readable = 250;
 let written = 0;
 let settling = 0;
 
@@ -30,6 +34,11 @@ export const onWrite = (write) => writers.push(write);
 function writeAll() {
   written = performance.now();
   for (const write of writers) write();
+}
+
+export function paintNow() {
+  for (const paint of painters) paint();
+  writeAll();
 }
 
 export function schedule() {

@@ -1,5 +1,5 @@
 // The head of the page: overview, ruler, and what they say of the view.
-import { colorOf, contextOf, drawSeries, scaleOf, ticks } from "./charts.js";
+import { colorOf, drawSeries, fitCanvas, pixelsOf, scaleOf, ticks } from "./charts.js";
 import { overviewOf } from "./data.js";
 import { byId, hueName, overview, setText } from "./dom.js";
 import { spanText, timeText } from "./format.js";
@@ -10,8 +10,11 @@ const { fontFamily } = getComputedStyle(document.body);
 function drawRuler(view) {
   const ruler = byId("ruler");
   const width = ruler.clientWidth;
-  const context = contextOf(ruler, width, ruler.clientHeight);
-  if (!context) return;
+  if (!fitCanvas(ruler, width, ruler.clientHeight)) return;
+  const context = ruler.getContext("2d");
+  const ratio = window.devicePixelRatio || 1;
+  context.setTransform(ratio, 0, 0, ratio, 0, 0);
+  context.clearRect(0, 0, width, ruler.clientHeight);
   const { step, at } = ticks(view, width);
   context.font = `11.5px ${fontFamily}`;
   context.fillStyle = colorOf("--muted");
@@ -37,10 +40,12 @@ function drawOverview(sequence) {
   const hue = colorOf(hueName(counter.block));
   const now = [counter, width, height, hue, byId("fit").checked];
   if (now.every((part, i) => part === drawn[i])) return;
-  const context = contextOf(canvas, width, height);
-  if (!context) return;
+  if (!fitCanvas(canvas, width, height)) return;
   drawn = now;
-  drawSeries(context, overviewOf(sequence, counter), sequence, scaleOf(counter, counter), hue);
+  const piece = overviewOf(sequence, counter);
+  const image = pixelsOf(canvas);
+  drawSeries(image, piece, sequence, scaleOf(counter, piece, sequence), hue);
+  canvas.getContext("2d").putImageData(image, 0, 0);
 }
 
 export function drawTimeline() {
@@ -54,6 +59,10 @@ export function drawTimeline() {
 
 export function writeTimeline() {
   const { view } = state;
+  const amounts = byId("amounts").value;
+  const heads = byId("columns").value === "percentiles" ? ["p50", "p95", "p99"]
+    : ["Min", amounts === "total" ? "Total" : "Mean", "Max"];
+  heads.forEach((text, i) => setText(document.querySelectorAll(".heads span")[i + 1], text));
   const from = Math.max(view.from, 0);  // the time that the first sample counted lies before it
   setText(byId("view"), `${timeText(from, (view.to - from) / 1000)} to ` +
     `${timeText(view.to, (view.to - from) / 1000)} (${spanText(view.to - from)})`);

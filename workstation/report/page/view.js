@@ -1,4 +1,5 @@
 // The part of the time that is shown, and the cursor in it.
+import { drawCursor } from "./charts.js";
 import { overviewOf, stepAt } from "./data.js";
 import { byId, overview, setAttribute, setText } from "./dom.js";
 import { short, timeText } from "./format.js";
@@ -61,48 +62,52 @@ export function timeAt(plot, clientX) {
 
 // ---- Cursor ----
 
-export const cursorTime = () => state.sequence.edges[state.cursor + 1];
+export function setCursorTime(time) {
+  state.at = state.edges[stepAt(state.edges, time) + 1];
+  drawCursor();
+  writeCursor();
+}
 
-export function setCursor(step, isByKey = false) {
+// Goes to a time, which comes into view if it is not.
+export function goTo(time) {
   const { sequence, view } = state;
-  state.cursor = Math.min(Math.max(step, 0), sequence.edges.length - 2);
-  const time = cursorTime();
-  if (isByKey && (time < view.from || time > view.to)) {
+  state.at = Math.min(Math.max(time, sequence.first), sequence.to);
+  if (state.at < view.from || state.at > view.to) {
     const half = (view.to - view.from) / 2;
-    setView(time - half, time + half);
+    setView(state.at - half, state.at + half);
   }
   drawCursor();
   writeCursor();
-  if (isByKey) announce();
+  announce();
 }
 
-export const setCursorTime = (time) => setCursor(stepAt(state.sequence.edges, time));
+// Goes by so many of the steps that are drawn: samples, where they are.
+export function moveCursor(steps) {
+  const { at, edges } = state;
+  const place = stepAt(edges, at) + 1 + steps;
+  const isInside = at >= edges[0] && at <= edges[edges.length - 1];
+  const step = edges[1] - edges[0];
+  goTo(!isInside ? at : edges[place] ?? at + steps * step);
+}
 
-const valueAt = (counter) => short(overviewOf(state.sequence, counter).means[state.cursor], counter.unit);
-
-// The line in each chart is moved by itself: a property that all inherit would have the style of all computed anew.
-export function drawCursor() {
-  const { view, visible } = state;
-  const share = (cursorTime() - view.from) / (view.to - view.from);
-  for (const { line, width } of visible) {
-    const place = share >= 0 && share <= 1 ? `translateX(${Math.round(share * width)}px)` : "scale(0)";
-    if (line.style.transform !== place) line.style.transform = place;
-  }
+function valueAt(row) {
+  const { edges, means } = row.piece || overviewOf(state.sequence, row.counter);
+  return short(means[stepAt(edges, state.at)], row.counter.unit);
 }
 
 export function writeCursor() {
-  const text = timeText(cursorTime(), state.sequence.period / 10);
+  const text = timeText(state.at, state.sequence.period / 10);
   setText(byId("at"), text);
-  setAttribute(overview, "aria-valuenow", String(state.cursor));
+  setAttribute(overview, "aria-valuenow", String(stepAt(state.sequence.edges, state.at)));
   setAttribute(overview, "aria-valuetext", text);
-  for (const { counter, cells } of state.visible) setText(cells.at, valueAt(counter));
+  for (const row of state.visible) setText(row.cells.at, valueAt(row));
 }
 
 let announcement = 0;
 export function announce() {
   clearTimeout(announcement);
   announcement = setTimeout(() => {
-    const counter = state.current?.counter;
-    byId("live").textContent = byId("at").textContent + (counter ? `, ${counter.name} ${valueAt(counter)}` : "");
+    const row = state.current;
+    byId("live").textContent = byId("at").textContent + (row ? `, ${row.counter.name} ${valueAt(row)}` : "");
   }, 250);
 }

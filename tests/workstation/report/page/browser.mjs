@@ -78,8 +78,9 @@ export async function startBrowser(program, moreFlags = []) {
         if (exceptionDetails) throw new Error(exceptionDetails.exception?.description || exceptionDetails.text);
         return result.value;
       };
-      // Two frames later everything that was scheduled is painted.
-      page.settle = () => page.evaluate("new Promise((done) => requestAnimationFrame(() => requestAnimationFrame(() => done())))");
+      // Two frames later everything that was scheduled is painted; numbers follow a little later.
+      page.settle = () => page.evaluate(
+        "new Promise((done) => requestAnimationFrame(() => requestAnimationFrame(() => setTimeout(done, 300))))");
       page.until = async (expression) => {
         const end = Date.now() + 10000;
         while (!await page.evaluate(expression)) {

@@ -37,15 +37,19 @@ const counters = [
 for (let id = 200; id < 347; id += 1) counters.push({ id, name: `Filler ${id}`, selected: id < 250, value: (i) => (i * id) % 1000 });
 const short = write("short", counterTrace({ counters, samples: 301 }));
 
+const long = write("long", counterTrace({ counters: counters.slice(0, 20), samples: 20000 }));
+
 async function openClean(url, settings) {
   const page = await browser.open(url, settings);
   await page.settle();
   assert.deepEqual(page.errors, []);
-  assert.deepEqual(page.requests, [url]);
+  assert.deepEqual(page.requests, [url.replace(/#.*/, "")]);
   return page;
 }
 
 const rowNamed = (name) => `[...document.querySelectorAll(".row")].find((row) => row.row.counter.name === ${JSON.stringify(name)})`;
+const numbers = (page, name) => page.evaluate(`${rowNamed(name)}.row.cells.columns.map(({ label, value }) => label.textContent + " " + value.textContent)`);
+const until = (page, name, expected) => page.until(`${rowNamed(name)}.row.cells.columns.map(({ value }) => value.textContent).join("|") === ${JSON.stringify(expected)}`);
 const cursorValue = (page, name) => page.evaluate(`${rowNamed(name)}.row.cells.at.textContent`);
 // Whether anything was painted into a chart besides grid lines: pixels of more than a few colours.
 const colorsIn = (page, name) => page.evaluate(`(() => {
@@ -161,4 +165,93 @@ test("mouse and fingers zoom", async () => {
   await phone.settle();
   assert.ok(await phone.evaluate("parseFloat(document.getElementById('window').style.width) < 50"));
   await phone.close();
+});
+
+test("every sample is in the page, and is seen when it is looked at", async () => {
+  const page = await openClean(`${long}#view=12.3~12.33&at=12.317`);
+  await page.until(`${rowNamed("Ramp")}.row.piece.per === 1`);
+  await page.settle();
+  assert.equal(await cursorValue(page, "Ramp"), "12.32 k");
+  await page.press("ArrowRight");
+  assert.equal(await page.text("#at"), "12.3180 s");
+  const values = await page.evaluate(`(() => {
+    const { edges, means } = ${rowNamed("Ramp")}.row.piece;
+    return [means[0], means.every((value, i) => value === means[0] + i), means.every((value, i) => Math.abs(edges[i + 1] * 1000 - value) < 1e-6)];
+  })()`);
+  assert.equal(values[0] % 2048, 0);
+  assert.deepEqual(values.slice(1), [true, true]);
+  // Half zoomed in, there are steps of 16; they have the range of their samples.
+  await page.press("0");
+  for (let i = 0; i < 2; i += 1) await page.press("w");
+  await page.until(`${rowNamed("Ramp")}.row.piece.per === 16`);
+  assert.deepEqual(await page.evaluate(`(() => { const { mins, means, maxs } = ${rowNamed("Ramp")}.row.piece;
+    return [maxs[3] - mins[3], means[3] - mins[3]]; })()`), [15, 7.5]);
+  await page.close();
+});
+
+test("a selection has true sums and percentiles, by address, mouse and key", async () => {
+  const page = await openClean(`${long}#selection=5~6.5&amounts=total`);
+  // The samples 5001 to 6500; the ends lie within steps of every level.
+  await until(page, "Ramp", "5001|8.626 M|6500");
+  assert.deepEqual(await numbers(page, "Ramp"), ["Min 5001", "Total 8.626 M", "Max 6500"]);
+  await page.evaluate("document.getElementById('columns').value = 'percentiles'; document.getElementById('columns').dispatchEvent(new Event('change'))");
+  await until(page, "Ramp", "5750|6425|6485");
+  await page.press("Escape");
+  assert.ok(await page.evaluate("document.getElementById('selection').hidden"));
+  for (const key of ["Home", "m"]) await page.press(key);
+  await page.press("ArrowRight", 8);
+  await page.press("m");
+  assert.match(await page.text("#selected"), /^\d+(\.\d+)? ms selected/);
+  await page.press("Escape");
+  const plot = await page.box(".plot");
+  await page.mouse("mousePressed", plot.left + plot.width / 4, plot.y);
+  await page.mouse("mouseMoved", plot.left + plot.width / 2, plot.y);
+  await page.mouse("mouseReleased", plot.left + plot.width / 2, plot.y);
+  await page.settle();
+  assert.match(await page.text("#selected"), /^(4\.9|5)\d* s selected/);
+  await page.press("z");
+  assert.ok(await page.evaluate("Math.abs(parseFloat(document.getElementById('window').style.width) - 25) < 2"));
+  await page.close();
+});
+
+test("what does not fit into the page is told where it is missing", async () => {
+  const noise = counters.slice(0, 20).map((counter, n) => ({ ...counter, value: (i) => Math.abs(Math.sin(i * (n + 1)) * 1e9) | 0 }));
+  const page = await openClean(`${write("small", counterTrace({ counters: noise, samples: 20000 }), ["--page-size=1"])}#view=5~5.02`);
+  const last = rowNamed("Filler 216");
+  await page.evaluate(`${last}.scrollIntoView()`);
+  await page.until(`${last}.row.note.textContent !== ""`);
+  assert.match(await page.evaluate(`${last}.row.note.textContent`), /^in steps of \d+ samples: /);
+  assert.match(await page.text("#facts"), /the samples of \d+ counters did not fit/);
+  await page.close();
+  const old = await openClean(`${long}#view=5~5.02`, { before: "delete window.DecompressionStream" });
+  assert.match(await old.text("#limits"), /DecompressionStream/);
+  assert.ok(await old.evaluate("document.getElementById('limits').offsetHeight > 0"));
+  assert.ok(await colorsIn(old, "Wave <b>") > 2);
+  await old.close();
+});
+
+test("counters are drawn over others, and the address keeps everything", async () => {
+  const page = await openClean(short);
+  const plain = await colorsIn(page, "Wave <b>");
+  await page.evaluate(`${rowNamed("Ramp")}.focus()`);
+  await page.press("o");
+  await page.evaluate(`${rowNamed("Wave <b>")}.focus()`);
+  await page.press("o");
+  assert.ok(await colorsIn(page, "Wave <b>") > plain);
+  for (const key of ["p", "w", "f"]) await page.press(key);
+  await page.until("location.hash.includes('fit') && location.hash.includes('view') && location.hash.includes('over')");
+  const url = await page.evaluate("location.href");
+  const look = `[...document.querySelectorAll("h2, #view, #at, .legend, .row:first-child dd")].map((node) => node.textContent).join("|")`;
+  const before = await page.evaluate(look);
+  await page.close();
+  const again = await openClean(url);
+  await again.until(`${look} === ${JSON.stringify(before)}`);
+  assert.ok(await again.evaluate("document.getElementById('fit').checked"));
+  await again.click(".over");
+  assert.equal(await again.evaluate("document.querySelectorAll('.over').length"), 0);
+  const far = `${rowNamed("Filler 346")}.row.canvas.width`;
+  assert.ok(await again.evaluate(`${far} < 2 || !${rowNamed("Filler 346")}.row.piece`));
+  await again.evaluate("dispatchEvent(new Event('beforeprint'))");
+  assert.ok(await again.evaluate(far) > 100);
+  await again.close();
 });
