@@ -47,6 +47,10 @@ if(ANDROID)
 endif()
 
 if(COUNTERFEED_SANITIZE)
+    if(NOT COUNTERFEED_SANITIZE MATCHES "fuzzer")
+        # What the sanitizers add takes long to optimise, and a report needs no more than lines.
+        add_compile_options(-O1 -g1)
+    endif()
     add_compile_options(-fsanitize=${COUNTERFEED_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${COUNTERFEED_SANITIZE})
 endif()
