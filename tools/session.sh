@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What ./demo and tools/endurance share, to be sourced in the root of the repository with "set -euo pipefail": the
+# What ./demo, tools/endurance and tools/restarts share, to be sourced in the root of the repository with "set -euo pipefail": the
 # build, and a tracing service and a launcher of their own, which end with the script.
 
 readonly me=${0##*/}
@@ -54,6 +54,10 @@ build_all() {
 
 is_offered() {
     kill -0 "$producer" 2>/dev/null || give_up "the launcher ended"
+    service_has_counters
+}
+
+service_has_counters() {
     "$service/perfetto" --query-raw >"$work/state" 2>"$work/query.log" &&
         "$bin/counterfeed-report" --offered "$work/state" >"$work/offered" 2>/dev/null
 }
