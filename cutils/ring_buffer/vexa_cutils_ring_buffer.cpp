@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <initializer_list>
 #include <new>
 
 namespace {
