@@ -226,7 +226,6 @@ int fate_of_child() {
         for (std::uint32_t channel = 0; channel < CDBGP_CHANNEL_COUNT; ++channel) {
             cdbgp_print_to_important_channel(channel, "F", "M", "L", "f", "child");
         }
-        std::fflush(nullptr);
         _exit(length + 1);
     }
     int status = 0;
