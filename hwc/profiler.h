@@ -103,8 +103,8 @@ private:
     bool has_gpu_cycles_;
 };
 
-// While it lives, a sample's blocks have been added up once for all of its rows. Until then its words must
-// not change. One at a time, in the sampling thread.
+// While it lives, a sample's blocks have been added up once for all of its rows, and the sample's words must
+// not change. One at a time for a profiler, in the profiler's thread.
 class sample_in_hand {
 public:
     sample_in_hand(profiler& context, const std::uint32_t* sample) : context_(context) {
