@@ -4,11 +4,16 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace qel::vexa::hwc {
 
 // The expression of each row of a table, by id. That of a raw counter is its hardware name alone. Tables
 // count from 1. Any thread may call this.
 std::map<std::uint32_t, std::string> counter_expressions(unsigned table);
+
+// The same in the order in which they are worked out: operands, which are hardware names, the GPU's own
+// numbers and plain numbers, and behind its two operands each of "+", "-", "*", "/" and "max".
+std::map<std::uint32_t, std::vector<std::string>> counter_steps(unsigned table);
 
 }  // namespace qel::vexa::hwc
