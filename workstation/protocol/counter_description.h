@@ -16,6 +16,11 @@ struct counter_description {
     std::vector<std::uint32_t> numerator_units;  // numbered as in the protocol's MeasureUnit
     std::vector<std::uint32_t> denominator_units;
     bool select_by_default = false;
+    std::string group;         // the first of those that its producer has put it in, or empty
+    std::uint32_t gpu = 0;     // of those of a trace
+    bool is_described = true;  // and not only an id in a sample
+
+    bool operator==(const counter_description&) const = default;
 
     // "percent", "byte/pixel"; empty for a plain count.
     std::string unit() const;

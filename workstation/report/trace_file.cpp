@@ -1,9 +1,5 @@
 #include "workstation/report/trace_file.h"
 
-#ifdef COUNTERFEED_ZLIB
-#include <zlib.h>
-#endif
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -14,8 +10,10 @@
 #include <protozero/varint.hpp>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 #include "workstation/protocol/messages.h"
+#include "workstation/report/compression.h"
 
 namespace qel::vexa::report {
 
@@ -29,11 +27,32 @@ enum packet_field : std::uint32_t {
     packet_ftrace_events = 1,
     packet_timestamp = 8,
     packet_sequence = 10,
+    packet_interned_data = 12,
+    packet_sequence_flags = 13,
+    packet_trace_config = 33,
+    packet_state_cleared = 41,
     packet_compressed_packets = 50,
     packet_gpu_counter_event = 52,
+    packet_gpu_info = 128,
+    packet_zstd_packets = 133,
 };
-enum event_field : std::uint32_t { event_descriptor = 1, event_counters = 2 };
+enum event_field : std::uint32_t {
+    event_descriptor = 1,
+    event_counters = 2,
+    event_gpu = 3,
+    event_descriptor_iid = 4,
+};
 enum value_field : std::uint32_t { value_counter_id = 1, value_whole = 2, value_double = 3 };
+enum interned_field : std::uint32_t { interned_descriptors = 47 };
+enum interned_descriptor_field : std::uint32_t {
+    interned_iid = 1,
+    interned_descriptor = 2,
+    interned_gpu = 3,
+};
+enum gpu_info_field : std::uint32_t { gpu_info_gpus = 1 };
+enum gpu_field : std::uint32_t { gpu_name = 1 };
+
+constexpr std::uint32_t flag_state_cleared = 1;
 
 // A trace is nothing but packets, each a tag, a length and so many bytes.
 constexpr char packet_tag = 1 << 3 | 2;
@@ -65,24 +84,46 @@ bool read_value(std::string_view bytes, counter_value& value) {
     });
 }
 
+// A description that packets of the same sequence refer to by its number.
+struct interned_counters {
+    std::uint64_t iid = 0;
+    std::optional<std::uint32_t> gpu;
+    std::vector<counter_description> counters;
+};
+
 // What a packet says of GPU counters. One object serves all packets, and keeps its memory.
 struct packet_content {
     std::uint32_t sequence;
     bool has_event;
     bool has_counters;
+    bool clears_state;
     std::vector<counter_description> counters;
+    std::vector<interned_counters> interned;
+    std::optional<std::uint64_t> iid;
+    std::optional<std::uint32_t> gpu;
     counter_sample sample;
+    std::vector<std::string> gpus;
+    std::string_view config;
     std::string_view compressed;
+    bool is_zstd;
 
     void clear() {
         sequence = 0;
-        has_event = has_counters = false;
+        has_event = has_counters = clears_state = is_zstd = false;
         counters.clear();
+        interned.clear();
+        iid.reset();
+        gpu.reset();
         sample.timestamp = 0;
         sample.values.clear();
-        compressed = {};
+        gpus.clear();
+        config = compressed = {};
     }
 };
+
+bool take_optional(const field& each, auto& number) {
+    return take_number(each, number.emplace());
+}
 
 bool read_event(std::string_view bytes, packet_content& content) {
     content.has_event = true;
@@ -94,24 +135,77 @@ bool read_event(std::string_view bytes, packet_content& content) {
             case event_counters:
                 return each.is_bytes() &&
                        read_value(each.bytes, content.sample.values.emplace_back(counter_value{0, 0}));
+            case event_gpu:
+                return take_optional(each, content.gpu);
+            case event_descriptor_iid:
+                return take_optional(each, content.iid);
             default:
                 return true;
         }
     });
 }
 
+bool read_interned(std::string_view bytes, packet_content& content) {
+    return for_each_field(bytes, [&content](const field& each) {
+        if (each.id != interned_descriptors) {
+            return true;
+        }
+        interned_counters& one = content.interned.emplace_back();
+        return each.is_bytes() && for_each_field(each.bytes, [&one](const field& part) {
+                   switch (part.id) {
+                       case interned_iid:
+                           return take_number(part, one.iid);
+                       case interned_descriptor:
+                           return part.is_bytes() && read_counter_descriptor(part.bytes, one.counters);
+                       case interned_gpu:
+                           return take_optional(part, one.gpu);
+                       default:
+                           return true;
+                   }
+               });
+    });
+}
+
+bool read_gpu_info(std::string_view bytes, packet_content& content) {
+    return for_each_field(bytes, [&content](const field& each) {
+        if (each.id != gpu_info_gpus) {
+            return true;
+        }
+        std::string& name = content.gpus.emplace_back();
+        return each.is_bytes() && for_each_field(each.bytes, [&name](const field& part) {
+                   return part.id != gpu_name || take_text(part, name);
+               });
+    });
+}
+
 bool read_packet(std::string_view bytes, packet_content& content) {
     content.clear();
     return for_each_field(bytes, [&content](const field& each) {
+        std::uint64_t number = 0;
         switch (each.id) {
             case packet_timestamp:
                 return take_number(each, content.sample.timestamp);
             case packet_sequence:
                 return take_number(each, content.sequence);
+            case packet_interned_data:
+                return each.is_bytes() && read_interned(each.bytes, content);
+            case packet_sequence_flags:
+                content.clears_state = content.clears_state || (each.number & flag_state_cleared) != 0;
+                return take_number(each, number);
+            case packet_state_cleared:
+                content.clears_state = content.clears_state || each.number != 0;
+                return take_number(each, number);
             case packet_gpu_counter_event:
                 return each.is_bytes() && read_event(each.bytes, content);
+            case packet_gpu_info:
+                return each.is_bytes() && read_gpu_info(each.bytes, content);
+            case packet_trace_config:
+                content.config = each.bytes;
+                return each.is_bytes();
             case packet_compressed_packets:
-                content.compressed = each.is_bytes() ? each.bytes : std::string_view{};
+            case packet_zstd_packets:
+                content.compressed = each.bytes;
+                content.is_zstd = each.id == packet_zstd_packets;
                 return each.is_bytes();
             case packet_ftrace_events:
                 // What the service adds stands last. What looks like this field behind it is the next packet,
@@ -148,7 +242,7 @@ packet_frame read_frame(std::string_view bytes) {
 // The part of a file that is in memory.
 class file_window {
 public:
-    explicit file_window(std::istream& file) : file_(file) {}
+    explicit file_window(std::istream& file) : source_(file) {}
 
     // The bytes from the position on: at least so many unless the file ends before.
     std::string_view at_least(std::size_t wanted) {
@@ -162,6 +256,7 @@ public:
         position_ += count;
     }
     std::uint64_t position() const { return position_; }
+    const byte_source& source() const { return source_; }
 
 private:
     void fill(std::size_t wanted) {
@@ -170,43 +265,18 @@ private:
         end_ -= begin_;
         begin_ = 0;
         // A claimed length is believed piece by piece, so that it takes no more memory than the file has.
-        while (end_ < wanted && file_) {
+        for (std::size_t count = 1; end_ < wanted && count != 0; end_ += count) {
             buffer_.resize(std::max(buffer_.size(), end_ + piece_size));
-            file_.read(buffer_.data() + end_, static_cast<std::streamsize>(buffer_.size() - end_));
-            end_ += static_cast<std::size_t>(file_.gcount());
+            count = source_.read(buffer_.data() + end_, buffer_.size() - end_);
         }
     }
 
-    std::istream& file_;
+    byte_source source_;
     std::vector<char> buffer_;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
     std::uint64_t position_ = 0;  // of begin_ in the file
 };
-
-#ifdef COUNTERFEED_ZLIB
-// Nothing when the bytes are damaged or become more than a packet may hold.
-std::optional<std::string> decompress(std::string_view bytes) {
-    z_stream stream{};
-    if (inflateInit(&stream) != Z_OK) {
-        return std::nullopt;
-    }
-    std::string result;
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
-    stream.avail_in = static_cast<uInt>(bytes.size());
-    int status = Z_OK;
-    while (status == Z_OK && result.size() < max_packet) {
-        const std::size_t done = result.size();
-        result.resize(done + piece_size);
-        stream.next_out = reinterpret_cast<Bytef*>(result.data() + done);
-        stream.avail_out = static_cast<uInt>(piece_size);
-        status = inflate(&stream, Z_NO_FLUSH);
-        result.resize(result.size() - stream.avail_out);
-    }
-    inflateEnd(&stream);
-    return status == Z_STREAM_END ? std::optional(std::move(result)) : std::nullopt;
-}
-#endif
 
 class trace_reader {
 public:
@@ -220,6 +290,9 @@ public:
                 next_progress = window_.position() + progress_step;
             }
             read_next();
+        }
+        if (window_.source().fault() != nullptr) {
+            listener_.on_unreadable({window_.position(), 0, window_.source().fault()});
         }
         listener_.on_progress(window_.position());
         return packet_count_;
@@ -277,22 +350,23 @@ private:
 
     // Gives what is wrong with a packet, or null.
     const char* deliver(packet_content& content, bool may_be_compressed) {
-        if (content.has_counters) {
-            listener_.on_counters(content.sequence, content.counters);
+        deliver_counters(content);
+        if (!content.gpus.empty()) {
+            listener_.on_gpus(content.gpus);
         }
-        if (content.has_event && (!content.has_counters || !content.sample.values.empty())) {
-            listener_.on_sample(content.sequence, content.sample);
+        if (!content.config.empty()) {
+            listener_.on_config(content.config);
         }
         if (content.compressed.empty() || !may_be_compressed) {
             return nullptr;
         }
-#ifdef COUNTERFEED_ZLIB
-        const auto unpacked = decompress(content.compressed);
-        std::string_view rest;
-        if (!unpacked) {
-            return "damaged compressed packets";
+        const packet_compression format =
+            content.is_zstd ? packet_compression::zstd : packet_compression::zlib;
+        const char* const fault = decompress(content.compressed, format, max_packet, unpacked_);
+        if (fault != nullptr) {
+            return fault;
         }
-        for (rest = *unpacked; !rest.empty();) {
+        for (std::string_view rest = unpacked_; !rest.empty();) {
             const packet_frame frame = read_frame(rest);
             if (frame.header == 0 || rest.size() < frame.total() ||
                 !read_packet(rest.substr(frame.header, frame.size), content)) {
@@ -302,11 +376,82 @@ private:
             rest.remove_prefix(frame.total());
         }
         return nullptr;
-#else
-        return "compressed packets, which this build can't read";
-#endif
     }
 
+    // Descriptions stand in the event itself or among the interned ones of its sequence. The GPU's number
+    // stands beside either; samples without one are of the GPU that their counters were described for.
+    void deliver_counters(packet_content& content) {
+        if (!content.has_event && content.interned.empty() && !content.clears_state) {
+            return;
+        }
+        sequence_state& state = sequences_[content.sequence];
+        if (content.clears_state) {
+            state.interned.clear();
+        }
+        for (interned_counters& one : content.interned) {
+            state.described_by.reset();
+            state.interned[one.iid] = std::move(one);
+        }
+        if (content.iid) {
+            const auto found = state.interned.find(*content.iid);
+            if (found != state.interned.end()) {
+                content.gpu = found->second.gpu ? found->second.gpu : content.gpu;
+                // Every sample may say again what describes it.
+                if (std::exchange(state.described_by, content.iid) != content.iid) {
+                    describe(content.sequence, state, found->second.counters, content.gpu);
+                }
+            }
+        }
+        if (content.has_counters) {
+            describe(content.sequence, state, content.counters, content.gpu);
+        }
+        counter_sample& sample = content.sample;
+        if (!content.has_event || (sample.values.empty() && (content.has_counters || content.iid))) {
+            return;
+        }
+        const auto gpu_of = [&](std::uint32_t id) {
+            const auto found = state.gpus.find(id);
+            return content.gpu ? *content.gpu : found != state.gpus.end() ? found->second : 0;
+        };
+        while (!state.gpus.empty() && !content.gpu && !sample.values.empty()) {
+            // Rarely more than one.
+            sample.gpu = gpu_of(sample.values.front().id);
+            const auto others = std::stable_partition(
+                sample.values.begin(), sample.values.end(),
+                [&](const counter_value& value) { return gpu_of(value.id) == sample.gpu; });
+            std::vector<counter_value> rest(others, sample.values.end());
+            sample.values.erase(others, sample.values.end());
+            listener_.on_sample(content.sequence, sample);
+            sample.values = std::move(rest);
+            if (sample.values.empty()) {
+                return;
+            }
+        }
+        sample.gpu = content.gpu.value_or(0);
+        listener_.on_sample(content.sequence, sample);
+    }
+
+    struct sequence_state {
+        std::map<std::uint64_t, interned_counters> interned;
+        std::optional<std::uint64_t> described_by;
+        std::map<std::uint32_t, std::uint32_t> gpus;  // of counters that are of another than the first
+    };
+
+    void describe(std::uint32_t sequence, sequence_state& state, std::vector<counter_description> counters,
+                  std::optional<std::uint32_t> gpu) {
+        for (counter_description& counter : counters) {
+            counter.gpu = gpu.value_or(0);
+            if (counter.gpu != 0) {
+                state.gpus.emplace(counter.id, counter.gpu);
+            } else {
+                state.gpus.erase(counter.id);
+            }
+        }
+        listener_.on_counters(sequence, counters);
+    }
+
+    std::string unpacked_;
+    std::map<std::uint32_t, sequence_state> sequences_;
     file_window window_;
     trace_listener& listener_;
     packet_content content_{};

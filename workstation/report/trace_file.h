@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "workstation/protocol/counter_description.h"
@@ -24,6 +25,7 @@ struct counter_value {
 struct counter_sample {
     std::uint64_t timestamp;  // nanoseconds on the device's CLOCK_MONOTONIC_RAW
     std::vector<counter_value> values;
+    std::uint32_t gpu = 0;
 };
 
 // Bytes of a file that can't be read, and why.
@@ -42,14 +44,18 @@ public:
     // What a sequence's samples hold, in their order. It comes before them unless it was lost.
     virtual void on_counters(std::uint32_t sequence, const std::vector<counter_description>& counters) = 0;
     virtual void on_sample(std::uint32_t sequence, const counter_sample& sample) = 0;
+    // The names of the trace's GPUs, by their numbers.
+    virtual void on_gpus(const std::vector<std::string>& /*names*/) {}
+    // What the session was asked to record, as a TraceConfig.
+    virtual void on_config(std::string_view /*config*/) {}
     virtual void on_unreadable(const unreadable_part& /*part*/) {}
     // Now and then: the number of bytes that are behind the reader.
     virtual void on_progress(std::uint64_t /*bytes*/) {}
 };
 
-// Reads a trace from the stream's position to its end, a piece at a time: it never holds more than a packet
-// of the largest size. Where bytes are damaged it goes on at the next place where a packet begins. Gives the
-// number of whole packets, of any kind; none means that this is no trace.
+// Reads a trace, compressed with gzip or not, from the stream's position to its end, a piece at a time: it
+// never holds more than a packet of the largest size. Where bytes are damaged it goes on at the next place
+// where a packet begins. Gives the number of whole packets, of any kind; none means that this is no trace.
 std::uint64_t read_trace(std::istream& file, trace_listener& listener);
 
 struct counter_sequence {
