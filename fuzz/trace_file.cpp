@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "workstation/report/compare.h"
 #include "workstation/report/summary.h"
 #include "workstation/report/writers.h"
 
@@ -17,13 +18,15 @@ public:
     using trace_summary::trace_summary;
 
     void on_unreadable(const unreadable_part& part) override {
-        if (part.offset < end || part.size == 0 || part.reason.empty()) {
+        // Nothing is left of a compressed file where it can't be read on.
+        if (part.offset < end || (part.size == 0 && !is_compressed) || part.reason.empty()) {
             std::abort();
         }
         end = part.offset + part.size;
     }
 
     std::uint64_t end = 0;
+    bool is_compressed = false;
 };
 
 }  // namespace
@@ -31,8 +34,9 @@ public:
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::istringstream file(std::string(reinterpret_cast<const char*>(data), size));
     checked_summary summary(4, {});
+    summary.is_compressed = size > 1 && data[0] == 0x1f && data[1] == 0x8b;
     read_trace(file, summary);
-    if (summary.end > size) {
+    if (summary.end > size && !summary.is_compressed) {
         std::abort();
     }
     const auto& sequences = summary.finish();
@@ -50,7 +54,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     std::ostringstream out;
     write_summary(out, sequences, {.width = 80, .charts = chart_style::blocks, .all = true});
-    write_page(out, {.file = "input", .file_size = size, .sequences = sequences, .problems = {}});
+    const page_source source{
+        .file = "input", .file_size = size, .sequences = sequences, .problems = summary.missing()};
+    write_page(out, source);
+    write_json(out, source);
+    std::vector<const sequence_summary*> all;
+    for (const auto& [from, sequence] : sequences) {
+        all.push_back(&sequence);
+    }
+    const comparison result = compare(all, all);
+    for (const compared_counter& counter : result.counters) {
+        if (counter.is_changed) {
+            std::abort();
+        }
+    }
+    write_comparison(out, {.before = {}, .after = {}, .result = result, .failed = {}},
+                     {.width = 20, .all = true});
     trace_survey survey;
     file.clear();
     file.seekg(0);

@@ -13,8 +13,8 @@ namespace qel::vexa::hwc {
 
 namespace {
 
-// The expression of each row of a table, by id, in the form that form(expression) or, for the hardware name of
-// a raw counter, form(text) gives it.
+// The expression of each row of a table, by id, in the form that form(expression) or, for the hardware name
+// of a raw counter, form(text) gives it.
 template <typename Form>
 auto expressions_of(unsigned table, Form form) {
     std::map<std::uint32_t, decltype(form(std::string_view()))> result{

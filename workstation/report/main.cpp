@@ -19,10 +19,12 @@
 #include <fstream>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <optional>
 
 #include "workstation/command_line/output.h"
 #include "workstation/command_line/program.h"
+#include "workstation/report/compare.h"
 #include "workstation/report/trace_file.h"
 #include "workstation/report/writers.h"
 
@@ -36,6 +38,7 @@ using command_line::fail_usage;
 
 constexpr const char* usage =
     "Usage: counterfeed-report [OPTION]... TRACE\n"
+    "       counterfeed-report [OPTION]... --compare BEFORE AFTER\n"
     "\n"
     "Shows the GPU counters of a recorded trace: a line for each counter that is selected by default, with "
     "its\n"
@@ -44,6 +47,10 @@ constexpr const char* usage =
     "  -a, --all            show all counters of the trace, not just the default selection\n"
     "  -c, --csv[=FORM]     write comma-separated values: 'wide', a line for each sample (the default), or\n"
     "                       'long', a line for each value\n"
+    "  -j, --json           write all numbers of the summary as JSON\n"
+    "      --amounts FORM   show what adds up, such as bytes, per 'second' (the default), per 'sample' (that "
+    "of\n"
+    "                       --csv), or as the 'total' of the time shown\n"
     "      --html           write a page with a chart for each counter, for a browser\n"
     "  -o, --output FILE    write to FILE, not to the standard output\n"
     "  -m, --match TEXT     only counters whose name holds TEXT, in any case; may be given several times\n"
@@ -53,6 +60,13 @@ constexpr const char* usage =
     "      --page-size MB   how large a page may become: what of the samples does not fit is left out "
     "(default 20)\n"
     "      --charts WHEN    charts in the summary: 'auto' (on a terminal, the default), 'always', 'never'\n"
+    "      --compare        show what changed from one trace to another by more than chance\n"
+    "      --before TRACE, --after TRACE\n"
+    "                       further traces of a side; may be given several times\n"
+    "      --fail-if LIMIT  end with status 3 if a counter changed beyond a limit: NAME, > or <, and a "
+    "number, "
+    "as\n"
+    "                       'External read bytes > +5%'; may be given several times\n"
     "  -q, --quiet          show no progress\n"
     "      --offered STATE  list the ids and names of the counters that a tracing service offers: STATE is "
     "a\n"
@@ -61,13 +75,14 @@ constexpr const char* usage =
     "  -V, --version        print the version\n"
     "\n"
     "Exit status: 0 success, 1 the trace is damaged and what is readable of it was shown, 2 nothing could be "
-    "shown.\n";
+    "shown,\n3 a limit of --fail-if is passed.\n";
 
 constexpr int exit_partly = 1;
 constexpr int exit_unusable = 2;  // wrong usage too
+constexpr int exit_gate = 3;
 constexpr std::uint64_t most_bins = 65536;
 
-enum class output_form { summary, csv_wide, csv_long, html };
+enum class output_form { summary, csv_wide, csv_long, html, json };
 
 struct settings {
     std::string trace;
@@ -76,11 +91,22 @@ struct settings {
     bool all = false;
     bool quiet = false;
     std::string charts = "auto";
+    std::optional<amount_form> amounts;  // per second, but in CSV per sample, when it is not said
     std::vector<std::string> match;
     std::optional<double> from;
     std::optional<double> to;
     std::optional<std::size_t> bins;
     std::uint64_t page_megabytes = 20;
+    // What is compared; empty when one trace is shown.
+    std::vector<std::string> before;
+    std::vector<std::string> after;
+    std::vector<gate> gates;
+
+    // A page has more than its overview.
+    std::size_t bin_limit() const { return bins.value_or(form == output_form::html ? 512 : 2048); }
+    bool is_csv() const { return form == output_form::csv_wide || form == output_form::csv_long; }
+    bool has_limits() const { return from || to; }
+    bool shows_progress() const { return !quiet && isatty(STDERR_FILENO) != 0; }
 };
 
 // Opens a trace so that it can be read twice: what comes through a pipe goes to a temporary file first.
@@ -184,13 +210,17 @@ public:
     void on_sample(std::uint32_t sequence, const counter_sample& sample) override {
         target_.on_sample(sequence, sample);
     }
+    void on_gpus(const std::vector<std::string>& names) override { target_.on_gpus(names); }
+    void on_config(std::string_view config) override { target_.on_config(config); }
     void on_unreadable(const unreadable_part& part) override {
         constexpr std::size_t most_problems = 10;
         ++unreadable_;
         unreadable_bytes_ += part.size;
         if (problems_.size() < most_problems) {
-            problems_.push_back(std::to_string(part.size) + " bytes at offset " +
-                                std::to_string(part.offset) + " are not readable: " + part.reason);
+            problems_.push_back(part.size == 0
+                                    ? part.reason
+                                    : std::to_string(part.size) + " bytes at offset " +
+                                          std::to_string(part.offset) + " are not readable: " + part.reason);
         }
     }
     void on_progress(std::uint64_t bytes) override {
@@ -237,8 +267,13 @@ public:
         }
         name_ = wanted.output;
         std::error_code ec;
-        if (std::filesystem::equivalent(wanted.trace, wanted.output, ec)) {
-            fail(exit_unusable, name_ + " is the trace itself");
+        std::vector<std::string> traces = wanted.before;
+        traces.insert(traces.end(), wanted.after.begin(), wanted.after.end());
+        traces.push_back(wanted.trace);
+        for (const std::string& trace : traces) {
+            if (std::filesystem::equivalent(trace, wanted.output, ec)) {
+                fail(exit_unusable, name_ + " is the trace itself");
+            }
         }
         file_.open(wanted.output, std::ios::binary);
         if (!file_.is_open()) {
@@ -263,7 +298,9 @@ terminal_options terminal_settings(const settings& wanted) {
     std::setlocale(LC_CTYPE, "");
     const bool is_terminal = wanted.output.empty() && isatty(STDOUT_FILENO) != 0;
     terminal_options result;
-    result.all = wanted.all;
+    result.all = wanted.all || !wanted.match.empty();
+    result.limits = wanted.match.empty();
+    result.amounts = wanted.amounts.value_or(amount_form::per_second);
     if (wanted.charts == "always" || (wanted.charts == "auto" && is_terminal)) {
         const bool has_blocks = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
         result.charts = has_blocks ? chart_style::blocks : chart_style::ascii;
@@ -317,11 +354,11 @@ void check_time(const ordered_listener& reader, const std::string& trace) {
     }
 }
 
-void add_out_of_order(std::vector<std::string>& problems, const ordered_listener& reader) {
-    if (const std::uint64_t count = reader.out_of_order(); count != 0) {
+void add_left_out(std::vector<std::string>& problems, const ordered_listener& reader) {
+    if (const std::uint64_t count = reader.left_out(); count != 0) {
         problems.push_back(std::to_string(count) + (count == 1
-                                                        ? " sample is left out: its time goes back"
-                                                        : " samples are left out: their times go back"));
+                                                        ? " sample is left out: its time is damaged"
+                                                        : " samples are left out: their times are damaged"));
     }
 }
 
@@ -330,87 +367,172 @@ std::uint64_t nanoseconds(double seconds) {
                          : std::numeric_limits<std::uint64_t>::max() / 2;
 }
 
-int report_trace(const settings& wanted) {
+// A trace that is being read, and what has been found in it.
+struct open_trace {
     trace_input input;
-    const bool is_readable = input.open(wanted.trace);
-    const std::string& name = input.name();
-    if (!is_readable) {
-        fail(exit_unusable, "can't read " + name + ": " + std::strerror(errno));
-    }
-    const bool shows_progress = !wanted.quiet && isatty(STDERR_FILENO) != 0;
-    const bool is_csv = wanted.form == output_form::csv_wide || wanted.form == output_form::csv_long;
-    const bool has_limits = wanted.from || wanted.to;
-    selection selected{.names = wanted.match};
     trace_survey survey;
-    if (is_csv || has_limits) {
-        monitor first_look(survey, input, shows_progress);
+    selection selected;
+
+    // Ends the process when there is nothing to show.
+    open_trace(const settings& wanted, const std::string& path) {
+        if (!input.open(path)) {
+            fail(exit_unusable, "can't read " + input.name() + ": " + std::strerror(errno));
+        }
+        selected.names = wanted.match;
+        if (!wanted.is_csv() && !wanted.has_limits()) {
+            return;
+        }
+        monitor first_look(survey, input, wanted.shows_progress());
         const std::uint64_t packets = first_look.read("Looking for counters");
         survey.flush();
         if (survey.taken() == 0) {
-            fail_without_counters(name, packets, first_look.problems());
+            fail_without_counters(input.name(), packets, first_look.problems());
         }
-        if (has_limits) {
+        if (wanted.has_limits()) {
             selected.from = survey.first() + nanoseconds(wanted.from.value_or(0));
         }
         if (wanted.to) {
             selected.to = survey.first() + nanoseconds(*wanted.to);
         }
     }
+};
 
+// The same, summed up.
+struct summed_trace : open_trace {
+    trace_summary summary;
+    const std::map<counter_source, sequence_summary>* sequences = nullptr;
+    std::vector<std::string> problems;  // what could not be read
+    std::vector<std::string> notes;     // what else is not as it should be
+
+    summed_trace(const settings& wanted, const std::string& path)
+        : open_trace(wanted, path), summary(wanted.bin_limit(), selected) {
+        monitor reader(summary, input, wanted.shows_progress());
+        const std::uint64_t packets = reader.read("Reading");
+        const std::string& name = input.name();
+        sequences = &summary.finish();
+        problems = reader.problems();
+        if (wanted.has_limits()) {
+            check_time(summary, name);
+        } else if (summary.taken() == 0) {
+            fail_without_counters(name, packets, problems);
+        }
+        check_match(*sequences, wanted, name, [](const auto& entry) { return !entry.second.series.empty(); });
+        add_left_out(problems, summary);
+        if (summary.undescribed() != 0) {
+            complain(name +
+                     ": the descriptions of some counters are lost, as happens when a ring buffer overflows; "
+                     "these counters are shown by their ids");
+        }
+        notes = summary.missing();
+        tell(notes, name);
+    }
+
+    // Of the source with the most samples.
+    const sequence_summary& main_sequence() const {
+        return std::max_element(
+                   sequences->begin(), sequences->end(),
+                   [](const auto& a, const auto& b) { return a.second.samples < b.second.samples; })
+            ->second;
+    }
+};
+
+int write_table(const settings& wanted) {
+    open_trace trace(wanted, wanted.trace);
+    const std::string& name = trace.input.name();
+    check_match(trace.survey.sequences(), wanted, name, [&trace](const auto& entry) {
+        return std::any_of(entry.second.begin(), entry.second.end(),
+                           [&](const counter_description& counter) { return trace.selected.has(counter); });
+    });
     result_output output;
-    if (is_csv) {
-        check_match(survey.sequences(), wanted, name, [&selected](const auto& entry) {
-            return std::any_of(entry.second.begin(), entry.second.end(),
-                               [&](const counter_description& counter) { return selected.has(counter); });
-        });
-        csv_writer writer(output.open(wanted), survey, selected, wanted.form == output_form::csv_long);
-        monitor reader(writer, input, shows_progress);
-        reader.read("Writing");
-        writer.flush();
-        check_time(writer, name);
-        std::vector<std::string> problems = reader.problems();
-        add_out_of_order(problems, writer);
-        return finish(output, problems, name);
-    }
-
-    const bool is_page = wanted.form == output_form::html;
-    trace_summary summary(wanted.bins.value_or(is_page ? 512 : 2048), selected);
-    monitor reader(summary, input, shows_progress);
-    const std::uint64_t packets = reader.read("Reading");
-    const auto& sequences = summary.finish();
+    csv_writer writer(output.open(wanted), trace.survey, trace.selected, wanted.form == output_form::csv_long,
+                      wanted.amounts.value_or(amount_form::per_sample));
+    monitor reader(writer, trace.input, wanted.shows_progress());
+    reader.read("Writing");
+    writer.flush();
+    check_time(writer, name);
     std::vector<std::string> problems = reader.problems();
-    if (has_limits) {
-        check_time(summary, name);
-    } else if (summary.taken() == 0) {
-        fail_without_counters(name, packets, problems);
-    }
-    check_match(sequences, wanted, name, [](const auto& entry) { return !entry.second.series.empty(); });
-    add_out_of_order(problems, summary);
-    if (summary.undescribed() != 0) {
-        complain(
-            name +
-            ": the descriptions of some counters are lost, as happens when a ring buffer overflows; these "
-            "counters are shown by their ids");
-    }
+    add_left_out(problems, writer);
+    return finish(output, problems, name);
+}
+
+int report_trace(const settings& wanted) {
+    summed_trace trace(wanted, wanted.trace);
+    const auto& sequences = *trace.sequences;
+    result_output output;
     std::ostream& out = output.open(wanted);
+    std::vector<std::string> all_notes = trace.problems;
+    all_notes.insert(all_notes.end(), trace.notes.begin(), trace.notes.end());
+    page_source source{.file = std::filesystem::path(trace.input.name()).filename(),
+                       .file_size = trace.input.size(),
+                       .sequences = sequences,
+                       .problems = all_notes,
+                       .levels = nullptr,
+                       .amounts = wanted.amounts.value_or(amount_form::per_second)};
     if (wanted.form == output_form::html) {
         const std::size_t base = page_base_size(sequences);
         const std::size_t limit = wanted.page_megabytes * 1'000'000;
-        page_levels levels(sequences, selected, page_origin(sequences), limit > base ? limit - base : 0);
+        page_levels levels(sequences, trace.selected, page_origin(sequences),
+                           limit > base ? limit - base : 0);
         if (std::any_of(sequences.begin(), sequences.end(),
                         [](const auto& entry) { return page_levels::level_count(entry.second) != 0; })) {
-            monitor(levels, input, shows_progress).read("Packing samples");
+            monitor(levels, trace.input, wanted.shows_progress()).read("Packing samples");
             levels.finish();
         }
-        write_page(out, {.file = std::filesystem::path(name).filename(),
-                         .file_size = input.size(),
-                         .sequences = sequences,
-                         .problems = problems,
-                         .levels = levels});
+        source.levels = &levels;
+        write_page(out, source);
+    } else if (wanted.form == output_form::json) {
+        write_json(out, source);
     } else {
         write_summary(out, sequences, terminal_settings(wanted));
     }
-    return finish(output, problems, name);
+    return finish(output, trace.problems, trace.input.name());
+}
+
+int compare_traces(const settings& wanted) {
+    std::vector<std::unique_ptr<summed_trace>> traces;
+    bool is_whole = true;
+    const auto read_all = [&](const std::vector<std::string>& paths) {
+        std::vector<const sequence_summary*> result;
+        for (const std::string& path : paths) {
+            traces.push_back(std::make_unique<summed_trace>(wanted, path));
+            const summed_trace& trace = *traces.back();
+            is_whole = is_whole && trace.problems.empty();
+            tell(trace.problems, trace.input.name());
+            if (trace.sequences->size() > 1) {
+                complain(trace.input.name() +
+                         ": of several sequences the one with the most samples is compared");
+            }
+            result.push_back(&trace.main_sequence());
+        }
+        return result;
+    };
+    const auto before = read_all(wanted.before);
+    const comparison result = compare(before, read_all(wanted.after));
+    std::vector<std::string> failed;
+    for (const gate& each : wanted.gates) {
+        bool is_compared = false;
+        for (const compared_counter& counter : result.counters) {
+            is_compared = is_compared || each.is_for(counter);
+            if (each.fails(counter)) {
+                failed.push_back(each.text() + ": \"" + counter.name + "\" changed by " +
+                                 change_text(counter));
+            }
+        }
+        if (!is_compared) {
+            fail(exit_unusable, "no counter of both sides is named as in \"" + each.text() + "\"");
+        }
+    }
+    result_output output;
+    std::ostream& out = output.open(wanted);
+    const comparison_output what{
+        .before = wanted.before, .after = wanted.after, .result = result, .failed = failed};
+    if (wanted.form == output_form::json) {
+        write_comparison_json(out, what);
+    } else {
+        write_comparison(out, what, terminal_settings(wanted));
+    }
+    output.finish();
+    return !failed.empty() ? exit_gate : is_whole ? EXIT_SUCCESS : exit_partly;
 }
 
 [[noreturn]] void list_offered(const char* path) {
@@ -430,9 +552,17 @@ int report_trace(const settings& wanted) {
 
 void set_form(settings& wanted, output_form form) {
     if (wanted.form != output_form::summary && wanted.form != form) {
-        fail_usage("there is one output: the summary, one form of --csv, or --html");
+        fail_usage("there is one output: the summary, one form of --csv, --json, or --html");
     }
     wanted.form = form;
+}
+
+amount_form amounts_argument(const std::string& text) {
+    const auto found = std::find(amount_form_names.begin(), amount_form_names.end(), text);
+    if (found == amount_form_names.end()) {
+        fail_usage("--amounts is sample, second or total, not \"" + text + "\"");
+    }
+    return static_cast<amount_form>(found - amount_form_names.begin());
 }
 
 double seconds_argument(const char* option, const std::string& text) {
@@ -445,10 +575,25 @@ double seconds_argument(const char* option, const std::string& text) {
 }
 
 int run(int argument_count, char** arguments) {
-    enum long_option { html = 256, from, to, bins, page_size, charts, offered };
+    enum long_option {
+        html = 256,
+        from,
+        to,
+        bins,
+        page_size,
+        charts,
+        offered,
+        amounts,
+        compare,
+        before,
+        after,
+        fail_if
+    };
     const option options[] = {{"all", no_argument, nullptr, 'a'},
                               {"csv", optional_argument, nullptr, 'c'},
                               {"html", no_argument, nullptr, html},
+                              {"json", no_argument, nullptr, 'j'},
+                              {"amounts", required_argument, nullptr, amounts},
                               {"output", required_argument, nullptr, 'o'},
                               {"match", required_argument, nullptr, 'm'},
                               {"from", required_argument, nullptr, from},
@@ -456,6 +601,10 @@ int run(int argument_count, char** arguments) {
                               {"bins", required_argument, nullptr, bins},
                               {"page-size", required_argument, nullptr, page_size},
                               {"charts", required_argument, nullptr, charts},
+                              {"compare", no_argument, nullptr, compare},
+                              {"before", required_argument, nullptr, before},
+                              {"after", required_argument, nullptr, after},
+                              {"fail-if", required_argument, nullptr, fail_if},
                               {"quiet", no_argument, nullptr, 'q'},
                               {"offered", required_argument, nullptr, offered},
                               {"help", no_argument, nullptr, 'h'},
@@ -463,8 +612,9 @@ int run(int argument_count, char** arguments) {
                               {nullptr, 0, nullptr, 0}};
     std::ios::sync_with_stdio(false);
     settings wanted;
+    bool compares = false;
     for (int letter = 0;
-         (letter = getopt_long(argument_count, arguments, "ac::o:m:qhV", options, nullptr)) != -1;) {
+         (letter = getopt_long(argument_count, arguments, "ac::jo:m:qhV", options, nullptr)) != -1;) {
         const std::string value = optarg != nullptr ? optarg : "";
         switch (letter) {
             case 'a':
@@ -480,6 +630,12 @@ int run(int argument_count, char** arguments) {
             }
             case html:
                 set_form(wanted, output_form::html);
+                break;
+            case 'j':
+                set_form(wanted, output_form::json);
+                break;
+            case amounts:
+                wanted.amounts = amounts_argument(value);
                 break;
             case 'o':
                 wanted.output = value;
@@ -506,6 +662,22 @@ int run(int argument_count, char** arguments) {
                     fail_usage("--charts is auto, always or never, not \"" + wanted.charts + "\"");
                 }
                 break;
+            case compare:
+                compares = true;
+                break;
+            case before:
+                wanted.before.push_back(value);
+                break;
+            case after:
+                wanted.after.push_back(value);
+                break;
+            case fail_if:
+                if (const std::optional<gate> limit = gate::parse(value)) {
+                    wanted.gates.push_back(*limit);
+                } else {
+                    fail_usage("a limit is NAME, > or <, and a number or percentage, not \"" + value + "\"");
+                }
+                break;
             case 'q':
                 wanted.quiet = true;
                 break;
@@ -521,17 +693,33 @@ int run(int argument_count, char** arguments) {
                 fail_usage("");  // getopt has said what is wrong
         }
     }
-    if (optind != argument_count - 1) {
-        fail_usage(optind == argument_count ? "the trace is missing" : "one trace at a time");
+    if (!compares && (!wanted.before.empty() || !wanted.after.empty() || !wanted.gates.empty())) {
+        fail_usage("--before, --after and --fail-if belong to --compare");
+    }
+    const int traces = compares ? 2 : 1;
+    if (argument_count - optind < traces) {
+        fail_usage(compares ? "a comparison is of two traces" : "the trace is missing");
+    }
+    if (argument_count - optind > traces) {
+        fail_usage(compares ? "more traces of a side are given with --before and --after"
+                            : "one trace at a time");
     }
     if (wanted.from.value_or(0) > wanted.to.value_or(HUGE_VAL)) {
         fail_usage("--from lies behind --to");
+    }
+    if (compares) {
+        if (wanted.form != output_form::summary && wanted.form != output_form::json) {
+            fail_usage("a comparison is shown on the terminal or as --json");
+        }
+        wanted.before.insert(wanted.before.begin(), arguments[optind]);
+        wanted.after.insert(wanted.after.begin(), arguments[optind + 1]);
+        return compare_traces(wanted);
     }
     wanted.trace = arguments[optind];
     if (wanted.form == output_form::html && wanted.output.empty() && isatty(STDOUT_FILENO) != 0) {
         fail_usage("a page is for a browser: say where it goes with --output FILE");
     }
-    return report_trace(wanted);
+    return wanted.is_csv() ? write_table(wanted) : report_trace(wanted);
 }
 
 }  // namespace

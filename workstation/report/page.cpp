@@ -4,6 +4,7 @@
 #include <limits>
 #include <ostream>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "workstation/report/base64.h"
@@ -55,14 +56,48 @@ std::string numbers_of(const counter_series& series, std::size_t count, Number n
     return base64_numbers(result);
 }
 
+// A ratio's expression over the sums of what the page holds, in the order in which it is worked out: numbers,
+// counters as "#ID", and behind its two operands each of "+", "-", "*", "/" and "max".
+void write_formula(std::ostream& out, const sequence_summary& summary, const counter_series& series) {
+    static constexpr const char* operations[] = {"+", "-", "*", "/", "max"};
+    if (series.expression.empty()) {
+        return;
+    }
+    const char* separator = ",\"formula\":[";
+    for (const formula::step& step : series.expression.steps()) {
+        out << std::exchange(separator, ",");
+        const counter_series* const operand =
+            step.what == formula::action::counter ? summary.find(step.id) : nullptr;
+        if (step.what == formula::action::number) {
+            out << exact_number(step.number);
+        } else if (operand != nullptr && operand->kind == counter_kind::constant) {
+            out << exact_number(operand->total.most);
+        } else if (operand != nullptr) {
+            out << "\"#" << step.id << '"';
+        } else {
+            out << '"' << operations[static_cast<int>(step.what) - static_cast<int>(formula::action::add)]
+                << '"';
+        }
+    }
+    out << ']';
+}
+
 void write_series(std::ostream& out, const counter_series& series, const sequence_summary& summary) {
     const counter_description& counter = series.counter;
     out << "{\"id\":" << counter.id << ",\"name\":" << json_text(counter.name)
         << ",\"description\":" << json_text(counter.description) << ",\"unit\":" << json_text(counter.unit())
         << ",\"block\":" << json_text(series.block)
-        << ",\"selected\":" << (counter.select_by_default ? "true" : "false")
-        << ",\"count\":" << series.total.count;
-    if (series.total.count != 0) {
+        << ",\"selected\":" << (counter.select_by_default ? "true" : "false") << ",\"kind\":\""
+        << kind_name(series.kind) << "\",\"weighting\":\"" << weighting_name(series.weighed)
+        << "\",\"count\":" << series.total.count;
+    if (const auto figures = figures_of(summary, series, amount_form::per_sample)) {
+        out << ",\"value\":" << exact_number(figures->value) << ",\"p50\":" << exact_number(figures->p50)
+            << ",\"p95\":" << exact_number(figures->p95) << ",\"p99\":" << exact_number(figures->p99);
+        if (series.kind == counter_kind::amount) {
+            out << ",\"total\":" << exact_number(*summary.value(series))
+                << ",\"seconds\":" << exact_number(series.duration());
+        }
+        write_formula(out, summary, series);
         const std::size_t bins = summary.bin_times.size();
         out << ",\"min\":" << exact_number(series.total.least)
             << ",\"mean\":" << exact_number(series.total.mean())
@@ -72,6 +107,13 @@ void write_series(std::ostream& out, const counter_series& series, const sequenc
             out << ",\"mins\":" << numbers_of(series, bins, [](const value_range& bin) { return bin.least; })
                 << ",\"maxs\":" << numbers_of(series, bins, [](const value_range& bin) { return bin.most; });
         }
+        if (series.weighed != weighting::exact && !series.weights.empty()) {
+            std::vector<double> weights(bins);
+            for (std::size_t i = 0; i < series.weights.size(); ++i) {
+                weights[i] = series.weights[i].weight;
+            }
+            out << ",\"weights\":" << base64_numbers(weights);
+        }
     }
     out << '}';
 }
@@ -79,7 +121,8 @@ void write_series(std::ostream& out, const counter_series& series, const sequenc
 void write_data(std::ostream& out, const page_source& source) {
     const std::uint64_t origin = page_origin(source.sequences);
     out << "{\"file\":" << json_text(source.file) << ",\"size\":" << source.file_size
-        << ",\"origin\":" << json_text(std::to_string(origin)) << ",\"problems\":[";
+        << ",\"origin\":" << json_text(std::to_string(origin)) << ",\"amounts\":\""
+        << amount_form_names[static_cast<std::size_t>(source.amounts)] << "\",\"problems\":[";
     for (std::size_t i = 0; i < source.problems.size(); ++i) {
         out << (i == 0 ? "" : ",") << json_text(source.problems[i]);
     }
@@ -87,7 +130,7 @@ void write_data(std::ostream& out, const page_source& source) {
         << ",\"steps\":" << page_levels::steps_per_step << ",\"samplesInRun\":" << page_levels::run_of_samples
         << ",\"stepsInRun\":" << page_levels::run_of_steps << "},\"sequences\":[";
     bool is_first = true;
-    for (const auto& [number, summary] : source.sequences) {
+    for (const auto& [from, summary] : source.sequences) {
         if (summary.samples == 0) {
             continue;
         }
@@ -95,7 +138,8 @@ void write_data(std::ostream& out, const page_source& source) {
         for (const std::uint64_t time : summary.bin_times) {
             times.push_back(static_cast<double>(time - origin) / 1e9);
         }
-        out << (is_first ? "" : ",") << "\n{\"number\":" << number << ",\"samples\":" << summary.samples
+        out << (is_first ? "" : ",") << "\n{\"number\":" << from.sequence << ",\"gpu\":" << from.gpu
+            << ",\"gpuName\":" << json_text(summary.gpu_name) << ",\"samples\":" << summary.samples
             << ",\"samplesPerBin\":" << summary.samples_per_bin
             << ",\"first\":" << exact_number(static_cast<double>(summary.first - origin) / 1e9)
             << ",\"times\":" << base64_numbers(times) << ",\"counters\":[";
@@ -111,7 +155,7 @@ void write_data(std::ostream& out, const page_source& source) {
 
 }  // namespace
 
-std::uint64_t page_origin(const std::map<std::uint32_t, sequence_summary>& sequences) {
+std::uint64_t page_origin(const std::map<counter_source, sequence_summary>& sequences) {
     std::uint64_t origin = std::numeric_limits<std::uint64_t>::max();
     for (const auto& [number, summary] : sequences) {
         if (summary.samples != 0) {
@@ -121,7 +165,7 @@ std::uint64_t page_origin(const std::map<std::uint32_t, sequence_summary>& seque
     return origin;
 }
 
-std::size_t page_base_size(const std::map<std::uint32_t, sequence_summary>& sequences) {
+std::size_t page_base_size(const std::map<counter_source, sequence_summary>& sequences) {
     constexpr std::size_t code = 150'000;
     constexpr std::size_t description = 1'000;
     std::size_t size = code;
@@ -144,7 +188,9 @@ void write_page(std::ostream& out, const page_source& source) {
     write_up_to("/* data */");
     write_data(out, source);
     write_up_to("/* levels */");
-    source.levels.write(out);
+    if (source.levels != nullptr) {
+        source.levels->write(out);
+    }
     write_up_to("/* page.js */");
     out << page_js << rest;
 }

@@ -94,7 +94,7 @@ std::size_t page_levels::level_count(const sequence_summary& summary) {
     return result;
 }
 
-page_levels::page_levels(const std::map<std::uint32_t, sequence_summary>& sequences, selection wanted,
+page_levels::page_levels(const std::map<counter_source, sequence_summary>& sequences, selection wanted,
                          std::uint64_t origin, std::size_t limit)
     : ordered_listener(std::move(wanted)), origin_(origin), limit_(limit) {
     std::size_t place = 0;
@@ -139,8 +139,8 @@ page_levels::level_text& page_levels::text_of(column& counter, std::size_t level
     return level == 0 ? counter.sample_text : counter.levels[level - 1].text;
 }
 
-void page_levels::take(std::uint32_t sequence, const counter_sample& sample) {
-    const auto found = states_.find(sequence);
+void page_levels::take(const counter_source& source, const counter_sample& sample) {
+    const auto found = states_.find(source);
     if (found == states_.end() || found->second.times.empty()) {
         return;
     }
@@ -155,7 +155,9 @@ void page_levels::take(std::uint32_t sequence, const counter_sample& sample) {
         }
     }
     ++current.samples;
-    add_times(current, 0, std::span(&sample.timestamp, 1));
+    // One that comes too late to be put in order is shown with those among which it comes.
+    current.last = std::max(current.last, sample.timestamp);
+    add_times(current, 0, std::span(&current.last, 1));
     if (place + 1 == run_of_samples) {
         end_run(current);
     }

@@ -30,7 +30,7 @@ public:
     static constexpr std::size_t run_of_steps = 1024;
 
     // The sequences outlive it. The limit is one of bytes in the page. The origin is the time 0 of the page.
-    page_levels(const std::map<std::uint32_t, sequence_summary>& sequences, selection wanted,
+    page_levels(const std::map<counter_source, sequence_summary>& sequences, selection wanted,
                 std::uint64_t origin, std::size_t limit);
 
     void on_counters(std::uint32_t /*sequence*/,
@@ -71,6 +71,7 @@ private:
         std::vector<column> columns;
         std::vector<time_level> times;  // of all levels
         std::uint64_t samples = 0;
+        std::uint64_t last = 0;  // the time of the last sample
     };
     struct victim {
         state* sequence;
@@ -78,7 +79,7 @@ private:
         std::size_t level;
     };
 
-    void take(std::uint32_t sequence, const counter_sample& sample) override;
+    void take(const counter_source& source, const counter_sample& sample) override;
     void end_run(state& current);
     void end_step_run(column& counter, std::size_t level);
     void add_steps(column& counter, std::size_t level, std::span<const value_range> steps);
@@ -90,7 +91,7 @@ private:
     const std::uint64_t origin_;
     const std::size_t limit_;
     std::size_t size_ = 0;
-    std::map<std::uint32_t, state> states_;
+    std::map<counter_source, state> states_;
     std::vector<victim> victims_;  // the next to go stands last
 };
 

@@ -1,13 +1,23 @@
 // counterfeed-report on traces written out byte by byte: what it shows, and what it makes of damaged ones.
 
 #include <gtest/gtest.h>
+#ifdef COUNTERFEED_ZLIB
+#include <zlib.h>
+#endif
+#ifdef COUNTERFEED_ZSTD
+#include <zstd.h>
+#endif
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "hwc/hwc_names.h"
+#include "hwc/reported_value.h"
+#include "tests/hwc/hand_made_gpu.h"
 #include "tests/support/process.h"
 #include "tests/support/tool.h"
 #include "tests/support/wire.h"
@@ -110,6 +120,15 @@ run_result run_report(std::vector<std::string> arguments, const std::string& tra
 }
 
 TEST(Report, ShowsWhatATraceHolds) {
+    // A GPU of the catalogue, with all operands of the first ratio and the divisor of the second: a quarter
+    // of its cycles is active, and neither of the samples' ratios.
+    const std::string known = descriptor(counter_spec(6, "GPU active cycles", 0, true) +
+                                         counter_spec(65535, "GPU cycles", 0, false) +
+                                         counter_spec(0x10000, "GPU utilization", 37, false) +
+                                         counter_spec(0x10002, "Fragment queue utilization", 37, true)) +
+                              sample(1'000'000'000, {{6, 400}, {65535, 4000}, {0x10000, 10}, {0x10002, 50}}) +
+                              sample(1'001'000'000, {{6, 900}, {65535, 1000}, {0x10000, 90}, {0x10002, 100}});
+    const std::string estimate = "~ a weighted mean of samples: the trace lacks what this ratio is made of\n";
     const std::string both = two_counters + sample(5, {{4, 1}}) +
                              descriptor(counter_spec(4, "B", 0, true), 8) +
                              sample(1'000'000'004, {{4, 2}, {70, 3}}, 8);
@@ -122,40 +141,59 @@ TEST(Report, ShowsWhatATraceHolds) {
         int status;
         std::string output;
     } cases[] = {
-        // Names in the catalogue tell the block of derived counters, others don't.
-        {{"-m", "B", "--match=util"},
-         descriptor(counter_spec(4, "B", 0, true) + counter_spec(0x10000, "GPU utilization", 37, true) +
-                    counter_spec(0x10001, "My utilization", 37, true)) +
-             sample(5, {{4, 9999.6}, {0x10000, 25}, {0x10001, -9999.96}}),
-         0,
-         "3 counters, 3 of them selected by default; 1 sample\n\n"
-         " counter         unit      minimum      mean   maximum\n"
-         "Job manager\n"
-         " GPU utilization percent        25        25        25\n"
-         " B                            10 k      10 k      10 k\n"
-         "Derived\n"
-         " My utilization  percent     -10 k     -10 k     -10 k\n"},
-        {{"-mB"},
-         descriptor(counter_spec(65535, "B", 0, true)) + sample(5, {{65535, 1e16}}),
-         0,
-         "1 counter, 1 of them selected by default; 1 sample\n\n"
-         " counter unit   minimum      mean   maximum\n"
-         "GPU\n"
-         " B                1e+16     1e+16     1e+16\n"},
         {{},
-         small_trace(),
+         known,
          0,
-         "2 counters, 1 of them selected by default; 3 samples over 0.002 s, one every 1.000 ms\n\n"
-         " counter              unit   minimum      mean   maximum\n"
+         "4 counters; 2 samples over 0.001 s, one every 1.000 ms; amounts are per second\n\n"
+         " counter                    unit   mean    min    p50    p95    p99    max\n"
          "Job manager\n"
-         " Sent \"messages\", all           0.25   333.3 k       1 M\n"},
-        {{"-a", "--match", "use", "--match=nothing"},
+         " GPU utilization            %        26     10     10     90     90     90\n"
+         " Fragment queue utilization %    ~84.62     50     50    100    100    100\n"
+         " GPU active cycles          k/s     650    400    400    900    900    900\n"
+         "GPU\n"
+         " GPU cycles                 M/s   2.500      1      1      4      4      4\n" +
+             estimate +
+             "\nWhat limits this\n"
+             " The GPU is idle for half of the time or more, so the limit lies outside of it: \"GPU "
+             "utilization\"\n   is 26 %. Hardware name: HW_NAME.\n"
+             " The fragment queue is the busiest: \"Fragment queue utilization\" is 84.62 %. Hardware name:\n"
+             "   HW_NAME.\n"},
+        {{"--amounts=total", "-m", "gpu", "--match=nothing"},
+         known,
+         0,
+         "3 counters; 2 samples over 0.001 s, one every 1.000 ms; amounts are totals\n\n"
+         " counter           unit  total\n"
+         "Job manager\n"
+         " GPU utilization   %        26\n"
+         " GPU active cycles k     1.300\n"
+         "GPU\n"
+         " GPU cycles        k         5\n"},
+        // Names that are not the catalogue's.
+        {{"--amounts=sample"},
          small_trace(),
          0,
-         "1 counter, 0 of them selected by default; 3 samples over 0.002 s, one every 1.000 ms\n\n"
-         " counter     unit      minimum      mean   maximum\n"
-         "Derived\n"
-         " Use <of> it percent         0      37.5       100\n"},
+         "2 counters; 3 samples over 0.002 s, one every 1.000 ms; amounts are per sample\n\n"
+         " counter              unit   mean    min    p50    p95    p99    max\n"
+         "Other\n"
+         " Sent \"messages\", all k     333.3  3e-04  0.003  999.4  999.4   1000\n"
+         " Use <of> it          %    ~37.50      0  12.50    100    100    100\n" +
+             estimate},
+        // The config asks for counters by id and by name, packed or not; two of them are nowhere described.
+        {{"--amounts=total", "-m", "sent"},
+         packet(nested(
+             33, nested(2, nested(1, text(1, "gpu.counters") +
+                                         nested(108, number(2, 4) + text(2, "\x04\x09") +
+                                                         text(6, "Use <of> it") + text(6, "Absent")))))) +
+             small_trace(),
+         0,
+         "counterfeed-report: TRACE: the counter with id 9 was asked for, and the GPU that was recorded does "
+         "not "
+         "have it\n"
+         "counterfeed-report: TRACE: the counter \"Absent\" was asked for, and the GPU that was recorded "
+         "does not "
+         "have it\n"
+         "1 counter; 3 samples over 0.002 s, one every 1.000 ms; amounts are totals\n\n"
+         " counter              unit  total\nOther\n Sent \"messages\", all M     1.000\n"},
         {{"--csv"},
          small_trace(),
          0,
@@ -163,12 +201,26 @@ TEST(Report, ShowsWhatATraceHolds) {
          "0.000000000,1000000000,1000000,12.5\n0.001000000,1001000000,3,0\n0.002000000,1002000000,0.25,"
          "100\n"},
         {{"-c"},
-         small_trace() + sample(1, {{4, 7}}),
+         // A time out of order is put in order, one that is a minute off between others is damaged.
+         two_counters + sample(1'002'000'000, {{4, 0.25}}) + sample(90'000'000'000, {{4, 7}}) +
+             sample(1'001'000'000, {{4, 3}, {0x10003, 0}}) + sample(1'002'000'000, {{0x10003, 100}}) +
+             sample(1'000'000'000, {{4, 1e6}, {0x10003, 12.5}}),
          1,
          "time_s,time_ns,\"Sent \"\"messages\"\", all\",Use <of> it\n"
          "0.000000000,1000000000,1000000,12.5\n0.001000000,1001000000,3,0\n0.002000000,1002000000,0.25,"
          "100\n"
-         "counterfeed-report: TRACE: 1 sample is left out: its time goes back\n"},
+         "counterfeed-report: TRACE: 1 sample is left out: its time is damaged\n"},
+        {{"--csv", "--amounts=second", "-m", "sent"},
+         small_trace(),
+         0,
+         "time_s,time_ns,\"Sent \"\"messages\"\", all\"\n"
+         "0.000000000,1000000000,\n0.001000000,1001000000,3000\n0.002000000,1002000000,250\n"},
+        {{"--csv=long", "--amounts=total", "-m", "sent", "--from=0.001"},
+         small_trace(),
+         0,
+         "time_s,time_ns,id,counter,unit,value\n"
+         "0.001000000,1001000000,4,\"Sent \"\"messages\"\", all\",,3\n"
+         "0.002000000,1002000000,4,\"Sent \"\"messages\"\", all\",,3.25\n"},
         {{"--csv=long", "--from=0.001", "--to=0.001"},
          small_trace(),
          0,
@@ -195,7 +247,8 @@ TEST(Report, ShowsWhatATraceHolds) {
         {{"--html", "--csv"},
          "",
          2,
-         "counterfeed-report: there is one output: the summary, one form of --csv, or --html\n" + hint},
+         "counterfeed-report: there is one output: the summary, one form of --csv, --json, or --html\n" +
+             hint},
         {{"--bins=3.5"},
          "",
          2,
@@ -228,6 +281,48 @@ TEST(Report, ReadsStandardInput) {
     EXPECT_EQ(output_of("cat " + folder.file("t") + " | ", ""), whole);
     EXPECT_EQ(output_of("", "<" + folder.file("t")), whole);
     EXPECT_EQ(output_of("", "<."), "counterfeed-report: can't read standard input: Is a directory\n");
+}
+
+// A gate of a build farm: the counter that rose fails it, and what JSON says is what the terminal says.
+TEST(Report, ComparesTwoTraces) {
+    const temporary_folder folder;
+    for (const bool is_after : {false, true}) {
+        std::string trace = descriptor(counter_spec(6, "GPU active cycles", 0, true) +
+                                       counter_spec(7, "GPU interrupt pending cycles", 0, true) +
+                                       counter_spec(is_after ? 8 : 9, "Fragment tasks", 0, true));
+        for (std::uint64_t i = 0; i < 400; ++i) {
+            const auto value = static_cast<double>(i * 37 % 101);
+            trace += sample(i * 1'000'000, {{6, (1000 + value) * (is_after ? 1.1 : 1)}, {7, 500 - value}});
+        }
+        std::ofstream(folder.file(is_after ? "after" : "before"), std::ios::binary) << trace;
+    }
+    const auto compare = [&folder](const std::vector<std::string>& options) {
+        std::vector<std::string> arguments = {"--compare", folder.file("before"), folder.file("after")};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        return test_support::run_tool(COUNTERFEED_REPORT, arguments);
+    };
+    const auto result = compare({"--fail-if", "gpu active > +5%", "--fail-if", "interrupt > 5%"});
+    EXPECT_EQ(result.status, 3) << result.err;
+    EXPECT_NE(result.out.find("2 counters compared, 1 changed by more than chance"), std::string::npos);
+    EXPECT_NE(result.out.find(" GPU active cycles M/s   1.050  1.155    +10 %"), std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("Failed: gpu active > +5%: \"GPU active cycles\" changed by +10 %\n"),
+              std::string::npos);
+    EXPECT_EQ(compare({"--fail-if", "gpu active > +15%"}).status, 0);
+    EXPECT_EQ(compare({"--fail-if", "absent > +15%"}).status, 2);
+    EXPECT_EQ(compare({"--csv"}).status, 2);
+    const auto json = nlohmann::json::parse(compare({"--json"}).out);
+    EXPECT_EQ(json["counters"].size(), 2U);
+    EXPECT_NEAR(json["counters"][0]["changePercent"].get<double>(), 10, 1e-9);
+    EXPECT_EQ(json["counters"][0]["changed"], true);
+    EXPECT_EQ(json["counters"][1]["changed"], false);
+    const auto summary =
+        nlohmann::json::parse(test_support::run_tool(COUNTERFEED_REPORT, {"-j", folder.file("before")}).out);
+    EXPECT_EQ(summary["version"], 1);
+    const auto& counter = summary["sequences"][0]["counters"][0];
+    EXPECT_EQ(counter["count"], 400);
+    EXPECT_NEAR(counter["perSecond"].get<double>() / counter["perSample"].get<double>(), 1000, 1e-6);
+    EXPECT_EQ(counter["value"], counter["perSecond"]);
 }
 
 // A full disk must not look like a short table.
@@ -299,101 +394,271 @@ TEST(TraceReader, TextsCanNotActWhereTheyAreShown) {
               "a" + bad + "[2Jb " + bad + bad + bad + "\xc3\xa9" + bad + bad + bad + bad + bad + bad);
 }
 
-// A stored block of zlib's format, so that nothing is needed to write it.
-TEST(TraceReader, CompressedPackets) {
-    const std::string trace = small_trace();
-    unsigned a = 1;
-    unsigned b = 0;
-    for (const char c : trace) {
-        a = (a + static_cast<unsigned char>(c)) % 65521;
-        b = (b + a) % 65521;
-    }
-    const auto size = static_cast<unsigned>(trace.size());
-    std::string block = "\x78\x01\x01";
-    for (const unsigned byte : {size, size >> 8U, ~size, ~size >> 8U}) {
-        block += static_cast<char>(byte);
-    }
-    block += trace;
-    for (const unsigned byte : {b >> 8U, b, a >> 8U, a}) {
-        block += static_cast<char>(byte);
-    }
-    const recorder whole = record(packet(text(50, block)));
-    block.back() = static_cast<char>(block.back() ^ 1);
-    const recorder broken = record(packet(text(50, block)));
 #ifdef COUNTERFEED_ZLIB
-    EXPECT_EQ(whole.samples.size(), 3U);
-    EXPECT_EQ(whole.unreadable.size(), 0U);
-#else
-    EXPECT_EQ(whole.unreadable.size(), 1U);
+// In zlib's format or, with 16 more window bits, in gzip's.
+std::string deflated(const std::string& bytes, int window_bits) {
+    z_stream stream{};
+    deflateInit2(&stream, Z_BEST_SPEED, Z_DEFLATED, window_bits, 8, Z_DEFAULT_STRATEGY);
+    std::string result(deflateBound(&stream, static_cast<uLong>(bytes.size())), '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
+    stream.avail_in = static_cast<uInt>(bytes.size());
+    stream.next_out = reinterpret_cast<Bytef*>(result.data());
+    stream.avail_out = static_cast<uInt>(result.size());
+    EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+    result.resize(result.size() - stream.avail_out);
+    deflateEnd(&stream);
+    return result;
+}
 #endif
-    EXPECT_EQ(broken.samples.size(), 0U);
-    EXPECT_EQ(broken.unreadable.size(), 1U);
+
+TEST(TraceReader, CompressedPacketsAndFiles) {
+    const std::string trace = small_trace();
+    std::vector<std::string> whole;
+    std::vector<std::string> broken;
+#ifdef COUNTERFEED_ZLIB
+    std::string block = deflated(trace, MAX_WBITS);
+    whole.push_back(packet(text(50, block)));
+    block.back() = static_cast<char>(block.back() ^ 1);
+    broken.push_back(packet(text(50, block)));
+    const std::string file = deflated(trace, MAX_WBITS + 16);
+    whole.push_back(file);
+    whole.push_back(deflated(trace.substr(0, 50), MAX_WBITS + 16) +
+                    deflated(trace.substr(50), MAX_WBITS + 16));
+    broken.push_back(file.substr(0, 40));
+    // More than one piece of the reader's.
+    std::string many = two_counters;
+    for (std::uint64_t i = 0; i < 60'000; ++i) {
+        many += sample(i, {{4, 1.0}, {0x10003, 2.0}});
+    }
+    for (const std::string& bytes : {many, deflated(many, MAX_WBITS + 16)}) {
+        EXPECT_EQ(record(bytes).samples.size(), 60'000U);
+        EXPECT_EQ(record(bytes).samples.back().timestamp, 59'999U);
+    }
+#endif
+#ifdef COUNTERFEED_ZSTD
+    std::string frame(ZSTD_compressBound(trace.size()), '\0');
+    frame.resize(ZSTD_compress(frame.data(), frame.size(), trace.data(), trace.size(), 1));
+    whole.push_back(packet(text(133, frame)));
+    broken.push_back(packet(text(133, frame.substr(0, frame.size() - 1))));
+    broken.push_back(packet(text(133, std::string("xyz"))));
+#endif
+    for (const std::string& bytes : whole) {
+        const recorder result = record(bytes);
+        EXPECT_EQ(result.samples.size(), 3U);
+        EXPECT_EQ(result.unreadable.size(), 0U);
+    }
+    for (const std::string& bytes : broken) {
+        const recorder result = record(bytes);
+        EXPECT_LT(result.samples.size(), 3U);
+        EXPECT_FALSE(result.unreadable.empty());
+    }
+}
+
+// What other producers write: descriptions by reference, several GPUs, groups, units of all kinds, and the
+// samples of each counter in packets of their own, one counter's after the other's.
+TEST(Report, ShowsOtherGpusAsTheirs) {
+    const auto spec = [](unsigned id, const std::string& name, const std::string& more) {
+        return nested(1, number(1, id) + text(2, name) + more);
+    };
+    const std::string specs = spec(4, "Triangles", number(7, 27) + number(8, 22) + number(10, 4)) +
+                              spec(6, "GPU active cycles", number(7, 13) + number(10, 4)) +
+                              spec(7, "Reads", number(7, 7) + number(10, 5)) +
+                              spec(8, "Heat", number(7, 34)) +
+                              nested(6, number(1, 5) + text(2, "Memory & bus")) +
+                              nested(6, number(1, 9) + text(2, "Board") + number(4, 8));
+    const auto event = [](std::uint64_t time, const std::string& content, const std::string& more = {}) {
+        return packet(number(8, time) + more + nested(52, content));
+    };
+    const auto value = [](unsigned id, unsigned whole) {
+        return nested(2, number(1, id) + number(2, whole));
+    };
+    const std::string interned = nested(
+        12, nested(47, number(1, 3) + nested(2, nested(1, number(1, 9) + text(2, "Other"))) + number(3, 1)));
+    std::string trace = packet(nested(128, nested(1, text(1, "First")) + nested(1, text(1, "Second"))), 1) +
+                        event(1, nested(1, specs) + number(3, 0)) +
+                        event(0, number(4, 3), interned + number(13, 1));
+    for (const unsigned id : {4U, 6U, 7U, 8U, 9U}) {
+        for (const unsigned i : {1U, 2U, 4U}) {
+            trace += event(i * 1'000'000'000, value(id, id * i) + (id == 9 && i == 4 ? number(4, 3) : ""));
+        }
+    }
+    // The mean of what is no amount is over the time for which each value stood, the first for as long as the
+    // next.
+    const std::string head = " counter           unit    mean    min    p50    p95    p99    max\n";
+    const run_result result = run_report({}, trace);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(
+        result.output,
+        "Sequence 7, GPU 0, First: 4 counters; 3 samples over 3.000 s, one every 1500.000 ms; amounts are "
+        "per second\n\n" +
+            head +
+            "Primitives\n"
+            " Triangles         tri/s     11      4      8     16     16     16\n"
+            " GPU active cycles Hz     16.50      6     12     24     24     24\n"
+            "Memory & bus\n"
+            " Reads             B/s    10.89  4.667  9.333  18.67  18.67  18.67\n"
+            "Board\n"
+            " Heat              °C        22      8     16     32     32     32\n"
+            "\nSequence 7, GPU 1, Second: 1 counter; 3 samples over 3.000 s, one every 1500.000 ms; amounts "
+            "are per second\n\n"
+            " counter unit   mean    min    p50    p95    p99    max\n"
+            "Other\n"
+            " Other   /s       14      6     12     24     24     24\n");
 }
 
 // However many samples there are, the bins are few, and together they are the samples.
 TEST(Summary, BinsHoldEverySampleOnce) {
     for (const std::uint64_t count : {1U, 15U, 16U, 17U, 1000U, 4096U}) {
         trace_summary summary(16, {});
-        summary.on_counters(7, {unknown_counter(4), unknown_counter(70)});
+        summary.on_counters(7, {unknown_counter(4), unknown_counter(70), unknown_counter(71)});
         double sum = 0;
         for (std::uint64_t i = 0; i < count; ++i) {
             const double value = static_cast<double>(i * 37 % 101);
             sum += value;
-            // The second counter comes late, and once without a value that is a number.
+            // The second counter comes late, and once without a value that is a number; the third ends early.
             counter_sample one{i * 10, {{4, value}}};
             if (i >= count / 2) {
                 one.values.push_back({70, i == count - 1 ? NAN : -1.0});
             }
+            if (i < 3) {
+                one.values.push_back({71, 5});
+            }
             summary.on_sample(7, one);
             if (i == 8) {
                 summary.on_sample(7, {~std::uint64_t{0}, {{4, 1e9}}});  // a time that is off
-                summary.on_sample(7, {3, {{4, 1e9}}});
             }
         }
-        const sequence_summary& result = summary.finish().at(7);
-        EXPECT_EQ(summary.out_of_order(), count > 8 ? 2U : 0U);
-        EXPECT_EQ(result.samples, count);
-        EXPECT_EQ(result.last(), (count - 1) * 10);
+        // So late that all others are taken: it finds its bin all the same.
+        constexpr std::uint64_t late = 15;
+        if (count == 4096) {
+            summary.on_sample(7, {count * 10, std::vector<counter_value>(70'000, {72, 1})});
+            summary.on_sample(7, {late, {{4, 2000}}});
+            sum += 2000;
+        }
+        const sequence_summary& result = summary.finish().at({7, 0});
+        EXPECT_EQ(summary.left_out(), count > 8 ? 1U : 0U);
+        EXPECT_EQ(result.samples, count + (count == 4096 ? 2 : 0));
+        EXPECT_EQ(result.last(), (count - (count == 4096 ? 0 : 1)) * 10);
         EXPECT_LE(result.bin_times.size(), 16U);
         EXPECT_GT(result.bin_times.size() * 2, std::min<std::uint64_t>(count, 16));
         EXPECT_TRUE(std::is_sorted(result.bin_times.begin(), result.bin_times.end()));
-        ASSERT_EQ(result.series.size(), 2U);
+        const counter_series& first = *result.find(4);
         value_range all;
-        for (std::size_t i = 0; i < result.bin_times.size(); ++i) {
-            const value_range& bin = result.series[0].bins[i];
-            EXPECT_EQ(bin.count, std::min(result.samples_per_bin, count - i * result.samples_per_bin));
+        for (const value_range& bin : first.bins) {
             all.add(bin);
         }
+        EXPECT_EQ(first.bins[0].most >= 2000, count == 4096);
         EXPECT_EQ(all.sum, sum);
-        EXPECT_EQ(result.series[0].total.sum, sum);
-        EXPECT_EQ(all.least, result.series[0].total.least);
-        EXPECT_EQ(all.most, result.series[0].total.most);
-        EXPECT_EQ(result.series[1].total.count, count - count / 2 - 1);
+        EXPECT_EQ(first.total.sum, sum);
+        EXPECT_EQ(all.least, first.total.least);
+        EXPECT_EQ(all.most, first.total.most);
+        EXPECT_EQ(all.count, count + (count == 4096 ? 1 : 0));
+        EXPECT_EQ(result.find(70)->total.count, count - count / 2 - 1);
+        EXPECT_EQ(result.find(71)->total.sum, 5.0 * static_cast<double>(std::min<std::uint64_t>(count, 3)));
+        EXPECT_EQ(result.value(*result.find(71), 0, 1), result.find(71)->bins[0].sum);
     }
+}
+
+// Percentiles of values of all sizes and both signs keep to their bound.
+TEST(Summary, PercentilesAreNearTheExactOnes) {
+    value_histogram histogram;
+    std::vector<double> values;
+    std::uint64_t state = 1;
+    for (int i = 0; i < 20'000; ++i) {
+        state = state * 6364136223846793005U + 1442695040888963407U;
+        const double fraction = static_cast<double>(state >> 40) / 0x1p24;
+        values.push_back(std::ldexp(i % 5 == 0 ? -fraction : fraction, i % 60 - 20) * (i % 7 == 0 ? 0 : 1));
+        histogram.add(values.back());
+    }
+    std::sort(values.begin(), values.end());
+    for (const double share : {0.0, 0.01, 0.1, 0.2, 0.3, 0.5, 0.95, 0.99, 1.0}) {
+        const auto rank = static_cast<std::size_t>(std::max(std::ceil(share * 20'000), 1.0));
+        const double exact = values[rank - 1];
+        EXPECT_NEAR(histogram.percentile(share), exact, std::fabs(exact) * value_histogram::largest_error);
+    }
+}
+
+// All derived counters of all tables over many samples are what the library's evaluators make of one sample
+// that is the sum of them all; and without the operands, ratios over a known divisor come out the same.
+TEST(Summary, RatiosAreThoseOfTheSums) {
+    namespace hwc = qel::vexa::hwc;
+    constexpr unsigned cores = 0b1011;
+    constexpr unsigned slices = 2;
+    std::size_t compared = 0;
+    for (const hwc::counter_table& table : hwc::counter_tables) {
+        hwc::profiler profiler(hand_made_gpu(table, cores, slices), 5);
+        std::vector<counter_description> counters;
+        for (const hwc::vexa_counter_descriptor& row : table) {
+            counter_description& counter = counters.emplace_back();
+            counter.id = row.id;
+            counter.name = row.name;
+            counter.numerator_units = {row.numerator_units};
+            counter.denominator_units = {row.denominator_units};
+        }
+        trace_summary whole(8, {});
+        whole.on_counters(1, counters);
+        std::vector<std::uint32_t> sum(profiler.words_read());
+        std::uint64_t cycles = 0;
+        std::uint64_t state = 7;
+        for (std::uint64_t i = 0; i < 100; ++i) {
+            std::vector<std::uint32_t> words(sum.size());
+            for (std::size_t at = 0; at < words.size(); ++at) {
+                state = state * 6364136223846793005U + 1442695040888963407U;
+                words[at] = i % 4 == 0 ? 0 : static_cast<std::uint32_t>(state >> (40 + at % 8));
+                sum[at] += words[at];
+            }
+            profiler.gpu_cycles = 1000 * i;
+            cycles += profiler.gpu_cycles;
+            counter_sample all{1'000'000 * i, {}};
+            for (const counter_description& counter : counters) {
+                all.values.push_back(
+                    {counter.id, hwc::reported_value(profiler, words.data(), *table.find(counter.id))});
+            }
+            whole.on_sample(1, all);
+        }
+        profiler.gpu_cycles = cycles;
+        const sequence_summary& result = whole.finish().at({1, 0});
+        for (const counter_description& counter : counters) {
+            const counter_series& series = *result.find(counter.id);
+            const double expected = hwc::reported_value(profiler, sum.data(), *table.find(counter.id));
+            EXPECT_EQ(series.weighed, weighting::exact) << counter.name;
+            EXPECT_NEAR(result.value(series).value(), expected, std::fabs(expected) * 1e-9) << counter.name;
+            ++compared;
+        }
+    }
+    EXPECT_GT(compared, 2000U);
 }
 
 TEST(Terminal, FitsItsWidthAndStaysPlain) {
     trace_summary summary(64, {});
     counter_description counter = unknown_counter(4);
-    counter.name = "A name that is much longer than what there is room for \u00e9\u00e9\u00e9";
+    counter.name =
+        "A name that is much longer than what there is room for \u00e9\u00e9\u00e9 WithAWordThatIsNotBroken";
     summary.on_counters(7, {counter});
     for (unsigned i = 0; i < 64; ++i) {
         summary.on_sample(7, {i, {{4, i < 32 ? 0.0 : 700.0}}});
     }
     const auto& sequences = summary.finish();
-    for (const std::size_t width : {60U, 66U, 80U, 100U, 300U}) {
+    const auto length = [](const std::string& line) {
+        return std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xc0) != 0x80; });
+    };
+    for (const std::size_t width : {20U, 40U, 60U, 80U, 100U, 300U}) {
         std::ostringstream blocks;
         write_summary(blocks, sequences, {.width = width, .charts = chart_style::blocks});
-        std::istringstream lines(blocks.str().substr(blocks.str().find("\n\n") + 2));
+        std::string words;
+        std::istringstream lines(blocks.str());
         for (std::string line; std::getline(lines, line);) {
-            EXPECT_LE(std::count_if(line.begin(), line.end(), [](char c) { return (c & 0xc0) != 0x80; }),
-                      static_cast<std::ptrdiff_t>(width))
-                << line;
+            EXPECT_LE(length(line), static_cast<std::ptrdiff_t>(width)) << line;
+            words += line;
         }
-        EXPECT_EQ(blocks.str().find("\u2581\u2581") != std::string::npos, width > 62) << blocks.str();
+        words.erase(std::remove(words.begin(), words.end(), ' '), words.end());
+        EXPECT_NE(words.find("350"), std::string::npos);
+        EXPECT_NE(words.find("Broken"), std::string::npos) << blocks.str();
+        EXPECT_EQ(blocks.str().find("\u2581\u2581") != std::string::npos, width >= 100) << blocks.str();
+        EXPECT_EQ(blocks.str().find("p99") != std::string::npos, width >= 80);
     }
     std::ostringstream ascii;
-    write_summary(ascii, sequences, {.width = 80, .charts = chart_style::ascii});
+    write_summary(ascii, sequences, {.width = 120, .charts = chart_style::ascii});
     EXPECT_NE(ascii.str().find("__##"), std::string::npos) << ascii.str();
 }
 
@@ -412,6 +677,9 @@ std::string decode_base64(const std::string& text) {
 }
 
 TEST(Page, HoldsTheDataAndNothingFromElsewhere) {
+    // The other counter's name has quotes, as real descriptions do.
+    const run_result all = run_report({"--html"}, small_trace());
+    EXPECT_NE(all.output.find("\"name\":\"Sent \\\"messages\\\", all\","), std::string::npos);
     const run_result result = run_report({"--html", "--match=use"}, small_trace());
     ASSERT_EQ(result.status, 0);
     const std::string& page = result.output;
@@ -425,7 +693,7 @@ TEST(Page, HoldsTheDataAndNothingFromElsewhere) {
     EXPECT_EQ(member("name"), "\"Use \\u003cof> it");
     EXPECT_EQ(member("file"), "\"t.trace");
     EXPECT_EQ(member("origin"), "\"1000000000");
-    EXPECT_EQ(member("block"), "\"Derived");
+    EXPECT_EQ(member("block"), "\"Other");
     EXPECT_EQ(member("unit"), "\"percent");
     EXPECT_EQ(member("mean"), "37.5");
     const std::string times = decode_base64(member("times").substr(1));
