@@ -301,7 +301,7 @@ TEST_F(FailureSweep, EveryCallOfASession) {
         own("fopen", call_fopen, "SS"),
         own("fread", call_fread, "D{50,}"),
         own("fgets", call_fgets, "S"),
-        own("pthread_atfork", call_atfork, "O"),
+        own("pthread_atfork", call_atfork, "SO"),
         own("log write", call_log, "L"),
         counted("malloc", &call_control::failing_malloc, "D{10,}OPRR"),
         counted("mutex", &call_control::failing_mutex_init, "D{10,}"),
