@@ -1,7 +1,9 @@
 // What is checked of the raw rows' lists while they are compiled.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
@@ -34,23 +36,29 @@ constexpr bool ids_are_sound(std::span<const raw_row> rows, block which) {
     return true;
 }
 
-// Whether no table has two rows with one hardware name, in all lists together.
+// Whether no table has two rows with one hardware name, in all lists together. Rows of one name are brought
+// beside each other first: compilers give up on what takes many steps.
 constexpr bool hardware_names_are_unique(std::initializer_list<std::span<const raw_row>> lists) {
+    constexpr std::size_t most_rows = 1024;
+    std::array<const raw_row*, most_rows> sorted{};
+    std::size_t count = 0;
     for (const std::span<const raw_row> rows : lists) {
         for (const raw_row& row : rows) {
-            table_set with_this_name;
-            for (const std::span<const raw_row> others : lists) {
-                for (const raw_row& other : others) {
-                    if (other.hardware_name != row.hardware_name) {
-                        continue;
-                    }
-                    if (other.tables().overlaps(with_this_name)) {
-                        return false;
-                    }
-                    with_this_name = with_this_name | other.tables();
-                }
-            }
+            sorted[count++] = &row;
         }
+    }
+    std::sort(sorted.data(), sorted.data() + count, [](const raw_row* left, const raw_row* right) {
+        return left->hardware_name < right->hardware_name;
+    });
+    table_set with_this_name;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (i == 0 || sorted[i - 1]->hardware_name != sorted[i]->hardware_name) {
+            with_this_name = {};
+        }
+        if (sorted[i]->tables().overlaps(with_this_name)) {
+            return false;
+        }
+        with_this_name = with_this_name | sorted[i]->tables();
     }
     return true;
 }
