@@ -124,11 +124,11 @@ constexpr std::string_view error_names =
     "EKEYREJECTED EOWNERDEAD ENOTRECOVERABLE ERFKILL EHWPOISON";
 
 bool read_error(std::string_view text, int& error) {
-    int number = 1;
+    unsigned number = 1;
     for (std::string_view rest = error_names; !rest.empty(); ++number) {
         const piece name = take(rest, ' ');
         if (name.text == text) {
-            error = number;
+            error = static_cast<int>(number);
             return true;
         }
     }
