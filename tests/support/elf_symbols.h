@@ -20,21 +20,10 @@ std::vector<Record> elf_records(const std::string& file, std::size_t offset, std
     return records;
 }
 
-inline ElfW(Ehdr) elf_header(const std::string& file) {
-    return elf_records<ElfW(Ehdr)>(file, 0, 1)[0];
-}
-
-inline std::vector<ElfW(Phdr)> elf_segments(const std::string& file) {
-    const ElfW(Ehdr) header = elf_header(file);
-    return elf_records<ElfW(Phdr)>(file, header.e_phoff, header.e_phnum);
-}
-
-// The named symbols of one kind of table, SHT_DYNSYM or SHT_SYMTAB, by name: those that are defined, or those
-// that are missing there.
-inline std::map<std::string, std::uintptr_t> elf_symbols(const std::string& file, unsigned table,
-                                                         bool defined = true) {
+// The symbols of one kind of table, SHT_DYNSYM or SHT_SYMTAB, that have a name and are defined, by name.
+inline std::map<std::string, std::uintptr_t> elf_symbols(const std::string& file, unsigned table) {
     std::map<std::string, std::uintptr_t> result;
-    const ElfW(Ehdr) header = elf_header(file);
+    const ElfW(Ehdr) header = elf_records<ElfW(Ehdr)>(file, 0, 1)[0];
     const auto sections = elf_records<ElfW(Shdr)>(file, header.e_shoff, header.e_shnum);
     for (const ElfW(Shdr) & section : sections) {
         if (section.sh_type != table) {
@@ -42,7 +31,7 @@ inline std::map<std::string, std::uintptr_t> elf_symbols(const std::string& file
         }
         for (const ElfW(Sym) & symbol :
              elf_records<ElfW(Sym)>(file, section.sh_offset, section.sh_size / sizeof(ElfW(Sym)))) {
-            if ((symbol.st_shndx != SHN_UNDEF) == defined && symbol.st_name != 0) {
+            if (symbol.st_shndx != SHN_UNDEF && symbol.st_name != 0) {
                 result[file.data() + sections[section.sh_link].sh_offset + symbol.st_name] = symbol.st_value;
             }
         }
