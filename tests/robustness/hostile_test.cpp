@@ -1,4 +1,4 @@
-// Surroundings that do not behave: nodes, signals, limits, forks and clocks.
+// Surroundings that do not behave: nodes, signals, limits and forks.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/time.h>
@@ -9,7 +9,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <ctime>
 #include <fstream>
 #include <optional>
 
@@ -227,44 +226,6 @@ TEST(HostileService, BufferTooSmallForTheFirstPacket) {
         EXPECT_TRUE(launcher.is_running());
     }
     EXPECT_EQ(read_file(output), "");
-}
-
-std::atomic<bool> clocks_jump = false;
-
-}  // namespace
-
-// The product's calls for the time, and those of all that is linked to it here.
-extern "C" decltype(clock_gettime) __real_clock_gettime;
-extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* time) {
-    const int result = __real_clock_gettime(clock, time);
-    if (clocks_jump && clock != CLOCK_MONOTONIC_RAW) {
-        static std::atomic<time_t> call = 0;
-        time->tv_sec += ++call % 2 == 0 ? -100'000 : 100'000;
-    }
-    return result;
-}
-
-namespace {
-
-// Samples are told by CLOCK_MONOTONIC_RAW, whatever happens to the others.
-TEST_F(Hostile, ClocksThatJump) {
-    const auto raw_now = [] {
-        timespec now{};
-        __real_clock_gettime(CLOCK_MONOTONIC_RAW, &now);
-        return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 +
-               static_cast<std::uint64_t>(now.tv_nsec);
-    };
-    const std::uint64_t begin = raw_now();
-    clocks_jump = true;
-    {
-        const session run;
-        EXPECT_TRUE(comes_to(50));
-    }
-    clocks_jump = false;
-    expect_every_sample();
-    const std::vector<std::uint64_t> times = timestamps();
-    EXPECT_GT(times.front(), begin);
-    EXPECT_LT(times.back(), raw_now());
 }
 
 }  // namespace
