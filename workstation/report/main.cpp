@@ -25,6 +25,7 @@
 #include "workstation/command_line/output.h"
 #include "workstation/command_line/program.h"
 #include "workstation/report/compare.h"
+#include "workstation/report/frames.h"
 #include "workstation/report/trace_file.h"
 #include "workstation/report/writers.h"
 
@@ -212,6 +213,12 @@ public:
     }
     void on_gpus(const std::vector<std::string>& names) override { target_.on_gpus(names); }
     void on_config(std::string_view config) override { target_.on_config(config); }
+    void on_clocks(std::string_view snapshot) override { frames_.on_clocks(snapshot); }
+    void on_frame_event(std::uint64_t time, std::uint32_t clock, std::string_view event) override {
+        frames_.on_event(time, clock, event);
+    }
+    frame_timeline& frames() { return frames_; }
+
     void on_unreadable(const unreadable_part& part) override {
         constexpr std::size_t most_problems = 10;
         ++unreadable_;
@@ -248,6 +255,7 @@ public:
 
 private:
     trace_listener& target_;
+    frame_timeline frames_;
     trace_input& input_;
     const bool shows_progress_;
     const char* activity_ = "";
@@ -362,6 +370,18 @@ void add_left_out(std::vector<std::string>& problems, const ordered_listener& re
     }
 }
 
+// Those of the wanted time.
+std::vector<frame> frames_of(frame_timeline& timeline, const selection& wanted, const std::string& trace) {
+    std::vector<frame> result = timeline.finish();
+    std::erase_if(result,
+                  [&wanted](const frame& one) { return one.end < wanted.from || one.start > wanted.to; });
+    if (timeline.left_out() != 0) {
+        complain(trace + ": " + std::to_string(timeline.left_out()) +
+                 " frames are left out: their clock is in no snapshot, or there are too many");
+    }
+    return result;
+}
+
 std::uint64_t nanoseconds(double seconds) {
     return seconds < 1e9 ? static_cast<std::uint64_t>(std::llround(seconds * 1e9))
                          : std::numeric_limits<std::uint64_t>::max() / 2;
@@ -467,18 +487,18 @@ int report_trace(const settings& wanted) {
                        .sequences = sequences,
                        .problems = all_notes,
                        .levels = nullptr,
+                       .frames = {},
                        .amounts = wanted.amounts.value_or(amount_form::per_second)};
     if (wanted.form == output_form::html) {
         const std::size_t base = page_base_size(sequences);
         const std::size_t limit = wanted.page_megabytes * 1'000'000;
         page_levels levels(sequences, trace.selected, page_origin(sequences),
                            limit > base ? limit - base : 0);
-        if (std::any_of(sequences.begin(), sequences.end(),
-                        [](const auto& entry) { return page_levels::level_count(entry.second) != 0; })) {
-            monitor(levels, trace.input, wanted.shows_progress()).read("Packing samples");
-            levels.finish();
-        }
+        monitor again(levels, trace.input, wanted.shows_progress());
+        again.read("Packing samples");
+        levels.finish();
         source.levels = &levels;
+        source.frames = frames_of(again.frames(), trace.selected, trace.input.name());
         write_page(out, source);
     } else if (wanted.form == output_form::json) {
         write_json(out, source);

@@ -118,6 +118,30 @@ void write_series(std::ostream& out, const counter_series& series, const sequenc
     out << '}';
 }
 
+// In seconds from the page's time 0: [start, end, expected end or 0, place of the layer, jank, 1 if dropped].
+void write_frames(std::ostream& out, const std::vector<frame>& frames, std::uint64_t origin) {
+    std::vector<std::string> layers;
+    std::string list;
+    const auto seconds = [origin](std::uint64_t time) {
+        return exact_number((static_cast<double>(time) - static_cast<double>(origin)) / 1e9);
+    };
+    for (const frame& one : frames) {
+        const auto layer = std::find(layers.begin(), layers.end(), one.layer);
+        const auto place = layer - layers.begin();
+        if (layer == layers.end()) {
+            layers.push_back(one.layer);
+        }
+        list += (list.empty() ? "[" : ",\n[") + seconds(one.start) + ',' + seconds(one.end) + ',' +
+                (one.expected_end == 0 ? "0" : seconds(one.expected_end)) + ',' + std::to_string(place) +
+                ',' + std::to_string(one.jank) + (one.is_dropped ? ",1]" : ",0]");
+    }
+    out << ",\"frames\":{\"layers\":[";
+    for (std::size_t i = 0; i < layers.size(); ++i) {
+        out << (i == 0 ? "" : ",") << json_text(layers[i]);
+    }
+    out << "],\"list\":[" << list << "]}";
+}
+
 void write_data(std::ostream& out, const page_source& source) {
     const std::uint64_t origin = page_origin(source.sequences);
     out << "{\"file\":" << json_text(source.file) << ",\"size\":" << source.file_size
@@ -150,7 +174,9 @@ void write_data(std::ostream& out, const page_source& source) {
         out << "]}";
         is_first = false;
     }
-    out << "]}";
+    out << ']';
+    write_frames(out, source.frames, origin);
+    out << '}';
 }
 
 }  // namespace

@@ -246,19 +246,19 @@ void page_levels::end_times(time_level& level) {
         level.before = time;
     }
     level.times.clear();
-    const std::string line = packed(run_of('d', std::span<const double>(steps)));
-    level.lines += line;
-    size_ += line.size();
+    level.lines.push_back(packed(run_of('d', std::span<const double>(steps))));
+    size_ += level.lines.back().size();
 }
 
 void page_levels::keep(level_text& text, const std::vector<std::uint8_t>& bytes) {
-    const std::string line = packed(bytes);
-    text.lines += line;
-    size_ += line.size();
+    text.lines.push_back(packed(bytes));
+    size_ += text.lines.back().size();
     while (size_ > limit_ && !victims_.empty()) {
         const victim& last = victims_.back();
         level_text& lost = text_of(last.sequence->columns[last.column], last.level);
-        size_ -= lost.lines.size();
+        for (const std::string& line : lost.lines) {
+            size_ -= line.size();
+        }
         lost = {.lines = {}, .is_kept = false};
         victims_.pop_back();
     }
@@ -301,11 +301,15 @@ void page_levels::finish() {
 
 void page_levels::write(std::ostream& out) const {
     const auto element = [&out](std::size_t sequence, const std::string& what, std::size_t level,
-                                const std::string& lines) {
-        if (!lines.empty()) {
-            out << "<script type=\"text/plain\" id=\"level-" << sequence << '-' << what << '-' << level
-                << "\">" << lines << "</script>\n";
+                                const std::vector<std::string>& lines) {
+        if (lines.empty()) {
+            return;
         }
+        out << "<script type=\"text/plain\" id=\"level-" << sequence << '-' << what << '-' << level << "\">";
+        for (const std::string& line : lines) {
+            out << line;
+        }
+        out << "</script>\n";
     };
     for (const auto& [number, current] : states_) {
         for (std::size_t level = 0; level < current.times.size(); ++level) {

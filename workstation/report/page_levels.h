@@ -48,7 +48,7 @@ public:
 
 private:
     struct level_text {
-        std::string lines;
+        std::vector<std::string> lines;
         bool is_kept = true;
     };
     struct step_run {
@@ -63,7 +63,7 @@ private:
     struct time_level {
         std::vector<std::uint64_t> times;
         std::uint64_t before = 0;  // the last time of the run before
-        std::string lines;
+        std::vector<std::string> lines;
     };
     struct state {
         std::size_t place;

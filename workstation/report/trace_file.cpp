@@ -25,6 +25,7 @@ using protocol::take_number;
 
 enum packet_field : std::uint32_t {
     packet_ftrace_events = 1,
+    packet_clock_snapshot = 6,
     packet_timestamp = 8,
     packet_sequence = 10,
     packet_interned_data = 12,
@@ -33,6 +34,8 @@ enum packet_field : std::uint32_t {
     packet_state_cleared = 41,
     packet_compressed_packets = 50,
     packet_gpu_counter_event = 52,
+    packet_clock = 58,
+    packet_frame_event = 76,
     packet_gpu_info = 128,
     packet_zstd_packets = 133,
 };
@@ -55,6 +58,7 @@ enum gpu_field : std::uint32_t { gpu_name = 1 };
 constexpr std::uint32_t flag_state_cleared = 1;
 
 // A trace is nothing but packets, each a tag, a length and so many bytes.
+constexpr std::uint32_t default_clock = 6;  // CLOCK_BOOTTIME
 constexpr char packet_tag = 1 << 3 | 2;
 constexpr std::size_t max_header = 11;
 // Far above what the service lets through. A longer packet is a damaged length.
@@ -104,6 +108,9 @@ struct packet_content {
     counter_sample sample;
     std::vector<std::string> gpus;
     std::string_view config;
+    std::string_view clocks;
+    std::string_view frame_event;
+    std::uint32_t clock;  // that the sample's time is on
     std::string_view compressed;
     bool is_zstd;
 
@@ -117,7 +124,8 @@ struct packet_content {
         sample.timestamp = 0;
         sample.values.clear();
         gpus.clear();
-        config = compressed = {};
+        config = compressed = clocks = frame_event = {};
+        clock = default_clock;
     }
 };
 
@@ -206,6 +214,14 @@ bool read_packet(std::string_view bytes, packet_content& content) {
             case packet_zstd_packets:
                 content.compressed = each.bytes;
                 content.is_zstd = each.id == packet_zstd_packets;
+                return each.is_bytes();
+            case packet_clock_snapshot:
+                content.clocks = each.bytes;
+                return each.is_bytes();
+            case packet_clock:
+                return take_number(each, content.clock);
+            case packet_frame_event:
+                content.frame_event = each.bytes;
                 return each.is_bytes();
             case packet_ftrace_events:
                 // What the service adds stands last. What looks like this field behind it is the next packet,
@@ -356,6 +372,12 @@ private:
         }
         if (!content.config.empty()) {
             listener_.on_config(content.config);
+        }
+        if (!content.clocks.empty()) {
+            listener_.on_clocks(content.clocks);
+        }
+        if (!content.frame_event.empty()) {
+            listener_.on_frame_event(content.sample.timestamp, content.clock, content.frame_event);
         }
         if (content.compressed.empty() || !may_be_compressed) {
             return nullptr;

@@ -48,6 +48,11 @@ public:
     virtual void on_gpus(const std::vector<std::string>& /*names*/) {}
     // What the session was asked to record, as a TraceConfig.
     virtual void on_config(std::string_view /*config*/) {}
+    // Times of one moment on several clocks, as a ClockSnapshot.
+    virtual void on_clocks(std::string_view /*snapshot*/) {}
+    // A FrameTimelineEvent, with the time of its packet and the number of the clock that it is on.
+    virtual void on_frame_event(std::uint64_t /*time*/, std::uint32_t /*clock*/, std::string_view /*event*/) {
+    }
     virtual void on_unreadable(const unreadable_part& /*part*/) {}
     // Now and then: the number of bytes that are behind the reader.
     virtual void on_progress(std::uint64_t /*bytes*/) {}

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "workstation/report/figures.h"
+#include "workstation/report/frames.h"
 #include "workstation/report/page_levels.h"
 #include "workstation/report/summary.h"
 #include "workstation/report/trace_file.h"
@@ -84,6 +85,7 @@ struct page_source {
     const std::map<counter_source, sequence_summary>& sequences;
     std::vector<std::string> problems;    // what could not be read or is missing, in words
     const page_levels* levels = nullptr;  // of a page alone
+    std::vector<frame> frames;            // the same, by their starts
     amount_form amounts = amount_form::per_second;
 };
 

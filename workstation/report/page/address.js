@@ -1,4 +1,5 @@
 // What is shown stands in the page's address: a reload keeps it, and so does a link that is mailed.
+import { trace } from "./data.js";
 import { byId, search } from "./dom.js";
 import { state } from "./state.js";
 
@@ -17,6 +18,7 @@ const range = (text) => {
 export function restoreControls(address) {
   for (const [name, control] of Object.entries(texts)) {
     if (address.has(name)) control.value = address.get(name);
+    else if (name === "amounts" && trace.amounts) control.value = trace.amounts;
     if (control.selectedIndex === -1) control.selectedIndex = 0;
   }
   byId("fit").checked = address.has("fit");
@@ -51,7 +53,8 @@ export function writeAddress() {
     const second = (time) => String(Number(time.toFixed(9)));
     const rangeText = ({ from, to }) => `${second(from)}~${second(to)}`;
     for (const [name, control] of Object.entries(texts)) {
-      if (control.value !== (control.options ? control.options[0].value : "")) address.set(name, control.value);
+      const usual = name === "amounts" && trace.amounts || (control.options ? control.options[0].value : "");
+      if (control.value !== usual) address.set(name, control.value);
     }
     if (byId("fit").checked) address.set("fit", "");
     if (document.querySelector("input[name=group]:checked").value === "unit") address.set("group", "unit");

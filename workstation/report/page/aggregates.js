@@ -1,5 +1,5 @@
 // What a counter came to over a span of time.
-import { overviewOf, stepAt } from "./data.js";
+import { numbers, overviewOf, stepAt } from "./data.js";
 import { byId } from "./dom.js";
 import { hasLevel, levelsOf, pieceOf } from "./levels.js";
 import { state } from "./state.js";
@@ -11,7 +11,10 @@ export function sumOf(counter, range) {
   const { sequence } = state;
   const result = { count: 0, sum: 0, min: Infinity, max: -Infinity, isExact: true };
   const levels = levelsOf(sequence);
-  const isConstant = counter.min === counter.max;
+  if (counter.min === counter.max) {
+    const count = Math.round((Math.min(range.to, sequence.to) - Math.max(range.from, sequence.from)) / sequence.period);
+    return count > 0 ? { count, sum: counter.min * count, min: counter.min, max: counter.max, isExact: true } : result;
+  }
   const add = ({ mins, means, maxs }, i, count) => {
     if (means[i] !== means[i]) return;
     result.count += count;
@@ -34,7 +37,7 @@ export function sumOf(counter, range) {
       let level = depth - 1;
       while (level >= 0 && !hasLevel(sequence, counter, levels[level])) level -= 1;
       const inside = { from: Math.max(begin, from), to: Math.min(end, to) };
-      if (level >= 0 && !isConstant) finer = pieceOf(sequence, counter, levels[level], inside);
+      if (level >= 0) finer = pieceOf(sequence, counter, levels[level], inside);
       if (finer) {
         walk(finer, levels[level].per, finer.first, level, inside.from, inside.to);
       } else {
@@ -64,7 +67,8 @@ function fromOperands(counter, range) {
     if (typeof part === "number") {
       stack.push(part);
     } else if (part.startsWith("#")) {
-      stack.push(sumOf(sequence.counterOf.get(Number(part.slice(1))), range).sum);
+      const operand = sequence.counterOf.get(Number(part.slice(1)));
+      stack.push(operand ? sumOf(operand, range).sum : 0);
     } else {
       const right = stack.pop();
       stack.push(operations[part](stack.pop(), right));
@@ -72,6 +76,23 @@ function fromOperands(counter, range) {
   }
   const value = Math.max(stack.pop(), 0);
   return counter.unit === "percent" ? Math.min(value, 100) : value;
+}
+
+// Where the operands are not there, but something to weigh the samples by is: a weight for each step of the overview.
+function weighted(counter, range) {
+  const { edges, means } = overviewOf(state.sequence, counter);
+  counter.weighing ??= numbers(counter.weights, Float64Array);
+  let sum = 0;
+  let weight = 0;
+  const last = stepAt(edges, range.to);
+  for (let i = stepAt(edges, range.from); i <= last; i += 1) {
+    if (means[i] !== means[i] || !counter.weighing[i]) continue;
+    const inside = Math.min(edges[i + 1], range.to) - Math.max(edges[i], range.from);
+    const part = counter.weighing[i] * Math.max(inside, 0) / (edges[i + 1] - edges[i]);
+    sum += means[i] * part;
+    weight += part;
+  }
+  return weight ? sum / weight : 0;
 }
 
 // Least, mean and greatest value in a range of time; for a derived counter whose operands are there the mean is what it
@@ -84,7 +105,10 @@ export function statistics(counter, range) {
   }
   const { min, max, sum, count, isExact } = sumOf(counter, range);
   if (count === 0) return { min: NaN, mean: NaN, max: NaN, sum: NaN, count, isExact };
-  return { min, mean: counter.formula ? fromOperands(counter, range) : sum / count, max, sum, count, isExact };
+  let mean = sum / count;
+  if (counter.formula) mean = fromOperands(counter, range);
+  else if (counter.weights) mean = weighted(counter, range);
+  return { min, mean, max, sum, count, isExact };
 }
 
 // ---- Percentiles ----

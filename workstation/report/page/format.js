@@ -23,7 +23,8 @@ export function timeText(seconds, resolution) {
 
 export function spanText(seconds) {
   const digits = (number, count) => String(Number(number.toPrecision(count)));
-  if (seconds >= 120) return `${digits(seconds / 60, 3)} min`;
-  if (seconds >= 1) return `${digits(seconds, 4)} s`;
-  return seconds >= 1e-3 ? `${digits(seconds * 1e3, 4)} ms` : `${digits(seconds * 1e6, 4)} µs`;
+  const rounded = Number(seconds.toPrecision(4));  // what is shown: 0.99999 ms is 1 ms
+  if (rounded >= 120) return `${digits(seconds / 60, 3)} min`;
+  if (rounded >= 1) return `${digits(seconds, 4)} s`;
+  return rounded >= 1e-3 ? `${digits(seconds * 1e3, 4)} ms` : `${digits(seconds * 1e6, 4)} µs`;
 }

@@ -1,5 +1,6 @@
 // Keys, and the controls that do the same.
 import { byId, search } from "./dom.js";
+import { stepFrame } from "./frames.js";
 import { cancelOverlay, carryOrDrop } from "./overlay.js";
 import { filter, shownRows, togglePin, toggleText } from "./rows.js";
 import { clearSelection, followCursor, toggleMark, zoomToSelection } from "./selection.js";
@@ -37,6 +38,8 @@ const keys = {
   f: () => byId("fit").click(),
   m: toggleMark,
   z: zoomToSelection,
+  ",": () => stepFrame(-1),
+  ".": () => stepFrame(1),
   Escape: () => {
     cancelOverlay();
     clearSelection();

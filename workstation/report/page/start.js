@@ -4,6 +4,7 @@ import { drawCursor, drawRows, readColors, writeRows } from "./charts.js";
 import { overviewOf, prepare, trace } from "./data.js";
 import { byId, element, overview } from "./dom.js";
 import { counted, spanText } from "./format.js";
+import { drawFrames, startFrames } from "./frames.js";
 import { canUnpack, hasLevel, levelsOf } from "./levels.js";
 import { arrange, makeRows, measureHeader, showForPrint, showForScreen } from "./rows.js";
 import { writeSelection } from "./selection.js";
@@ -79,7 +80,7 @@ function start() {
   byId("theme").addEventListener("click", () => setTheme(document.documentElement.dataset.theme !== "dark"));
   setTheme(prefersDark.matches);
 
-  for (const paint of [drawTimeline, drawRows, drawCursor]) onPaint(paint);
+  for (const paint of [drawTimeline, drawFrames, drawRows, drawCursor]) onPaint(paint);
   for (const write of [writeTimeline, writeRows, writeCursor, writeSelection, writeAddress]) onWrite(write);
   const sizes = sequences.map(({ counters }) => counters.length);
   const largest = sizes.indexOf(Math.max(...sizes));
@@ -90,6 +91,7 @@ function start() {
   restoreControls(address);
   byId("session").value = chosen;
   openSequence(chosen, address);
+  startFrames();
   addEventListener("hashchange", () => location.reload());  // by hand or by a link: what the page writes itself does not tell
   addEventListener("beforeprint", () => {
     showForPrint();

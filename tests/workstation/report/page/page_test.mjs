@@ -9,7 +9,7 @@ import { join } from "node:path";
 import { after, before, test } from "node:test";
 import { pathToFileURL } from "node:url";
 import { startBrowser } from "./browser.mjs";
-import { counterTrace } from "./trace.mjs";
+import { counterTrace, frameTrace } from "./trace.mjs";
 
 const folder = mkdtempSync(join(tmpdir(), "counterfeed-page-"));
 let browser;
@@ -194,6 +194,13 @@ test("a selection has true sums and percentiles, by address, mouse and key", asy
   // The samples 5001 to 6500; the ends lie within steps of every level.
   await until(page, "Ramp", "5001|8.626 M|6500");
   assert.deepEqual(await numbers(page, "Ramp"), ["Min 5001", "Total 8.626 M", "Max 6500"]);
+  // A derived counter is its expression over the sums of its operands.
+  await page.evaluate(`(() => {
+    const { sequence } = window.counterfeed.state;
+    sequence.counterOf.get(65).formula = ["#4", 1000, "/", 100, "/"];
+    document.getElementById("fit").click();
+  })()`);
+  await page.until(`${rowNamed("Wave <b>")}.row.cells.columns[1].value.textContent === "86.26 %"`);
   await page.evaluate("document.getElementById('columns').value = 'percentiles'; document.getElementById('columns').dispatchEvent(new Event('change'))");
   await until(page, "Ramp", "5750|6425|6485");
   await page.press("Escape");
@@ -254,4 +261,32 @@ test("counters are drawn over others, and the address keeps everything", async (
   await again.evaluate("dispatchEvent(new Event('beforeprint'))");
   assert.ok(await again.evaluate(far) > 100);
   await again.close();
+});
+
+test("frames are shown where the samples are, and the longest are found", async () => {
+  const ms = (time) => 1e9 + time * 1e6;
+  // Twenty frames of 9 ms; the eighth takes 19 ms, and misses a deadline.
+  const frames = Array.from({ length: 20 }, (_, i) => ({ start: ms(10 * i), end: ms(10 * i + (i === 7 ? 19 : 9)), jank: i === 7 ? 64 : 1 }));
+  frames.push({ start: ms(50), end: ms(60), jank: 1, layer: "Game <i>#1" });
+  const page = await openClean(write("frames", Buffer.concat([counterTrace({ counters, samples: 301 }), frameTrace(frames, 77e9)])));
+  assert.ok(await page.evaluate("document.getElementById('frames').offsetHeight > 0"));
+  assert.deepEqual(await page.evaluate("[...document.getElementById('layer').options].map(({ text }) => text)"),
+    ["the display (20)", "Game <i>#1 (1)"]);
+  const lane = await page.box("#frames");
+  await page.mouse("mousePressed", lane.left + lane.width * 0.25, lane.y);
+  await page.mouse("mouseReleased", lane.left + lane.width * 0.25, lane.y);
+  await page.settle();
+  assert.match(await page.text("#frame"), /^Frame 8 of 20: 19 ms, the application's deadline$/);
+  // Its samples are 71 to 89: the frame begins with the end of sample 70.
+  assert.deepEqual(await numbers(page, "Ramp"), ["Min 71", "Mean 80", "Max 89"]);
+  await page.press(".");
+  assert.match(await page.text("#frame"), /^Frame 9 of 20: 9 ms, on time$/);
+  assert.deepEqual(await numbers(page, "Ramp"), ["Min 81", "Mean 85", "Max 89"]);
+  await page.click("#frames-longest");
+  await page.until("document.querySelectorAll('#common tr').length === 8");
+  await page.evaluate(readFileSync(process.env.AXE, "utf8"));
+  assert.deepEqual(await page.evaluate("axe.run().then(({ violations }) => violations.map(({ id }) => id))"), []);
+  await page.click("#longest button");
+  assert.match(await page.text("#frame"), /^Frame 8 /);
+  await page.close();
 });

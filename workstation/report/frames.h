@@ -1,0 +1,62 @@
+// The frames of a trace's frame timeline: when the display and each surface had them ready, and which were
+// late.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qel::vexa::report {
+
+struct frame {
+    std::uint64_t start;  // nanoseconds on CLOCK_MONOTONIC_RAW, as samples have them
+    std::uint64_t end;
+    std::uint64_t expected_end;  // 0 when nothing was expected of it
+    std::int64_t token;
+    std::string layer;   // empty for the display's
+    std::uint32_t jank;  // bits as in the tracing protocol's JankType; up to 1 means none
+    bool is_dropped;
+};
+
+// Takes the frame timeline of a trace while it is read, in a bounded amount of memory: of more frames than
+// the limit the shortest are left out.
+class frame_timeline {
+public:
+    static constexpr std::size_t most_frames = 65536;
+
+    // A ClockSnapshot.
+    void on_clocks(std::string_view snapshot);
+    // A FrameTimelineEvent, with its packet's time and clock.
+    void on_event(std::uint64_t time, std::uint32_t clock, std::string_view event);
+
+    // To be called when the trace is read: the frames by their starts. Those whose clock no snapshot has are
+    // left out.
+    std::vector<frame> finish();
+    std::uint64_t left_out() const { return left_out_; }
+
+private:
+    struct started {
+        frame begun;
+        std::int64_t display_token;
+        std::uint32_t clock;
+        bool is_expected;
+    };
+    struct finished {
+        frame whole;
+        std::uint32_t clock;
+    };
+
+    void add(finished&& one);
+
+    // Of each clock, by its time, the time of CLOCK_MONOTONIC_RAW.
+    std::map<std::uint32_t, std::map<std::uint64_t, std::uint64_t>> raw_time_;
+    std::map<std::int64_t, started> started_;  // by cookie
+    std::map<std::pair<std::string, std::int64_t>, std::uint64_t> expected_ends_;
+    std::vector<finished> finished_;
+    std::uint64_t left_out_ = 0;
+};
+
+}  // namespace qel::vexa::report

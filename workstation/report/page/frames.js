@@ -1,0 +1,182 @@
+// The frames of a trace: a lane of them above the charts, and a list of the longest.
+import { sumOf } from "./aggregates.js";
+import { colorOf, fitCanvas } from "./charts.js";
+import { lowerBound, trace } from "./data.js";
+import { byId, element } from "./dom.js";
+import { short, spanText, timeText } from "./format.js";
+import { select } from "./selection.js";
+import { schedule, state } from "./state.js";
+import { goTo, moveView, timeAt } from "./view.js";
+
+const lane = byId("frames");
+const longest = 10;
+const janks = ["scheduling of the compositor", "a wrong prediction", "the display's driver", "the compositor's CPU deadline",
+  "the compositor's GPU deadline", "the application's deadline", "stuffed buffers", "an unknown reason", "a stuffed compositor"];
+
+// By layer; the display's own have no name.
+const layers = new Map();
+for (const [start, end, expectedEnd, layer, jank, isDropped] of trace.frames?.list || []) {
+  if (!layers.has(layer)) layers.set(layer, []);
+  layers.get(layer).push({ start, end, expectedEnd, jank, isDropped: Boolean(isDropped) });
+}
+let frames = [];
+let starts = new Float64Array(0);
+let current = -1;
+
+const nameOf = (layer) => trace.frames.layers[layer] || "the display";
+const isLate = ({ jank, isDropped }) => jank > 1 || isDropped;
+
+function reasonOf({ jank, isDropped }) {
+  const reasons = janks.filter((_, i) => jank & 2 << i);
+  return [...(isDropped ? ["dropped"] : []), ...reasons].join(", ") || (jank > 1 ? "late" : "on time");
+}
+
+function choose(layer) {
+  frames = layers.get(layer);
+  starts = Float64Array.from(frames, ({ start }) => start);
+  current = -1;
+  schedule();
+}
+
+// ---- The lane ----
+
+// In each column of pixels the worst of its frames: a late one among many is not to be missed.
+export function drawFrames() {
+  if (layers.size === 0) return;
+  const width = lane.clientWidth;
+  const height = lane.clientHeight;
+  if (!fitCanvas(lane, width, height)) return;
+  const context = lane.getContext("2d");
+  const ratio = window.devicePixelRatio || 1;
+  context.setTransform(ratio, 0, 0, ratio, 0, 0);
+  context.clearRect(0, 0, width, height);
+  const { view } = state;
+  const x = (time) => (time - view.from) / (view.to - view.from) * width;
+  const first = Math.max(lowerBound(starts, view.from) - 2, 0);
+  const end = lowerBound(starts, view.to);
+  for (const late of [false, true]) {
+    context.fillStyle = colorOf(late ? "--late" : "--accent");
+    let done = -1;
+    for (let i = first; i < end; i += 1) {
+      if (isLate(frames[i]) !== late) continue;
+      const left = Math.max(x(frames[i].start), 0);
+      const right = Math.min(x(frames[i].end), width);
+      if (right < done || right < 0) continue;
+      done = Math.max(right, left + 1);
+      context.fillRect(left, late ? 3 : 6, Math.max(done - left - (right - left > 4 ? 1 : 0), 1), late ? height - 6 : height - 12);
+    }
+  }
+  if (current >= 0) {
+    context.strokeStyle = colorOf("--text");
+    context.lineWidth = 2;
+    context.strokeRect(x(frames[current].start), 1, Math.max(x(frames[current].end) - x(frames[current].start), 2), height - 2);
+  }
+}
+
+function describe(index) {
+  const frame = frames[index];
+  return `Frame ${index + 1} of ${frames.length}: ${spanText(frame.end - frame.start)}, ${reasonOf(frame)}`;
+}
+
+function selectFrame(index) {
+  if (frames.length === 0) return;
+  current = Math.min(Math.max(index, 0), frames.length - 1);
+  const { start, end } = frames[current];
+  const { view } = state;
+  if (start < view.from || end > view.to) {
+    const half = Math.max((view.to - view.from) / 2, (end - start) * 2);
+    moveView((start + end) / 2 - half, (start + end) / 2 + half);
+  }
+  goTo(end);
+  select(start, end);
+  byId("live").textContent = describe(current);
+  byId("frame").textContent = describe(current);
+}
+
+export function stepFrame(direction) {
+  selectFrame(current < 0 ? lowerBound(starts, state.at) : current + direction);
+}
+
+lane.addEventListener("pointerdown", (event) => {
+  const time = timeAt(lane, event.clientX);
+  selectFrame(Math.max(lowerBound(starts, time) - 1, 0));
+});
+
+// ---- The longest ----
+
+// What a counter came to in the longest frames and otherwise: a rate, or the mean of a percentage. Null while samples are
+// still being unpacked.
+function compare(counter, ranges, all) {
+  const sums = ranges.map((range) => sumOf(counter, range));
+  const whole = sumOf(counter, all);
+  if (![...sums, whole].every(({ isExact }) => isExact)) return null;
+  const total = (list, name) => list.reduce((sum, each) => sum + each[name], 0);
+  const [sum, count] = [total(sums, "sum"), total(sums, "count")];
+  if (count === 0 || whole.count === count) return { ratio: 1 };
+  const [long, other] = [sum / count, (whole.sum - sum) / (whole.count - count)];
+  return { counter, long, other, ratio: other ? long / other : long ? Infinity : 1 };
+}
+
+let asked = 0;
+async function tellCommon(chosen) {
+  const mine = asked += 1;
+  const body = byId("common");
+  const { sequence } = state;
+  const all = { from: frames[0].start, to: frames[frames.length - 1].end };
+  const ranges = chosen.map((index) => ({ from: frames[index].start, to: frames[index].end }));
+  const results = [];
+  for (const counter of sequence.counters) {
+    if (!counter.selected || counter.min === counter.max) continue;
+    let result = null;
+    for (let tries = 0; !result && tries < 40; tries += 1) {
+      result = compare(counter, ranges, all);
+      if (!result) await new Promise((done) => setTimeout(done, 25));
+      if (mine !== asked) return;
+    }
+    if (result && result.counter) results.push(result);
+  }
+  const distance = ({ ratio }) => Math.abs(Math.log(Math.max(ratio, 1e-9)));
+  results.sort((a, b) => distance(b) - distance(a));
+  body.replaceChildren(...results.slice(0, 8).map(({ counter, long, other }) => {
+    const row = element("tr");
+    row.append(element("th", "", counter.name), element("td", "", short(long, counter.unit)), element("td", "", short(other, counter.unit)));
+    row.firstChild.scope = "row";
+    return row;
+  }));
+}
+
+function openLongest() {
+  const byLength = frames.map((_, index) => index)
+    .sort((a, b) => (frames[b].end - frames[b].start) - (frames[a].end - frames[a].start)).slice(0, longest);
+  byId("longest").replaceChildren(...byLength.map((index) => {
+    const frame = frames[index];
+    const row = element("tr");
+    const go = element("button", "", timeText(frame.start, 1e-4));
+    go.type = "button";
+    go.setAttribute("aria-label", `${go.textContent}: ${describe(index)}`);
+    go.addEventListener("click", () => {
+      byId("frame-list").close();
+      selectFrame(index);
+    });
+    const cell = element("td");
+    cell.append(go);
+    row.append(cell, element("td", "", spanText(frame.end - frame.start)), element("td", "", reasonOf(frame)));
+    return row;
+  }));
+  byId("common").replaceChildren();
+  byId("frame-list").showModal();
+  tellCommon(byLength);
+}
+
+export function startFrames() {
+  if (layers.size === 0) return;
+  byId("frame-row").hidden = false;
+  for (const layer of [...layers.keys()].sort((a, b) => a - b)) {
+    const choice = element("option", "", `${nameOf(layer)} (${layers.get(layer).length})`);
+    choice.value = layer;
+    byId("layer").append(choice);
+  }
+  byId("layer").addEventListener("change", () => choose(Number(byId("layer").value)));
+  byId("frames-longest").addEventListener("click", openLongest);
+  choose(Number(byId("layer").value));
+}
