@@ -58,7 +58,7 @@ const operations = {
   max: Math.max,
 };
 
-// A derived counter is its expression over the sums of its operands. The mean of its samples would count idle ones as
+// A ratio is its expression over the sums of its operands. The mean of its samples would count idle ones as
 // much as busy ones.
 function fromOperands(counter, range) {
   const { sequence } = state;
@@ -106,7 +106,7 @@ export function statistics(counter, range) {
   const { min, max, sum, count, isExact } = sumOf(counter, range);
   if (count === 0) return { min: NaN, mean: NaN, max: NaN, sum: NaN, count, isExact };
   let mean = sum / count;
-  if (counter.formula) mean = fromOperands(counter, range);
+  if (counter.formula && counter.kind !== "amount") mean = fromOperands(counter, range);
   else if (counter.weights) mean = weighted(counter, range);
   return { min, mean, max, sum, count, isExact };
 }
@@ -142,21 +142,23 @@ function percentiles(counter, range) {
 
 // ---- What the columns show ----
 
-const ends = { sample: "", second: "/s", total: "" };
+const isAmount = ({ kind, unit }) => (kind === undefined ? unit !== "percent" : kind === "amount");
+
+// What values of samples are multiplied by, and the unit that they then have: amounts can be shown per second.
+export function shownAs(counter) {
+  const isRate = isAmount(counter) && byId("amounts").value === "second";
+  return { factor: isRate ? 1 / state.sequence.period : 1, unit: isRate ? `${counter.unit}/s` : counter.unit };
+}
 
 export function columnsOf(counter, range) {
+  const { factor, unit } = shownAs(counter);
   if (byId("columns").value === "percentiles") {
     const values = percentiles(counter, range);
     const why = values ? "" : "The samples of this range are not in the page, or too many to sort.";
-    return Object.keys(shares).map((name) => ({ label: name, value: values?.[name], why }));
+    return Object.keys(shares).map((name) => ({ label: name, value: values?.[name] * factor, unit, why }));
   }
-  const { min, mean, max, sum, count } = statistics(counter, range);
-  const amounts = counter.kind === "amount" || counter.kind === undefined && counter.unit !== "percent"
-    ? byId("amounts").value : "sample";
-  const { period } = state.sequence;
-  const scale = amounts === "second" ? 1 / period : 1;
-  const unit = counter.unit + ends[amounts];
-  const middle = amounts === "total" ? { label: "Total", value: sum } : { label: "Mean", value: amounts === "second"
-    ? sum / (count * period) : mean };
-  return [{ label: "Min", value: min * scale, unit }, { ...middle, unit }, { label: "Max", value: max * scale, unit }];
+  const { min, mean, max, sum } = statistics(counter, range);
+  const isTotal = isAmount(counter) && byId("amounts").value === "total";
+  const middle = isTotal ? { label: "Total", value: sum } : { label: "Mean", value: mean * factor };
+  return [{ label: "Min", value: min * factor, unit }, { ...middle, unit }, { label: "Max", value: max * factor, unit }];
 }

@@ -1,5 +1,5 @@
 // Drawing: a counter's chart, and what charts and time line share.
-import { columnsOf } from "./aggregates.js";
+import { columnsOf, shownAs } from "./aggregates.js";
 import { stepAt } from "./data.js";
 import { byId, element, hueName, setAttribute, setText } from "./dom.js";
 import { short } from "./format.js";
@@ -197,7 +197,7 @@ function levelsOfScale(scale, height) {
 }
 
 // The selection, and lines at round values and times, on pixels that are empty.
-function drawGrid(image, scale) {
+function drawGrid(image, counter, scale) {
   const { width, height, out } = image;
   const { view, selection } = state;
   const x = (time) => Math.round((time - view.from) / (view.to - view.from) * width);
@@ -208,7 +208,7 @@ function drawGrid(image, scale) {
   if (selection) fill(x(selection.from), Math.max(x(selection.to), x(selection.from) + 1), opaque(colorOf("--selection")));
   const grid = opaque(colorOf("--grid"));
   const ratio = window.devicePixelRatio || 1;
-  for (const { y } of levelsOfScale(scale, height / ratio)) {
+  for (const { y } of levelsOfScale(shown(scale, shownAs(counter).factor), height / ratio)) {
     const row = Math.min(Math.round(y * ratio), height - 1);
     out.fill(grid, row * width, (row + 1) * width);
   }
@@ -259,7 +259,7 @@ function drawRow(row) {
   }
   if (!fitCanvas(row.canvas, width, height)) return;
   const image = pixelsOf(row.canvas);
-  drawGrid(image, row.scale);
+  drawGrid(image, counter, row.scale);
   drawSeries(image, row.piece, view, row.scale, colorOf(hueName(counter.block)));
   (state.overlays.get(counter) || []).forEach((other, i) => {
     const { piece } = finest(sequence, other, view, width);
@@ -270,8 +270,11 @@ function drawRow(row) {
   row.place = -1;
 }
 
+const shown = ({ bottom, top }, factor) => ({ bottom: bottom * factor, top: top * factor });
+
 function writeScale({ counter, scale, height, marks, plot }) {
-  const levels = levelsOfScale(scale, height);
+  const { factor } = shownAs(counter);
+  const levels = levelsOfScale(shown(scale, factor), height);
   while (marks.length < levels.length) {
     const mark = element("span", "mark");
     marks.push(mark);

@@ -1,4 +1,5 @@
 // The part of the time that is shown, and the cursor in it.
+import { shownAs } from "./aggregates.js";
 import { drawCursor } from "./charts.js";
 import { overviewOf, stepAt } from "./data.js";
 import { byId, overview, setAttribute, setText } from "./dom.js";
@@ -92,7 +93,8 @@ export function moveCursor(steps) {
 
 function valueAt(row) {
   const { edges, means } = row.piece || overviewOf(state.sequence, row.counter);
-  return short(means[stepAt(edges, state.at)], row.counter.unit);
+  const { factor, unit } = shownAs(row.counter);
+  return short(means[stepAt(edges, state.at)] * factor, unit);
 }
 
 export function writeCursor() {
