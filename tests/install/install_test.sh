@@ -37,10 +37,10 @@ use() {
     expect 0 "$goodbye" env LD_LIBRARY_PATH="$prefix/lib" "$root.client/by_pkg_config"
 
     # Programs, each with its page of the manual.
-    for program in counters evaluate launcher report; do
+    for program in counters evaluate launcher record report; do
         expect 0 "counterfeed-$program " "$prefix/bin/counterfeed-$program" --version
         expect 0 "counterfeed-$program" "$prefix/bin/counterfeed-$program" --help
-        page=$prefix/share/man/man1/counterfeed-$program.1
+        page=$prefix/share/man/man1/counterfeed-$program.1.gz
         [[ -s $page ]] || fail "there is no $page"
     done
     [[ $(find "$prefix/share/counterfeed/configs" -name '*.txtpb' -size +0 | wc -l) == 54 ]] || fail "configs are missing"

@@ -1,5 +1,6 @@
 #include "workstation/command_line/output.h"
 
+#include <fmt/format.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -7,8 +8,6 @@
 #include <cstdio>
 #include <sstream>
 #include <vector>
-
-#include "workstation/command_line/program.h"
 
 namespace qel::vexa::command_line {
 
@@ -24,9 +23,7 @@ std::string text_of(const ordered_json& value) {
         return value.get<bool>() ? "yes" : "";
     }
     if (value.is_number_float()) {
-        char text[40];
-        std::snprintf(text, sizeof text, "%.17g", value.get<double>());
-        return text;
+        return fmt::format("{:.17g}", value.get<double>());
     }
     if (value.is_array()) {
         std::string list;
@@ -77,9 +74,8 @@ void print_table(const rows& data, std::initializer_list<const char*> columns) {
     for (std::size_t i = 0; i <= data.size(); ++i) {
         std::string line;
         for (const column& each : table) {
-            const std::string padding(each.width - each.cells[i].size(), ' ');
-            line += each.to_the_right ? padding + each.cells[i] : each.cells[i] + padding;
-            line += "  ";
+            line += each.to_the_right ? fmt::format("{:>{}}  ", each.cells[i], each.width)
+                                      : fmt::format("{:<{}}  ", each.cells[i], each.width);
         }
         line.erase(line.find_last_not_of(' ') + 1);
         if (edge > 3 && line.size() > edge) {
@@ -90,28 +86,6 @@ void print_table(const rows& data, std::initializer_list<const char*> columns) {
 }
 
 }  // namespace
-
-void take_common_option(int option, format& how, const char* usage) {
-    switch (option) {
-        case 'j':
-        case 'c': {
-            const format wanted = option == 'j' ? format::json : format::csv;
-            if (how != format::table && how != wanted) {
-                fail_usage("--json and --csv exclude each other");
-            }
-            how = wanted;
-            break;
-        }
-        case 'h':
-            std::fputs(usage, stdout);
-            finish();
-        case 'V':
-            print_version();
-            finish();
-        default:
-            fail_usage("");
-    }
-}
 
 void print(const rows& data, format how, std::initializer_list<const char*> table_columns) {
     switch (how) {

@@ -14,11 +14,6 @@ using rows = nlohmann::ordered_json;
 
 enum class format { table, json, csv };
 
-// Acts on an option of the tools that print such rows, by its letter: -j and -c set the format, -h and -V
-// answer and end the process. Any other is wrong usage, of which getopt has told, and so are both formats at
-// once.
-void take_common_option(int option, format& how, const char* usage);
-
 // Prints all columns, or as a table those that are named. A table has the column names in its first line and
 // fits the terminal, when standard output is one: lines are cut off at its edge. CSV has a line of column
 // names too; fields are quoted where they have to be, and lists have blanks between their items.

@@ -1,5 +1,6 @@
 #include "workstation/command_line/program.h"
 
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -26,8 +27,29 @@ void fail_usage(const std::string& message) {
     std::exit(exit_usage);
 }
 
+std::string version_text() {
+    return std::string(program_invocation_short_name) + " " COUNTERFEED_VERSION "\n";
+}
+
 void print_version() {
-    std::printf("%s " COUNTERFEED_VERSION "\n", program_invocation_short_name);
+    std::fputs(version_text().c_str(), stdout);
+}
+
+std::string file_argument(const std::string& path, int status_when_unreadable) {
+    std::FILE* const file = path == "-" ? stdin : std::fopen(path.c_str(), "rb");
+    std::string bytes;
+    std::size_t size = 0;
+    std::array<char, 65536> piece{};
+    while (file != nullptr && (size = std::fread(piece.data(), 1, piece.size(), file)) != 0) {
+        bytes.append(piece.data(), size);
+    }
+    if (file == nullptr || std::ferror(file) != 0) {
+        fail(status_when_unreadable, "can't read " + path + ": " + std::strerror(errno));
+    }
+    if (file != stdin) {
+        std::fclose(file);
+    }
+    return bytes;
 }
 
 void finish(int status_when_lost) {

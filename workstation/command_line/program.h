@@ -23,7 +23,11 @@ void complain(const std::string& message);
 [[noreturn]] void fail_usage(const std::string& message);
 
 // The answer to --version.
+std::string version_text();
 void print_version();
+
+// The bytes of a file, or of standard input for "-". What can't be read ends the process.
+std::string file_argument(const std::string& path, int status_when_unreadable = exit_failure);
 
 // Ends the process with success, or with the other status when standard output could not take all that was
 // written.

@@ -84,124 +84,6 @@ TEST(Counters, EveryFormatHasAllRowsOfEveryProduct) {
     }
 }
 
-// Works out a written expression by the usual rules: products before sums, and both from left to right.
-class calculator {
-public:
-    using lookup = std::function<saturating_double(const std::string&)>;
-    calculator(const std::string& text, lookup value_of)
-        : rest_(std::regex_replace(text, std::regex("([(),])"), " $1 ")), value_of_(std::move(value_of)) {
-        next();
-    }
-    saturating_double sum() {
-        saturating_double value = product();
-        while (word_ == "+" || word_ == "-") {
-            const bool plus = take() == "+";
-            const saturating_double right = product();
-            value = plus ? value + right : value - right;
-        }
-        return value;
-    }
-
-private:
-    saturating_double product() {
-        saturating_double value = operand();
-        while (word_ == "*" || word_ == "/") {
-            const bool times = take() == "*";
-            const saturating_double right = operand();
-            value = times ? value * right : value / right;
-        }
-        return value;
-    }
-    saturating_double operand() {
-        const std::string word = take();
-        if (word != "max" && word != "(") {
-            return value_of_(word);
-        }
-        if (word == "(") {
-            const saturating_double value = sum();
-            EXPECT_EQ(take(), ")");
-            return value;
-        }
-        EXPECT_EQ(take(), "(");
-        const saturating_double a = sum();
-        EXPECT_EQ(take(), ",");
-        const saturating_double b = sum();
-        EXPECT_EQ(take(), ")");
-        return max(a, b);
-    }
-    std::string take() {
-        std::string taken = word_;
-        next();
-        return taken;
-    }
-    void next() {
-        word_.clear();
-        rest_ >> word_;
-    }
-
-    std::istringstream rest_;
-    lookup value_of_;
-    std::string word_;
-};
-
-TEST(Counters, ExpressionsSayWhatTheProfilerComputes) {
-    std::mt19937 random(8);
-    std::size_t derived = 0;
-    std::size_t expected_derived = 0;
-    for (const hwc::counter_table& table : hwc::counter_tables) {
-        expected_derived += count_of(table, [](const row& r) { return r.evaluator != nullptr; });
-    }
-    for (const unsigned number : product_of_table) {
-        const json rows = list(number);
-        std::error_code ec;
-        const hwc::product gpu(hardware::gpu_info{.product = hardware::product{number},
-                                                  .shader_core_count = 2,
-                                                  .shader_core_mask = 0b101,
-                                                  .l2_slice_count = 3,
-                                                  .bus_width_bytes = 16},
-                               ec);
-        hwc::profiler profiler(gpu, 5);
-        std::vector<std::uint32_t> sample(std::size_t{64} * (2 + 3 + 3));
-        std::map<std::string, const row*> by_hardware_name;
-        for (const json& each : rows) {
-            if (each["kind"] == "raw") {
-                by_hardware_name[each["expression"]] = gpu.counters->find(each["id"]);
-            }
-        }
-        std::set<std::uint32_t> read;
-        const auto value_of = [&](const std::string& word) {
-            if (const auto found = by_hardware_name.find(word); found != by_hardware_name.end()) {
-                read.insert(found->second->id);
-                return profiler.get_value_for_counter(sample.data(), *found->second);
-            }
-            return word == "BUS_WIDTH"      ? saturating_double(gpu.bus_width_bytes)
-                   : word == "L2_SLICES"    ? saturating_double(gpu.l2_slice_count)
-                   : word == "SHADER_CORES" ? saturating_double(gpu.shader_core_count)
-                                            : saturating_double::from(std::stod(word));
-        };
-        for (int round = 0; round < 20; ++round) {
-            for (std::uint32_t& word : sample) {
-                word = round == 0 ? 0 : static_cast<std::uint32_t>(random() >> random() % 32);
-            }
-            profiler.gpu_cycles = random();
-            for (const json& each : rows) {
-                if (each["kind"] == "derived") {
-                    derived += round == 0;
-                    read.clear();
-                    const row& expected = *gpu.counters->find(each["id"]);
-                    const double value = calculator(each["expression"], value_of).sum().value();
-                    ASSERT_EQ(std::bit_cast<std::uint64_t>(value),
-                              std::bit_cast<std::uint64_t>(
-                                  profiler.get_value_for_counter(sample.data(), expected).value()))
-                        << each["expression"];
-                    ASSERT_EQ(read, std::set(expected.dependencies.begin(), expected.dependencies.end()));
-                }
-            }
-        }
-    }
-    EXPECT_EQ(derived, expected_derived);
-}
-
 TEST(Counters, OneCounterIsShownInFullWithoutNeedlessParentheses) {
     EXPECT_THAT(
         counters(2, {"fpk killed quad percentage"}).out,
@@ -244,6 +126,8 @@ TEST(Counters, NamesAndFiltersChoose) {
          [&](const row& r) { return contains(r, "stall") && contains(r, "outstanding"); }},
         {"gpu ACTIVE cycles|0xc4|65536|frag_warps",
          [](const row& r) { return r.id == 6 || r.id == 196 || r.id == 65536 || r.id == 201; }},
+        {"FRAG_LZS",  // no name, so a word to be found in one
+         [&](const row& r) { return std::strstr(r.description, "Hardware name: FRAG_LZS") != nullptr; }},
         {"Fragment threads*|FRAG_[PQ]*",
          [](const row& r) {
              return std::strstr(r.name, "Fragment threads") == r.name ||
@@ -342,6 +226,52 @@ TEST(Counters, LinesEndAtTheTerminalsEdge) {
     EXPECT_EQ(count, 1 + hwc::counter_tables[2 - 1].size());
 }
 
+TEST(Counters, GpusAndTextsAreWhole) {
+    const json gpus = json::parse(run_tool(COUNTERS, {"--gpus", "--json"}).out);
+    ASSERT_EQ(gpus.size(), hwc::product_tables.size());
+    std::set<std::string> ids;
+    for (const json& each : gpus) {
+        const hwc::counter_table& table = hwc::product_tables.at(hardware::product{each["product"]});
+        EXPECT_EQ(each["counters"], table.size());
+        EXPECT_EQ(&hwc::counter_tables.at(each["table"].get<std::size_t>() - 1), &table);
+        ids.insert(each["ids"].begin(), each["ids"].end());
+    }
+    EXPECT_EQ(ids.size(), virtual_gpu::known_gpus.size());
+
+    const auto check_width = [](const std::string& text) {
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_LE(line.size(), 80U) << line;
+        }
+    };
+    const std::string shown = counters(9, {"FPK killed quad percentage"}).out;
+    std::string description = shown.substr(shown.find("\n\n") + 2);
+    check_width(description);
+    EXPECT_GT(std::count(description.begin(), description.end(), '\n'), 3);
+    std::replace(description.begin(), description.end(), '\n', ' ');
+    const std::string expected =
+        json::parse(counters(9, {"-j", "FPK killed quad percentage"}).out)[0]["description"];
+    EXPECT_EQ(description, expected + " ");
+    const tool_result help = run_tool(COUNTERS, {"-g", "99", "--walrus", "--help"});
+    EXPECT_EQ(help.status, 0);
+    check_width(help.out.substr(help.out.find("\n\n")));
+}
+
+TEST(Counters, ShellCompletes) {
+    const test_support::temporary_folder folder;
+    std::ofstream(folder.file("script")) << run_tool(COUNTERS, {"--print-completion", "bash"}).out << R"(
+for words in "--bl" "-b sh" "--gpu 0xa00" "--period 1"; do
+    COMP_WORDS=(counterfeed-counters $words) COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+    _counterfeed_counters
+    echo "${COMPREPLY[*]}"
+done
+)";
+    const tool_result result = run_tool("/bin/bash", {folder.file("script")});
+    if (std::string(COUNTERFEED_EMULATOR).empty()) {
+        EXPECT_EQ(result.out, "--block\nshader-core\n0xa004 0xa003 0xa007 0xa002\n\n") << result.err;
+    }
+}
+
 TEST(Counters, Complaints) {
     const struct {
         const char* words;
@@ -349,21 +279,24 @@ TEST(Counters, Complaints) {
         const char* message;
     } cases[] = {
         {"-g|9|Fragment utilisation", 1, "\"; the nearest are:\n  Fragment utilization\n"},
-        {"-g|9|FRAG_ACTIV", 1, "are:\n  FRAG_ACTIVE\n"},
+        {"-g|9|-C|FRAG_ACTIV", 1, "are:\n  FRAG_ACTIVE\n"},
         {"-g|9|-C|nothing*like*it", 1, "product 9 has no counter \"nothing*like*it\""},
         {"-g|9|-s|walrus", 1, "no counter fits"},
         {"-g|9|-C|xyz", 1, "has no counter \"xyz\"\n"},
         {"-g|99", 2, "unknown GPU \"99\": give a product number from 0 to "},
         {"-g|0x9005", 2, "unknown GPU"},
         {"-g|9x", 2, "unknown GPU"},
-        {"--gpu=", 2, "unknown GPU"},
+        {"--gpu=", 2, "--gpu"},
+        {"--device|/dev/null", 1, "/dev/null holds no state of a tracing service"},
+        {"-g|9|-i|/dev/null", 2, "--gpu and --device exclude each other"},
+        {"-g|9|-P|walrus", 2, "unknown preset \"walrus\": there are overview, "},
         {"-g|0x1000009002", 2, "unknown GPU"},
         {"FRAG_ACTIVE", 2, "--gpu"},
         {"-g|9|-u|furlong", 2, "unknown unit \"furlong\": there are byte,"},
         {"-g|9|-b|fpga", 2, "unknown block \"fpga\": there are job-manager,"},
         {"-g|9|-C|-p|0", 2, "--period is a whole number from 1 to 1000, not \"0\""},
         {"-g|9|-C|-p|1001", 2, "not \"1001\""},
-        {"-g|9|-C|-t|-1", 2, "not \"-1\""},
+        {"-g|9|-C|--duration=-1", 2, "not \"-1\""},
         {"-g|9|-t|5", 2, "go with --config"},
         {"-g|9|-C|-j", 2, "--json"},
         {"-g|9|-j|-c", 2, "--json and --csv exclude each other"},

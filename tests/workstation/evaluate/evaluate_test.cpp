@@ -118,6 +118,10 @@ TEST_F(Evaluate, NamedCountersAsATable) {
               "    6  GPU active cycles                   3\n"
               "65536  GPU utilization    33.333333333333329  percent\n");
     EXPECT_EQ(result.status, 0);
+    const auto without_cycles = run_tool(
+        EVALUATE, {"-g", "0x9002", "-m", "1", "-l", "1", "-b", "16", file, "GPU_ACTIVE", "GPU util*"});
+    EXPECT_EQ(without_cycles.out, "id  name               value  unit\n 6  GPU active cycles      3\n");
+    EXPECT_THAT(without_cycles.err, testing::HasSubstr("left out: GPU utilization\n"));
 }
 
 TEST_F(Evaluate, Complaints) {

@@ -1,0 +1,146 @@
+#include "workstation/command_line/trace_config.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
+#include <cstring>
+#include <regex>
+
+#include "workstation/command_line/options.h"
+#include "workstation/command_line/program.h"
+
+namespace qel::vexa::command_line {
+
+namespace {
+
+// The service takes the trace out of the buffer and into the file every so often, so that the buffer need not
+// hold a whole recording. At the shortest period all counters of the largest table make 5 MB a second.
+constexpr unsigned buffer_kb = 32768;
+constexpr unsigned file_write_period_ms = 2000;
+
+// Between producer and service: larger than what they agree on by themselves, so that they wake each other
+// less often.
+constexpr unsigned shared_page_kb = 32;
+constexpr unsigned shared_memory_kb = 1024;
+
+// The first line of the free text; a line with id and name for each counter follows.
+constexpr const char* names_heading = "counter names";
+
+// Which GPUs have these counters: for one of the tables those of all products with it.
+std::string gpus_of(const gpu& of) {
+    std::vector<std::uint32_t> products;
+    std::string ids;
+    for (const gpu& each : all_gpus()) {
+        if (each.table == of.table) {
+            products.push_back(static_cast<std::uint32_t>(*each.product));
+            for (const std::uint32_t id : gpu_ids(*each.product)) {
+                ids += fmt::format(" {:#x}", id);
+            }
+        }
+    }
+    return products.empty() ? "GPUs that offer these counters alone"
+                            : fmt::format("product{} {} alone: GPU ids{}", products.size() == 1 ? "" : "s",
+                                          fmt::join(products, ", "), ids);
+}
+
+// A text within quotes of the text form.
+std::string in_quotes(const std::string& text) {
+    std::string result;
+    for (const char c : text) {
+        result += c == '\n' ? "\\n" : (c == '"' || c == '\\' ? "\\" : "") + std::string(1, c);
+    }
+    return "\"" + result + "\"";
+}
+
+}  // namespace
+
+void add_recording_options(options& table, recording& how, bool& given) {
+    table.number("-p,--period", "MS",
+                 fmt::format("milliseconds between samples, {} to {} (default {})", min_period_ms,
+                             max_period_ms, how.period_ms),
+                 min_period_ms, max_period_ms, [&how, &given](std::uint64_t value) {
+                     how.period_ms = value;
+                     given = true;
+                 });
+    table.number("-t,--duration", "S",
+                 fmt::format("seconds to record, up to {}, a week (default {}); 0 records until stopped",
+                             max_duration_s, how.duration_s),
+                 0, max_duration_s, [&how, &given](std::uint64_t value) {
+                     how.duration_s = value;
+                     given = true;
+                 });
+}
+
+std::string trace_config(const gpu& of, const std::vector<counter>& counters, const recording& how) {
+    std::string ids;
+    std::string names = names_heading;
+    for (const counter& each : counters) {
+        ids += fmt::format("      counter_ids: {}  # {}\n", each.id, each.name);
+        names += fmt::format("\n{} {}", each.id, each.name);
+    }
+    return fmt::format("# {} GPU counter{}, a sample every {} ms.\n", counters.size(),
+                       counters.size() == 1 ? "" : "s", how.period_ms) +
+           fmt::format("# For {}.\n", gpus_of(of)) +
+           "# Record with: perfetto --txt -c THIS_FILE -o TRACE\n"
+           "# counterfeed-record --config THIS_FILE checks first that the ids have these names on the "
+           "device.\n" +
+           fmt::format("buffers {{ size_kb: {} fill_policy: RING_BUFFER }}\n", buffer_kb) +
+           (how.duration_s != 0 ? fmt::format("duration_ms: {}\n", how.duration_s * 1000) : "") +
+           fmt::format("write_into_file: true\nfile_write_period_ms: {}\n", file_write_period_ms) +
+           (of.producer.empty()
+                ? ""
+                : fmt::format("producers {{ producer_name: {} page_size_kb: {} shm_size_kb: {} }}\n",
+                              in_quotes(of.producer), shared_page_kb, shared_memory_kb)) +
+           fmt::format(
+               "data_sources {{\n"
+               "  config {{\n"
+               "    name: \"gpu.counters\"\n"
+               "    gpu_counter_config {{\n"
+               "      counter_period_ns: {}\n"
+               "{}"
+               "    }}\n"
+               "    legacy_config: {}\n"
+               "  }}\n"
+               "}}\n",
+               how.period_ms * 1'000'000, ids, in_quotes(names));
+}
+
+std::map<std::uint32_t, std::string> counters_in_config(const std::string& text) {
+    static const std::regex id("\\bcounter_ids\\s*:\\s*(0[xX][0-9a-fA-F]+|[0-9]+)[ \t]*(?:#[ \t]*([^\n]*))?");
+    std::map<std::uint32_t, std::string> result;
+    for (std::sregex_iterator match(text.begin(), text.end(), id), end; match != end; ++match) {
+        if (const auto number = parse_number((*match)[1].str(), UINT32_MAX)) {
+            std::string name = (*match)[2];
+            name.erase(name.find_last_not_of(" \t\r") + 1);
+            result[static_cast<std::uint32_t>(*number)] = name;
+        }
+    }
+    return result;
+}
+
+std::vector<std::string> faults_of_config(const std::string& text, const gpu& on) {
+    std::vector<std::string> faults;
+    for (const auto& [id, name] : counters_in_config(text)) {
+        const auto with_id = std::find_if(on.counters.begin(), on.counters.end(),
+                                          [id = id](const counter& each) { return each.id == id; });
+        const auto with_name =
+            std::find_if(on.counters.begin(), on.counters.end(),
+                         [&name = name](const counter& each) { return each.name == name; });
+        if (with_id != on.counters.end() && (name.empty() || with_id->name == name)) {
+            continue;
+        }
+        std::string fault = name.empty() ? fmt::format("{}", id) : fmt::format("{} \"{}\"", id, name);
+        fault += with_id != on.counters.end() ? fmt::format(" is \"{}\" on {}", with_id->name, on.name)
+                                              : fmt::format(" is no counter of {}", on.name);
+        if (with_name != on.counters.end()) {
+            fault += fmt::format(", which has the name as {}", with_name->id);
+        } else if (!name.empty()) {
+            fault += ", which has no counter of the name";
+        }
+        faults.push_back(fault);
+    }
+    return faults;
+}
+
+}  // namespace qel::vexa::command_line
