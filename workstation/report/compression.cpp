@@ -67,8 +67,8 @@ const char* decompress_zstd(std::string_view bytes, std::size_t most, std::strin
 
 }  // namespace
 
-const char* decompress(std::string_view bytes, packet_compression format, std::size_t most,
-                       std::string& result) {
+const char* decompress([[maybe_unused]] std::string_view bytes, [[maybe_unused]] packet_compression format,
+                       [[maybe_unused]] std::size_t most, std::string& result) {
     result.clear();
 #ifdef COUNTERFEED_ZLIB
     if (format == packet_compression::zlib) {

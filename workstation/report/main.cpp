@@ -491,7 +491,7 @@ int report_trace(const settings& wanted) {
                        .amounts = wanted.amounts.value_or(amount_form::per_second)};
     if (wanted.form == output_form::html) {
         const std::size_t base = page_base_size(sequences);
-        const std::size_t limit = wanted.page_megabytes * 1'000'000;
+        const auto limit = static_cast<std::size_t>(wanted.page_megabytes * 1'000'000);
         page_levels levels(sequences, trace.selected, page_origin(sequences),
                            limit > base ? limit - base : 0);
         monitor again(levels, trace.input, wanted.shows_progress());

@@ -214,7 +214,8 @@ void page_levels::end_step_run(column& counter, std::size_t level) {
         }
         keep(text, run_of('f', std::span<const float>(numbers)));
     }
-    std::vector<value_range> above((steps.size() + steps_per_step - 1) / steps_per_step);
+    std::vector<value_range> above(
+        static_cast<std::size_t>((steps.size() + steps_per_step - 1) / steps_per_step));
     for (std::size_t i = 0; i < steps.size(); ++i) {
         above[i / steps_per_step].add(steps[i]);
     }
