@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <memory>
 #include <set>
 #include <string>
@@ -97,8 +96,10 @@ TEST(Compare, SeldomFindsChangesWhereThereAreNone) {
             found += changed_in(compare({&sequence_of(before)}, {&sequence_of(after)})).empty() ? 0U : 1U;
         }
     }
-    EXPECT_LE(static_cast<double>(found), std::ceil(comparison_level * static_cast<double>(pairs)))
-        << "of " << pairs;
+    // Of 12 comparisons of which each calls anything changed with a probability of 5 %, more than two do so
+    // in 2 % of all cases.
+    EXPECT_EQ(pairs, 12U);
+    EXPECT_LE(found, 2U);
 }
 
 TEST(Compare, FindsTheOneThingThatChanged) {
