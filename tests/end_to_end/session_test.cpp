@@ -93,7 +93,7 @@ std::string record(const std::vector<std::uint32_t>& ids, const reader_factory& 
             ids, 0, "",
             "for_testing { dummy_fields { field_uint64: " +
                 std::to_string(reinterpret_cast<std::uintptr_t>(&published_factory)) + " } }") +
-            test_support::with_room_for(program_invocation_name),
+            test_support::with_room_for(test_support::read_file("/proc/self/cmdline").c_str()),
         [samples](const std::string& /*file*/) { return delivered >= samples; });
 }
 

@@ -209,10 +209,11 @@ TEST(Catalogue, ValuesAreThoseOfTheSecondStatement) {
         for (unsigned round = 0; round < 60; ++round) {
             setting gpu = make_setting(round % 8, random);
             // In every other round a row is missing: it reads as 0 wherever it stands.
-            const std::uint32_t missing = round % 2 == 0 ? 0
-                                          : round == 1
-                                              ? 65535
-                                              : std::next(ids.begin(), random() % ids.size())->second;
+            const std::uint32_t missing =
+                round % 2 == 0 ? 0
+                : round == 1
+                    ? 65535
+                    : std::next(ids.begin(), static_cast<std::ptrdiff_t>(random() % ids.size()))->second;
             hwc::counter_table gapped;
             for (const hwc::vexa_counter_descriptor& row : all) {
                 if (row.id != missing) {

@@ -14,8 +14,8 @@ namespace qel::vexa::report {
 
 namespace {
 
-constexpr std::size_t piece_size = std::size_t{1} << 16;
-constexpr const char* damaged = "damaged compressed packets";
+[[maybe_unused]] constexpr std::size_t piece_size = std::size_t{1} << 16;
+[[maybe_unused]] constexpr const char* damaged = "damaged compressed packets";
 constexpr const char* unsupported = "compressed packets, which this build can't read";
 
 #ifdef COUNTERFEED_ZLIB
