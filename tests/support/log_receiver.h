@@ -26,7 +26,7 @@ public:
     log_receiver(const log_receiver&) = delete;
     log_receiver& operator=(const log_receiver&) = delete;
 
-    // What has come since the last call. A line that is not whole fails the test.
+    // What has come since the last call, but for the log of events. A line that is not whole fails the test.
     std::vector<logged_line> take();
 
 private:
