@@ -75,6 +75,9 @@ private:
 };
 
 TEST_F(counter_reader_of, every_stage_undoes_those_before_it) {
+#ifdef __ANDROID__
+    GTEST_SKIP() << "the C++ library is in the program there, and its memory would fail as well";
+#endif
     using enum request_kind;
     struct {
         const char* what;

@@ -113,6 +113,9 @@ TEST(Logging, CallbackSeesTheCallSiteAndTheTextUpToItsLimit) {
 }
 
 TEST(Logging, PlatformLogGetsTheBareMessageUnlessTheLocationLineFails) {
+#ifdef __ANDROID__
+    GTEST_SKIP() << "the compiler calls the C library's formatter there under a name that is not replaced";
+#endif
     take_log_lines();
     logger.w("id %u\n", 12U);
     snprintf_fails = true;

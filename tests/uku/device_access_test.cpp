@@ -129,6 +129,9 @@ TEST_F(device_access, versions_are_compared) {
 }
 
 TEST_F(device_access, every_failure_leaves_nothing_open) {
+#ifdef __ANDROID__
+    GTEST_SKIP() << "the C++ library is in the program there, and its memory would fail as well";
+#endif
     const temporary_folder folder;
     std::ofstream(folder.file("regular")) << "no device";
     std::filesystem::create_symlink("nowhere", folder.file("dangling"));

@@ -99,6 +99,12 @@ void agrees(const std::string& format, auto... args) {
     char theirs[512];
     const std::int32_t result = cutils_cstr_snprintf(ours, sizeof ours, format.c_str(), args...);
     const int expected = std::snprintf(theirs, sizeof theirs, format.c_str(), args...);
+#ifdef __ANDROID__
+    // Its C library leaves out the zero that the language wants of an octal 0 without digits.
+    if (format.ends_with('o') && std::strpbrk(theirs, "01234567") == nullptr) {
+        return;
+    }
+#endif
     ASSERT_EQ(result, expected) << format;
     ASSERT_STREQ(ours, theirs) << format;
 }
