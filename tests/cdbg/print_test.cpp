@@ -141,6 +141,9 @@ TEST(start_up, each_failure_is_reported_undone_and_tried_again) {
 }
 
 TEST(start_up, no_memory_at_any_point_leaves_nothing_behind) {
+#ifdef __ANDROID__
+    GTEST_SKIP() << "the C++ library is in the program there, and its memory would fail as well";
+#endif
     std::string error;
     for (int failing = 1; error != "all given\n"; ++failing) {
         ASSERT_LT(failing, 100);

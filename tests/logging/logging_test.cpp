@@ -87,6 +87,9 @@ private:
 };
 
 TEST(Logging, CallbackSeesTheCallSiteAndTheTextUpToItsLimit) {
+#ifdef __ANDROID__
+    GTEST_SKIP() << "every character is one in its C library's only encoding";
+#endif
     recorder seen;
     const std::string longest(1023, 'x');
     const unsigned first_line = __LINE__ + 1;
