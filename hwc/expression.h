@@ -151,6 +151,8 @@ struct operand_ids {
     std::array<std::uint32_t, capacity> ids{};
     std::size_t count = 0;
 
+    constexpr auto begin() const { return ids.begin(); }
+    constexpr auto end() const { return ids.begin() + count; }
     constexpr void add(std::uint32_t id) {
         if (std::find(ids.begin(), ids.begin() + count, id) == ids.begin() + count) {
             ids.at(count++) = id;
@@ -178,9 +180,15 @@ constexpr operand_ids operands_of() {
 // the operands have the same ids share one.
 template <expression auto resolved>
 saturating_double evaluate(const profiler& context, const std::uint32_t* sample) {
+    constexpr block_classes classes = [] {
+        block_classes found = 0;
+        for (const std::uint32_t id : operands_of<resolved>()) {
+            found |= raw_values::class_of(id);
+        }
+        return found;
+    }();
     raw_values scratch;
-    constexpr bool reads_the_sample = operands_of<resolved>().count != 0;
-    return resolved.evaluate(context, reads_the_sample ? context.values_in(sample, scratch) : scratch);
+    return resolved.evaluate(context, classes != 0 ? context.values_in(sample, scratch, classes) : scratch);
 }
 
 }  // namespace qel::vexa::hwc

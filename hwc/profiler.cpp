@@ -1,5 +1,6 @@
 #include "hwc/profiler.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdlib>
 
@@ -29,29 +30,38 @@ double to_double(std::uint64_t sum) {
 
 }  // namespace
 
-void raw_values::take(const profiler& context, const std::uint32_t* sample) {
-    double* value = values_.data();
+void raw_values::take(const profiler& context, const std::uint32_t* sample, block_classes classes) {
+    // The first id of each class.
+    constexpr std::uint32_t job_manager = 0;
+    constexpr std::uint32_t tiler = counters_per_block;
+    constexpr std::uint32_t memory_system = 2 * counters_per_block;
+    constexpr std::uint32_t shader_core = 3 * counters_per_block;
     // The job manager's and the tiler's words stand at their ids.
-    for (std::size_t id = 0; id < std::size_t{2} * counters_per_block; ++id) {
-        *value++ = sample[id];
+    for (const std::uint32_t first : {job_manager, tiler}) {
+        if ((classes & class_of(first)) != 0) {
+            std::copy_n(sample + first, counters_per_block, values_.begin() + first);
+        }
     }
-    const std::uint32_t* const slices = sample + std::size_t{2} * counters_per_block;
-    const std::uint32_t* const cores = slices + std::size_t{context.l2_slice_count} * counters_per_block;
-    block_sums sums{};
-    for (const std::uint32_t* block = slices; block != cores; block += counters_per_block) {
-        add(sums, block);
+    const std::size_t first_core = std::size_t{2} + context.l2_slice_count;
+    if ((classes & class_of(memory_system)) != 0) {
+        block_sums sums{};
+        for (std::size_t block = 2; block < first_core; ++block) {
+            add(sums, sample + block * counters_per_block);
+        }
+        for (std::size_t i = 0; i < sums.size(); ++i) {
+            values_[memory_system + i] = to_double(sums[i]);
+        }
     }
-    for (const std::uint64_t sum : sums) {
-        *value++ = to_double(sum);
-    }
-    sums = {};
-    for (const std::uint32_t core : context.core_indices) {
-        add(sums, cores + std::size_t{core} * counters_per_block);
-    }
-    // Without cores their sums are 0, and so are the means.
-    const double core_count = context.shader_core_count == 0 ? 1 : context.shader_core_count;
-    for (const std::uint64_t sum : sums) {
-        *value++ = to_double(sum) / core_count;
+    if ((classes & class_of(shader_core)) != 0) {
+        block_sums sums{};
+        for (const std::uint32_t core : context.core_indices) {
+            add(sums, sample + (first_core + core) * counters_per_block);
+        }
+        // Without cores their sums are 0, and so are the means.
+        const double core_count = context.shader_core_count == 0 ? 1 : context.shader_core_count;
+        for (std::size_t i = 0; i < sums.size(); ++i) {
+            values_[shader_core + i] = to_double(sums[i]) / core_count;
+        }
     }
 }
 

@@ -21,16 +21,26 @@ namespace qel::vexa::hwc {
 
 class profiler;
 
+// Classes of blocks, with a bit for each.
+using block_classes = std::uint32_t;
+
 // The values of all raw counters in one sample, taken in one pass over its blocks.
 class raw_values {
 public:
     static constexpr std::uint32_t count = 4 * counters_per_block;
+    static constexpr block_classes all_classes = (1U << count / counters_per_block) - 1;
 
-    // The sample must have the profiler's words_read() words.
-    void take(const profiler& context, const std::uint32_t* sample);
+    // The class of the blocks that the counter with this id is read from: none when it is no raw counter.
+    static constexpr block_classes class_of(std::uint32_t id) {
+        return id < count ? 1U << id / counters_per_block : 0;
+    }
+
+    // The values of the counters of these classes. No other block is read, so that a sample may lack what
+    // nothing asks for. Otherwise it must have the profiler's words_read() words.
+    void take(const profiler& context, const std::uint32_t* sample, block_classes classes);
 
     // The counter with this id, whether a table has it or not: a word of the job manager's or the tiler's
-    // block, the sum over the L2 slices, or the mean over the shader cores. The id must be below count.
+    // block, the sum over the L2 slices, or the mean over the shader cores. Its class must have been taken.
     saturating_double operator[](std::uint32_t id) const { return saturating_double::valid(values_[id]); }
 
 private:
@@ -65,16 +75,18 @@ public:
                                                    : saturating_double();
         }
         raw_values scratch;
-        return id < raw_values::count ? values_in(sample, scratch)[id] : saturating_double();
+        return id < raw_values::count ? values_in(sample, scratch, raw_values::class_of(id))[id]
+                                      : saturating_double();
     }
 
-    // The raw counters' values in a sample: those taken already when it is in hand, or else taken into the
-    // scratch.
-    const raw_values& values_in(const std::uint32_t* sample, raw_values& scratch) const {
-        if (sample == in_hand_) {
+    // The values of the raw counters of these classes in a sample: those taken already when it is in hand, or
+    // else taken into the scratch.
+    const raw_values& values_in(const std::uint32_t* sample, raw_values& scratch,
+                                block_classes classes) const {
+        if (sample == in_hand_ && (classes & ~classes_in_hand_) == 0) {
             return values_in_hand_;
         }
-        scratch.take(*this, sample);
+        scratch.take(*this, sample, classes);
         return scratch;
     }
 
@@ -98,20 +110,27 @@ private:
 
     const std::uint32_t* in_hand_ = nullptr;
     raw_values values_in_hand_;
+    block_classes classes_in_hand_ = 0;
     // Which counters the table has, looked up once for all samples.
     std::bitset<raw_values::count> has_raw_counter_;
     bool has_gpu_cycles_;
 };
 
-// While it lives, a sample's blocks have been added up once for all of its rows, and the sample's words must
-// not change. One at a time for a profiler, in the profiler's thread.
+// While it lives, a sample's blocks of these classes have been added up once for all of its rows, and the
+// sample's words must not change. One at a time for a profiler, in the profiler's thread.
 class sample_in_hand {
 public:
-    sample_in_hand(profiler& context, const std::uint32_t* sample) : context_(context) {
-        context.values_in_hand_.take(context, sample);
+    sample_in_hand(profiler& context, const std::uint32_t* sample,
+                   block_classes classes = raw_values::all_classes)
+        : context_(context) {
+        context.values_in_hand_.take(context, sample, classes);
         context.in_hand_ = sample;
+        context.classes_in_hand_ = classes;
     }
-    ~sample_in_hand() { context_.in_hand_ = nullptr; }
+    ~sample_in_hand() {
+        context_.in_hand_ = nullptr;
+        context_.classes_in_hand_ = 0;
+    }
     sample_in_hand(const sample_in_hand&) = delete;
     sample_in_hand& operator=(const sample_in_hand&) = delete;
 

@@ -210,15 +210,20 @@ void vexa_gpu_data_source::threadfn_periodic_counter_poll_loop() const {
         return;
     }
     std::vector<std::uint32_t> selected_ids;
+    hwc::block_classes classes = 0;  // what is read of a sample
     for (const hwc::vexa_counter_descriptor& row : selected_counters) {
         selected_ids.push_back(row.id);
+        classes |= hwc::raw_values::class_of(row.id);
+        for (const std::uint32_t id : row.dependencies) {
+            classes |= hwc::raw_values::class_of(id);
+        }
     }
     sample_packet packet(selected_ids);
     reader->process_buffers_until_interrupted(
-        [&profiler, &selected_counters, &packet](std::uint64_t timestamp, std::uint64_t /*delta*/,
-                                                 std::uint64_t cycles, const std::uint32_t* sample) {
+        [&profiler, &selected_counters, &packet, classes](std::uint64_t timestamp, std::uint64_t /*delta*/,
+                                                          std::uint64_t cycles, const std::uint32_t* sample) {
             profiler.gpu_cycles = cycles;
-            const hwc::sample_in_hand in_hand(profiler, sample);
+            const hwc::sample_in_hand in_hand(profiler, sample, classes);
             for (std::size_t i = 0; i < selected_counters.size(); ++i) {
                 packet.set_value(i, hwc::reported_value(profiler, sample, selected_counters[i]));
             }
