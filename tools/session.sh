@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# What ./demo, tools/endurance and tools/restarts share, to be sourced in the root of the repository with "set -euo pipefail": the
-# build, and a tracing service and a launcher of their own, which end with the script.
+# What ./demo, tools/endurance and tools/restarts share, to be sourced in the root of the repository with
+# "set -euo pipefail": the build, and a tracing service and a launcher of their own, which end with the script.
 
 readonly me=${0##*/}
 # The service and the tools always run natively.
