@@ -100,45 +100,15 @@ TEST(DeviceNode, RequestsHaveAnOrder) {
     }
 }
 
-TEST(DeviceNode, EveryCallSeesItInTime) {
-    int (*const askers[])(const char* path, unsigned& mode) = {
-        [](const char* path, unsigned& mode) {
-            struct ::stat status {};
-            const int result = ::stat(path, &status);
-            mode = status.st_mode;
-            return result;
-        },
-        [](const char* path, unsigned& mode) {
-            struct ::stat64 status {};
-            const int result = ::fstatat64(AT_FDCWD, path, &status, 0);
-            mode = status.st_mode;
-            return result;
-        },
-#ifndef __ANDROID__  // where it came later than what this is built for
-        [](const char* path, unsigned& mode) {
-            struct ::statx status {};
-            const int result = ::statx(-1, path, 0, STATX_TYPE, &status);
-            mode = status.stx_mode;
-            return result;
-        }
-#endif
-    };
+TEST(DeviceNode, CanComeLate) {
     const auto begin = std::chrono::steady_clock::now();
     machine::add_node_later(0, {}, std::chrono::milliseconds(50));
-    machine::add_file(1, testing::TempDir());
-    machine::add_file(2, testing::TempDir() + "virtual_gpu_nowhere");
-    unsigned mode = 0;
-    EXPECT_LT(askers[0](node_path, mode), 0);
-    while (askers[0](node_path, mode) < 0) {
+    struct ::stat status {};
+    while (::stat(node_path, &status) < 0) {
         ::usleep(1000);
     }
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50));
-    for (const auto asker : askers) {
-        EXPECT_TRUE(asker(node_path, mode) == 0 && S_ISCHR(mode));
-        EXPECT_TRUE(asker("/dev/vexa1", mode) == 0 && S_ISDIR(mode));
-        EXPECT_LT(asker("/dev/vexa2", mode), 0);
-        EXPECT_LT(asker("/dev/vexa3", mode), 0);
-    }
+    EXPECT_TRUE(S_ISCHR(status.st_mode));
 }
 
 }  // namespace
