@@ -20,7 +20,6 @@
 #include "cdbg/src/vexa_cdbg_env.h"
 #include "cdbg/src/vexa_cdbg_failure.h"
 #include "cdbg/src/vexa_cdbg_print.h"
-#include "osu/platform_dummy/vexa_osu_private.h"
 #include "tests/robustness/session.h"
 #include "tests/support/apart.h"
 #include "tests/support/failing_calls.h"
@@ -33,17 +32,8 @@ using namespace robustness;    // NOLINT(google-build-using-namespace)
 using qel::vexa::virtual_gpu::request_kind;
 
 // The kinds of call that are made to fail here, beside those of the virtual GPU and of failing_calls.
-enum own_call {
-    call_eventfd,
-    call_fopen,
-    call_fread,
-    call_fgets,
-    call_atfork,
-    call_key,
-    call_log,
-    call_thread
-};
-std::atomic<int> countdowns[call_thread + 1];  // the call that reaches 0 fails
+enum own_call { call_eventfd, call_fopen, call_fread, call_fgets, call_atfork, call_log };
+std::atomic<int> countdowns[call_log + 1];  // the call that reaches 0 fails
 
 bool fails(own_call call) {
     return countdowns[call] > 0 && --countdowns[call] == 0;
@@ -109,11 +99,6 @@ int __wrap_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)()) 
     return fails(call_atfork) ? ENOMEM : __real_pthread_atfork(prepare, parent, child);
 }
 
-decltype(pthread_key_create) __real_pthread_key_create;
-int __wrap_pthread_key_create(pthread_key_t* key, void (*destructor)(void*)) {
-    return fails(call_key) ? EAGAIN : __real_pthread_key_create(key, destructor);
-}
-
 int __real___android_log_write(int priority, const char* tag, const char* text);
 int __wrap___android_log_write(int priority, const char* tag, const char* text) {
     return fails(call_log) ? -EPIPE : __real___android_log_write(priority, tag, text);
@@ -135,9 +120,6 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
     static auto* const next = reinterpret_cast<function*>(::dlsym(RTLD_NEXT, "pthread_create"));
     if (is_in_driver) {
         return next(thread, attributes, body, argument);
-    }
-    if (fails(call_thread)) {
-        return EAGAIN;
     }
     static void* (*watched)(void*) = nullptr;  // one at a time
     watched = body;
@@ -324,31 +306,6 @@ TEST_F(FailureSweep, EveryCallOfASession) {
     }
     std::printf("%u failures were injected\n", injected);
     RecordProperty("injected", static_cast<int>(injected));
-}
-
-// What can't go on without ends the process, with these last words.
-TEST_F(FailureSweep, CallsThatEndTheProcess) {
-    const testing::KilledBySignal aborted(SIGABRT);
-    EXPECT_EXIT(
-        {
-            countdowns[call_thread] = 1;
-            run_session();
-        },
-        aborted, "thread constructor failed");
-    EXPECT_EXIT(
-        {
-            countdowns[call_key] = 1;
-            osup_startup();
-        },
-        aborted, "Failed to setup TLS generic key\n");
-    for (int n = 1; n <= OSUP_STATIC_MUTEX_COUNT; ++n) {
-        EXPECT_EXIT(
-            {
-                calls.failing_mutex_init = n;
-                osup_startup();
-            },
-            aborted, "Failed to init static mutexes\n");
-    }
 }
 
 }  // namespace

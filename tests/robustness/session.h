@@ -36,8 +36,6 @@ public:
     session(const session&) = delete;
     session& operator=(const session&) = delete;
 
-    bool is_running() const { return source_.poll_thread.joinable(); }
-
 private:
     test_support::driven_data_source source_;
 };
