@@ -15,14 +15,11 @@
 #include "cdbg/env.h"
 #include "tests/robustness/session.h"
 #include "tests/support/apart.h"
-#include "tests/support/tracing_service.h"
-#include "workstation/report/trace_file.h"
 
 namespace {
 
 using namespace test_support;  // NOLINT(google-build-using-namespace)
 using namespace robustness;    // NOLINT(google-build-using-namespace)
-namespace report = qel::vexa::report;
 using qel::vexa::virtual_gpu::gpu_description;
 using qel::vexa::virtual_gpu::open_counts;
 
@@ -196,36 +193,6 @@ TEST_F(Hostile, HostThatForks) {
         EXPECT_TRUE(comes_to(timestamps().size() + 3));
     }
     expect_every_sample();
-}
-
-// The packet that describes the counters is larger than the whole buffer of the session: it is missing, and
-// nobody is harmed.
-TEST(HostileService, BufferTooSmallForTheFirstPacket) {
-    const tracing_service service;
-    const std::string output = service.folder.file("output");
-    process launcher(launcher_setup("", output, service.environment()));
-    std::vector<std::uint32_t> ids;
-    ASSERT_TRUE(eventually([&] {
-        for (const auto& counter : report::read_offered_counters(service.query())) {
-            ids.push_back(counter.id);
-        }
-        return !ids.empty();
-    }));
-    for (const unsigned size_kb : {4U, 16384U}) {
-        const auto sequences = report::read_counters(
-            service.record("buffers { size_kb: " + std::to_string(size_kb) + " } duration_ms: 1000" +
-                           data_source_config(ids, "counter_period_ns: 5000000")));
-        ASSERT_TRUE(sequences);
-        bool is_described = false, has_samples = false;
-        for (const auto& [number, sequence] : *sequences) {
-            is_described = is_described || sequence.counters.size() == ids.size();
-            has_samples = has_samples || !sequence.samples.empty();
-        }
-        EXPECT_EQ(is_described, size_kb > 4);
-        EXPECT_TRUE(has_samples || size_kb == 4);
-        EXPECT_TRUE(launcher.is_running());
-    }
-    EXPECT_EQ(read_file(output), "");
 }
 
 }  // namespace
