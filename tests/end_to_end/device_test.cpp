@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <optional>
-#include <regex>
 #include <set>
 
 #include "tests/end_to_end/formula_values.h"
@@ -201,59 +200,6 @@ TEST(Device, OffersItsCountersToTheNextServiceToo) {
     gpu.service.restart();
     EXPECT_TRUE(gpu.is_offered());
     EXPECT_TRUE(gpu.launcher.is_running());
-}
-
-TEST(Device, TraceOfALauncherThatIsKilledStaysReadable) {
-    device gpu;
-    const auto sequence =
-        only_sequence(gpu.service.record_until(config_of(gpu.all_ids()), [&gpu](const std::string& trace) {
-            if (!has_grown_to(1'000'000)(trace)) {
-                return false;
-            }
-            gpu.launcher.kill();
-            return true;
-        }));
-    EXPECT_GT(sequence.samples.size(), 100U);
-    gpu.expect_exact(sequence, gpu.all_ids());
-}
-
-// The GPUs that detection knows and the driver interface does not accept, in one session: they are described,
-// and say why they have no samples.
-TEST(Device, OtherProductsAreDescribedRefusedAndSilent) {
-    const std::string gpus[] = {"0x6000", "0x6001", "0x7000", "0x7001", "0x7002", "0x7003", "0x9000",
-                                "0x9001", "0x9003", "0xa002", "0xa003", "0xa004", "0xa007", "0x9002"};
-    const tracing_service service;
-    std::vector<std::unique_ptr<process>> launchers;
-    const auto output_of = [&service](const std::string& gpu) { return service.folder.file(gpu); };
-    for (const std::string& gpu : gpus) {
-        launchers.push_back(std::make_unique<process>(test_support::launcher_setup(
-            "status=16,revision=2.1,id=" + gpu, output_of(gpu), service.environment())));
-    }
-    const std::regex offer("gpu\\.counters");
-    ASSERT_TRUE(eventually([&] {
-        const std::string state = service.query();
-        return std::distance(std::sregex_iterator(state.begin(), state.end(), offer), {}) == std::ssize(gpus);
-    }));
-    const auto sequences = report::read_counters(
-        service.record("data_source_stop_timeout_ms: 100 " + test_support::session_config({5, 65535}, 500)));
-    ASSERT_TRUE(sequences);
-    EXPECT_TRUE(sequences->empty());
-    const std::regex log_header("(^|\n)(vexa(?:_gpu_data_source)? E) [-0-9:. ]*");
-    for (const std::string& gpu : gpus) {
-        EXPECT_TRUE(eventually([&output_of, &gpu] {
-            return read_file(output_of(gpu)).find("because OnSetup failed") != std::string::npos;
-        }));
-        std::string lines = std::regex_replace(read_file(output_of(gpu)), log_header, "$1$2: ");
-        lines = std::regex_replace(lines, std::regex("\n+"), "\n");
-        const std::string refusal =
-            "ERROR: The DDK (built for 0x90020000 r0p0 status range [0..15]) is not compatible with this "
-            "Vexa GPU device, /dev/vexa0 detected as " +
-            gpu + " r2p1 status 16.\n";
-        const std::string stage = "Failed creating base context during DDK compatibility check.\n";
-        EXPECT_EQ(lines, refusal + "vexa E: " + refusal + stage + "vexa E: " + stage +
-                             "vexa_gpu_data_source E: Failed to initialize HWC reader\n"
-                             "vexa_gpu_data_source E: Couldn't start because OnSetup failed\n");
-    }
 }
 
 }  // namespace
