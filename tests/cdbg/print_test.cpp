@@ -140,25 +140,6 @@ TEST(start_up, each_failure_is_reported_undone_and_tried_again) {
     EXPECT_EQ(reports.size(), start_up_mutexes + 1U);
 }
 
-TEST(start_up, no_memory_at_any_point_leaves_nothing_behind) {
-#ifdef __ANDROID__
-    GTEST_SKIP() << "the C++ library is in the program there, and its memory would fail as well";
-#endif
-    std::string error;
-    for (int failing = 1; error != "all given\n"; ++failing) {
-        ASSERT_LT(failing, 100);
-        error = run_apart([failing] {
-                    const int mutexes = calls.mutexes, blocks = calls.blocks;
-                    calls.failing_malloc = failing;
-                    EXPECT_TRUE(cdbgp_init() == CDBGP_SUCCESS ||
-                                (calls.mutexes == mutexes && calls.blocks == blocks));
-                    const bool given = std::exchange(calls.failing_malloc, 0) != 0;
-                    cdbg_print_to_error_channel(given ? "all given" : "at last");
-                }).error;
-        EXPECT_TRUE(error == "at last\n" || error == "all given\n") << error;
-    }
-}
-
 TEST(start_up, a_print_by_an_initialiser_is_dropped_and_a_quit_is_silent) {
     const outcome dropped = run_apart([] {
         calls.in_mutex_init = [] {
