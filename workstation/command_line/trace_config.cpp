@@ -4,8 +4,9 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
-#include <regex>
+#include <string_view>
 
 #include "workstation/command_line/options.h"
 #include "workstation/command_line/program.h"
@@ -107,13 +108,34 @@ std::string trace_config(const gpu& of, const std::vector<counter>& counters, co
 }
 
 std::map<std::uint32_t, std::string> counters_in_config(const std::string& text) {
-    static const std::regex id("\\bcounter_ids\\s*:\\s*(0[xX][0-9a-fA-F]+|[0-9]+)[ \t]*(?:#[ \t]*([^\n]*))?");
+    static constexpr std::string_view field = "counter_ids", blanks = " \t\r\n";
+    // A place behind the text is one of no characters.
+    const auto skip = [&text](std::string_view characters, std::size_t from) {
+        return std::min(text.find_first_not_of(characters, from), text.size());
+    };
     std::map<std::uint32_t, std::string> result;
-    for (std::sregex_iterator match(text.begin(), text.end(), id), end; match != end; ++match) {
-        if (const auto number = parse_number((*match)[1].str(), UINT32_MAX)) {
-            std::string name = (*match)[2];
+    for (std::size_t at = text.find(field); at != std::string::npos; at = text.find(field, at)) {
+        const bool within_word =
+            at > 0 && (std::isalnum(static_cast<unsigned char>(text[at - 1])) != 0 || text[at - 1] == '_');
+        at = skip(blanks, at + field.size());
+        if (within_word || text.substr(at, 1) != ":") {
+            continue;
+        }
+        at = skip(blanks, at + 1);
+        const std::size_t end = skip("0123456789abcdefABCDEFxX", at);
+        const auto number = parse_number(text.substr(at, end - at), UINT32_MAX);
+        at = skip(" \t", end);
+        if (!number) {
+            continue;
+        }
+        std::string& name = result[static_cast<std::uint32_t>(*number)];
+        if (text.substr(at, 1) == "#") {
+            const std::size_t begin = skip(" \t", at + 1);
+            at = std::min(text.find('\n', at), text.size());
+            name = begin < at ? text.substr(begin, at - begin) : "";
             name.erase(name.find_last_not_of(" \t\r") + 1);
-            result[static_cast<std::uint32_t>(*number)] = name;
+        } else {
+            name.clear();
         }
     }
     return result;
