@@ -11,7 +11,6 @@
 #include "tests/end_to_end/formula_values.h"
 #include "tests/support/tracing_service.h"
 #include "virtual_gpu/configuration.h"
-#include "virtual_gpu/counter_reader.h"
 
 namespace {
 
@@ -47,26 +46,13 @@ public:
 
     void expect_exact(const report::counter_sequence& sequence, const std::vector<std::uint32_t>& ids,
                       unsigned period_ms = 1) const {
-        test_support::expect_formula_values(sequence, ids, *product_, description_, period_ms * 1'000'000ULL,
-                                            cycles_of(description_));
+        test_support::expect_formula_values(sequence, ids, *product_, description_, period_ms * 1'000'000ULL);
     }
 
 private:
     static virtual_gpu::gpu_description describe(const std::string& gpu) {
         std::string error;
         return virtual_gpu::parse_configuration(gpu, error).value().machine.nodes.front().gpu;
-    }
-
-    // What a session has of a sample's cycles: no cycle count that is no feature is touched, unless there is
-    // none at all.
-    static std::uint64_t (*cycles_of(const virtual_gpu::gpu_description& gpu))(std::uint64_t) {
-        if (gpu.is_legacy || gpu.reader_features == 0) {
-            return [](std::uint64_t) -> std::uint64_t { return 0; };
-        }
-        if (gpu.reader_features == virtual_gpu::feature_shader_cycles) {
-            return [](std::uint64_t) { return virtual_gpu::unfilled_cycles; };
-        }
-        return virtual_gpu::formula_cycles;
     }
 
     const virtual_gpu::gpu_description description_;
@@ -109,13 +95,11 @@ TEST(Device, EveryValueOfEveryRowArrives) {
         unsigned bytes;
     } cases[] = {
         {"id=0x9002,cores=0x3ff,l2=4", 6'000'000},
-        {"id=0x9004,cores=0x1,l2=1,features=0", 1'000'000},
         {"id=0x9002,cores=0xb,l2=2,features=1,status=15,revision=3.7", 1'000'000},
-        {"id=0x9004,cores=0x80000001,l2=3,features=2,status=16", 1'000'000},
-        {"id=0x9d52,groups=0x3:0xf0,l2=5,features=3,version=11.40", 1'000'000},
-        {"id=0x9004,cores=0xaaaa,l2=6,legacy=1,version=11.28", 1'000'000},
+        {"id=0x9004,cores=0x80000001,l2=3,status=16", 1'000'000},
+        {"id=0x9d52,groups=0x3:0xf0,l2=5,version=11.40", 1'000'000},
         {"id=0x9002,cores=0xfffffff7,l2=7,bus=32", 1'000'000},
-        {"id=0x9004,cores=0x5,l2=8,bus=8,features=1", 1'000'000},
+        {"id=0x9004,cores=0x1,l2=8,bus=8,version=11.28", 1'000'000},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.gpu);

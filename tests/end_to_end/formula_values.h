@@ -18,11 +18,11 @@ namespace test_support {
 // Expects these counters, and the samples from number 1 on, which the times tell, without one missing: number
 // 0 only sets the time base. Their values are those of the evaluators on the same words, within the limits
 // that a session keeps.
-inline void expect_formula_values(
-    const qel::vexa::report::counter_sequence& sequence, const std::vector<std::uint32_t>& ids,
-    const qel::vexa::hwc::product& product, const qel::vexa::virtual_gpu::gpu_description& gpu,
-    std::uint64_t period_ns,
-    std::uint64_t (*cycles)(std::uint64_t) = qel::vexa::virtual_gpu::formula_cycles) {
+inline void expect_formula_values(const qel::vexa::report::counter_sequence& sequence,
+                                  const std::vector<std::uint32_t>& ids,
+                                  const qel::vexa::hwc::product& product,
+                                  const qel::vexa::virtual_gpu::gpu_description& gpu,
+                                  std::uint64_t period_ns) {
     using namespace qel::vexa;  // NOLINT(google-build-using-namespace)
     const auto are_of_these_ids = [&ids](const auto& things) {
         return std::equal(things.begin(), things.end(), ids.begin(), ids.end(),
@@ -39,7 +39,7 @@ inline void expect_formula_values(
         for (std::size_t w = 0; w < words.size(); ++w) {
             words[w] = virtual_gpu::formula_word(number, w / 64, w % 64);
         }
-        profiler.gpu_cycles = cycles(number);
+        profiler.gpu_cycles = virtual_gpu::formula_cycles(number);
         for (const report::counter_value& value : sample.values) {
             const hwc::vexa_counter_descriptor& row = *product.counters->find(value.id);
             double expected = profiler.get_value_for_counter(words.data(), row).value();
