@@ -184,21 +184,6 @@ TEST_F(DataSource, SetupOrStartThatFails) {
     }
 }
 
-TEST_F(DataSource, ReportsNameTheirPlace) {
-    std::vector<std::string> places;
-    const logging::callback before = logging::exchange_callback(
-        [&places](const stx::source_location& place, logging::priority, logging::tag, std::string_view) {
-            places.push_back(place.file + std::string(" ") + place.function);
-        });
-    machine::fail(virtual_gpu::request_kind::reader_setup, EIO);
-    data_source source;
-    source.set_up("", nullptr);
-    source.begin();
-    logging::exchange_callback(before);
-    EXPECT_EQ(places, (std::vector<std::string>{"counterfeed/src/vexa_gpu_data_source OnSetup",
-                                                "counterfeed/src/vexa_gpu_data_source OnStart"}));
-}
-
 // The thread ends by itself at each of the places where it can. The session stays as it is until it is
 // stopped.
 TEST_F(DataSource, ThreadThatEndsEarly) {
