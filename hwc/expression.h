@@ -187,8 +187,13 @@ saturating_double evaluate(const profiler& context, const std::uint32_t* sample)
         }
         return found;
     }();
-    raw_values scratch;
-    return resolved.evaluate(context, classes != 0 ? context.values_in(sample, scratch, classes) : scratch);
+    if constexpr (classes == 0) {
+        static constexpr raw_values none{};
+        return resolved.evaluate(context, none);
+    } else {
+        raw_values scratch;
+        return resolved.evaluate(context, context.values_in(sample, scratch, classes));
+    }
 }
 
 }  // namespace qel::vexa::hwc
