@@ -210,6 +210,7 @@ void vexa_gpu_data_source::threadfn_periodic_counter_poll_loop() const {
         return;
     }
     std::vector<std::uint32_t> selected_ids;
+    selected_ids.reserve(selected_counters.size());
     hwc::block_classes classes = 0;  // what is read of a sample
     for (const hwc::vexa_counter_descriptor& row : selected_counters) {
         selected_ids.push_back(row.id);

@@ -184,7 +184,7 @@ std::string options::table::for_zsh(const std::string& program) const {
             names.insert(names.begin(), "-" + each->get_snames().front());
         }
         for (const std::string& name : names) {
-            result += fmt::format(" \\\n    {}", quoted("*" + name + "[" + text + "]" + value));
+            result += fmt::format(" \\\n    {}", quoted(fmt::format("*{}[{}]{}", name, text, value)));
         }
     }
     return result + " \\\n    '*:argument:_files'\n";
@@ -312,7 +312,7 @@ std::vector<std::string> options::parse(int argument_count, char** arguments, in
         std::fputs(text.c_str(), stdout);
         finish(status_when_lost);
     }
-    const std::vector<std::string> rest = app.remaining();
+    std::vector<std::string> rest = app.remaining();
     for (const std::string& each : rest) {
         if (each.size() > 1 && each.front() == '-') {
             fail_usage("unknown option " + each);

@@ -67,6 +67,7 @@ void take(channel& from, std::string& text) {
         ::setenv(each.substr(0, sign).c_str(), each.c_str() + sign + 1, 1);
     }
     std::vector<char*> words;
+    words.reserve(command.size() + 1);
     for (const std::string& word : command) {
         words.push_back(const_cast<char*>(word.c_str()));
     }

@@ -133,7 +133,7 @@ std::string make_config(const request& asked, const gpu& of) {
             asked.preset.empty() ? counters_named(of, asked.names) : preset_counters(of, asked.preset);
         return trace_config(of, counters, asked.timing);
     }
-    const std::string config = file_argument(asked.config);
+    std::string config = file_argument(asked.config);
     if (counters_in_config(config).empty()) {
         fail(exit_failure, asked.config + " names no counter_ids");
     }

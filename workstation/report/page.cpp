@@ -87,9 +87,9 @@ void write_series(std::ostream& out, const counter_series& series, const sequenc
     out << "{\"id\":" << counter.id << ",\"name\":" << json_text(counter.name)
         << ",\"description\":" << json_text(counter.description) << ",\"unit\":" << json_text(counter.unit())
         << ",\"block\":" << json_text(series.block)
-        << ",\"selected\":" << (counter.select_by_default ? "true" : "false") << ",\"kind\":\""
-        << kind_name(series.kind) << "\",\"weighting\":\"" << weighting_name(series.weighed)
-        << "\",\"count\":" << series.total.count;
+        << ",\"selected\":" << (counter.select_by_default ? "true" : "false") << R"(,"kind":")"
+        << kind_name(series.kind) << R"(","weighting":")" << weighting_name(series.weighed) << R"(","count":)"
+        << series.total.count;
     if (const auto figures = figures_of(summary, series, amount_form::per_sample)) {
         out << ",\"value\":" << exact_number(figures->value) << ",\"p50\":" << exact_number(figures->p50)
             << ",\"p95\":" << exact_number(figures->p95) << ",\"p99\":" << exact_number(figures->p99);
@@ -135,7 +135,7 @@ void write_frames(std::ostream& out, const std::vector<frame>& frames, std::uint
                 (one.expected_end == 0 ? "0" : seconds(one.expected_end)) + ',' + std::to_string(place) +
                 ',' + std::to_string(one.jank) + (one.is_dropped ? ",1]" : ",0]");
     }
-    out << ",\"frames\":{\"layers\":[";
+    out << R"(,"frames":{"layers":[)";
     for (std::size_t i = 0; i < layers.size(); ++i) {
         out << (i == 0 ? "" : ",") << json_text(layers[i]);
     }
@@ -145,12 +145,12 @@ void write_frames(std::ostream& out, const std::vector<frame>& frames, std::uint
 void write_data(std::ostream& out, const page_source& source) {
     const std::uint64_t origin = page_origin(source.sequences);
     out << "{\"file\":" << json_text(source.file) << ",\"size\":" << source.file_size
-        << ",\"origin\":" << json_text(std::to_string(origin)) << ",\"amounts\":\""
-        << amount_form_names[static_cast<std::size_t>(source.amounts)] << "\",\"problems\":[";
+        << ",\"origin\":" << json_text(std::to_string(origin)) << R"(,"amounts":")"
+        << amount_form_names[static_cast<std::size_t>(source.amounts)] << R"(","problems":[)";
     for (std::size_t i = 0; i < source.problems.size(); ++i) {
         out << (i == 0 ? "" : ",") << json_text(source.problems[i]);
     }
-    out << "],\"levels\":{\"packed\":" << (page_levels::are_packed ? "true" : "false")
+    out << R"(],"levels":{"packed":)" << (page_levels::are_packed ? "true" : "false")
         << ",\"steps\":" << page_levels::steps_per_step << ",\"samplesInRun\":" << page_levels::run_of_samples
         << ",\"stepsInRun\":" << page_levels::run_of_steps << "},\"sequences\":[";
     bool is_first = true;

@@ -86,7 +86,7 @@ std::vector<std::string> requested_counters::missing() const {
     }
     for (const std::string& name : names_) {
         if (!described_names_.contains(name)) {
-            result.push_back("the counter \"" + name + "\"" + end);
+            result.push_back(std::string("the counter \"").append(name).append("\"").append(end));
         }
     }
     return result;
