@@ -128,7 +128,7 @@ page_levels::page_levels(const std::map<counter_source, sequence_summary>& seque
     }
     std::stable_sort(candidates.begin(), candidates.end(), [](const candidate& left, const candidate& right) {
         return left.text.level != right.text.level ? left.text.level > right.text.level
-                                                   : left.is_selected > right.is_selected;
+                                                   : left.is_selected && !right.is_selected;
     });
     for (const candidate& each : candidates) {
         victims_.push_back(each.text);
@@ -306,7 +306,8 @@ void page_levels::write(std::ostream& out) const {
         if (lines.empty()) {
             return;
         }
-        out << "<script type=\"text/plain\" id=\"level-" << sequence << '-' << what << '-' << level << "\">";
+        out << R"(<script type="text/plain" id="level-)" << sequence << '-' << what << '-' << level
+            << R"(">)";
         for (const std::string& line : lines) {
             out << line;
         }

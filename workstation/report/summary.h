@@ -82,6 +82,8 @@ struct counter_source {
     std::uint32_t sequence = 0;
     std::uint32_t gpu = 0;
 
+    // The check takes the 0 that orders are compared with for a pointer.
+    // NOLINTNEXTLINE(modernize-use-nullptr)
     auto operator<=>(const counter_source&) const = default;
 };
 

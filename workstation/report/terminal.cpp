@@ -30,7 +30,7 @@ std::size_t display_width(std::string_view text) {
         text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0U) != 0x80; }));
 }
 
-std::string padded(std::string text, std::size_t width) {
+std::string padded(const std::string& text, std::size_t width) {
     const std::size_t shown = display_width(text);
     return shown < width ? text + std::string(width - shown, ' ') : text;
 }
