@@ -8,10 +8,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <tuple>
 
 #include "hwc/derived_row.h"
 #include "hwc/operands.h"
+#include "hwc/row_list.h"
 #include "hwc/shader_core_rows.h"
 #include "hwc/table_set.h"
 
@@ -45,7 +45,7 @@ inline constexpr auto varying_cycles = VARY_SLOT_16 + VARY_SLOT_32;
 // external read latency 384+ cycles"; the two primitive cull rates that subtract from the total instead of
 // adding up a shorter sum; quads and not passes below the trilinear texture rate; the blend shader count that
 // is added to itself; the texture unit's two utilizations that are the same.
-inline constexpr std::tuple derived_rows{
+inline constexpr row_list derived_rows{
     row("GPU utilization", unit_percent, selection::off,
         "This counter defines the percentage of powered clock cycles in which the GPU has work in any of its "
         "queues: \"GPU active cycles\" out of \"GPU cycles\", or out of itself where it is the larger of the "
@@ -639,7 +639,7 @@ inline constexpr std::tuple derived_rows{
 using expressions::derived_rows;
 
 inline constexpr auto tables_of_derived_rows =
-    std::apply([](const auto&... rows) { return std::array{rows.tables()...}; }, derived_rows);
+    derived_rows.apply([](const auto&... rows) { return std::array{rows.tables()...}; });
 
 // The id of a row in a table that has it. With the number of all rows: the id behind the table's last.
 constexpr std::uint32_t derived_id(unsigned table, std::size_t row_index) {

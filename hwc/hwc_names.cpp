@@ -63,7 +63,7 @@ static_assert(hardware_names_are_unique({job_manager_rows, tiler_rows, memory_sy
 // A row of the derived list, and one of its variants, by their places.
 template <std::size_t row_index>
 constexpr const auto& derived_row_at() {
-    return std::get<row_index>(derived_rows);
+    return derived_rows.at<row_index>();
 }
 template <std::size_t row_index, std::size_t variant_index>
 constexpr const auto& variant_at() {
