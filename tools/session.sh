@@ -44,8 +44,8 @@ build_all() {
     tools/setup "${variants[@]}"
     echo "Building the library, the launcher and the virtual GPU ..."
     mkdir -p out
-    if ! { build release --target report counters && build "$1" --target counterfeed launcher virtual_gpu_preload; } \
-            >"$log" 2>&1; then
+    if ! { build release --target report counters virtual_gpu_frames &&
+        build "$1" --target counterfeed launcher virtual_gpu_preload; } >"$log" 2>&1; then
         tail -n 20 "$log" >&2
         echo "$me: the build failed; the whole log is $log" >&2
         exit 1

@@ -11,6 +11,7 @@
 #include "hwc/shader_core_rows.h"
 #include "hwc/tiler_rows.h"
 #include "virtual_gpu/known_gpus.h"
+#include "virtual_gpu/scene.h"
 
 namespace qel::vexa::virtual_gpu {
 
@@ -319,16 +320,12 @@ std::vector<workload_source::counter> resolve(std::span<const hwc::raw_row> rows
     return result;
 }
 
-constexpr std::uint64_t frame_ns = 16'666'667;
 constexpr std::uint64_t tasks_per_frame = 2040;  // areas of 32x32 pixels in a picture of 1920x1080
 constexpr std::uint64_t tiles_per_task = 4;
 constexpr std::uint64_t quads_per_tile = 160;  // two and a half layers of 64
 constexpr std::uint64_t line_bytes = 64;
 
-struct phase {
-    std::uint64_t begin;
-    std::uint64_t end;
-
+struct phase : time_span {
     constexpr std::uint64_t overlap(const sample_interval& interval) const {
         const std::uint64_t from = std::max(begin, interval.begin);
         const std::uint64_t to = std::min(end, interval.end);
@@ -349,25 +346,18 @@ struct phase {
     }
 };
 
-// A frame's place on the time line and how heavy it is, in per mille: the scene swings over ten seconds, and
-// every frame has its own moods.
-std::uint64_t load_of(std::uint64_t frame) {
-    constexpr std::uint64_t swing = 300;
-    const std::uint64_t position = frame % (2 * swing);
-    return 500 + std::min(position, 2 * swing - position) + scatter(frame) % 200;
-}
-
 // What happened on the GPU as a whole, its cycles still in nanoseconds.
 quantities frames_in(const sample_interval& interval) {
     quantities sum{};
-    for (std::uint64_t frame = interval.begin / frame_ns; frame * frame_ns < interval.end; ++frame) {
-        const std::uint64_t load = load_of(frame);
-        const std::uint64_t begin = frame * frame_ns + 500'000;
-        const phase first{.begin = begin, .end = begin + load * 3'200};
-        const phase second{.begin = begin + load * 2'400, .end = begin + load * 12'400};
+    for (std::uint64_t frame = interval.begin / scene_frame::period;
+         frame * scene_frame::period < interval.end; ++frame) {
+        const scene_frame drawn(frame);
+        const std::uint64_t load = drawn.load;
+        const phase first{drawn.geometry};
+        const phase second{drawn.fragment};
         sum[geometry] += first.overlap(interval);
         sum[fragment] += second.overlap(interval);
-        sum[active] += phase{.begin = first.begin, .end = second.end}.overlap(interval);
+        sum[active] += phase{{.begin = first.begin, .end = second.end}}.overlap(interval);
         sum[geometry_jobs] += first.finished(interval);
         sum[fragment_jobs] += second.finished(interval);
         sum[geometry_tasks] += first.part(load, interval);
@@ -425,7 +415,7 @@ std::uint64_t workload_source::count(const sample_interval& interval, std::span<
         gpu[busy_time] = cycles(gpu[busy_time]);
     }
     // What caches keep and shaders do differs a little from frame to frame.
-    const std::uint64_t mood = scatter(interval.begin / frame_ns);
+    const std::uint64_t mood = scatter(interval.begin / scene_frame::period);
     std::fill(words.begin(), words.end(), 0);
     write(0, hwc::block::job_manager, gpu);
     write(1, hwc::block::tiler, gpu);
