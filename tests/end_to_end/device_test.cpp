@@ -4,13 +4,16 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
 #include <set>
+#include <sstream>
 
 #include "tests/end_to_end/formula_values.h"
 #include "tests/support/tracing_service.h"
 #include "virtual_gpu/configuration.h"
+#include "workstation/report/frames.h"
 
 namespace {
 
@@ -166,6 +169,74 @@ TEST(Device, EightSessionsAtATime) {
         EXPECT_TRUE(is_whole) << i;
         EXPECT_EQ(counters.size(), session_count);
     }
+}
+
+// Frames and samples of a session, as the report reads them.
+struct frames_and_samples : report::trace_listener {
+    report::frame_timeline timeline;
+    std::vector<report::counter_sample> samples;
+
+    void on_counters(std::uint32_t /*sequence*/,
+                     const std::vector<report::counter_description>& /*counters*/) override {}
+    void on_sample(std::uint32_t /*sequence*/, const report::counter_sample& sample) override {
+        samples.push_back(sample);
+    }
+    void on_clocks(std::string_view snapshot) override { timeline.on_clocks(snapshot); }
+    void on_frame_event(std::uint64_t time, std::uint32_t clock, std::string_view event) override {
+        timeline.on_event(time, clock, event);
+    }
+};
+
+// The GPU works from half a millisecond after an application's frame begins until the frame ends, whatever
+// clocks these are told on, and it rests until the next one.
+TEST(Device, FramesAreTheOnesThatTheCountersSee) {
+    const tracing_service service;
+    const process launcher(test_support::launcher_setup(
+        "id=0x9002,source=workload,loses=0", service.folder.file("output"), service.environment()));
+    const process frames({.command = {COUNTERFEED_FRAMES},
+                          .environment = service.environment(),
+                          .preload = {},
+                          .output = {},
+                          .of_this_build = true});
+    std::uint32_t gpu_active = 0;
+    ASSERT_TRUE(eventually([&] {
+        const std::string state = service.query();
+        for (const auto& counter : report::read_offered_counters(state)) {
+            gpu_active = counter.name == "GPU active cycles" ? counter.id : gpu_active;
+        }
+        return gpu_active != 0 && state.find("frametimeline") != std::string::npos;
+    }));
+    std::istringstream trace(service.record_until(
+        config_of({gpu_active}) +
+            " data_sources { config { name: \"android.surfaceflinger.frametimeline\" } }",
+        has_grown_to(100'000)));
+    frames_and_samples read;
+    report::read_trace(trace, read);
+    std::vector<report::frame> list = read.timeline.finish();
+    std::erase_if(list, [](const report::frame& each) { return each.layer.empty(); });
+    ASSERT_GT(list.size(), 20U);
+    constexpr std::uint64_t period = 1'000'000, preparation = 500'000, inaccuracy = 200'000;
+    double most = 0;  // of a sample in which it never rested
+    for (const report::counter_sample& sample : read.samples) {
+        most = std::max(most, sample.values.at(0).value);
+    }
+    std::size_t busy = 0, idle = 0;
+    for (std::size_t i = 0; i + 1 < list.size(); ++i) {
+        EXPECT_EQ(list[i].jank == 64, list[i].end > list[i].expected_end);
+        for (const report::counter_sample& sample : read.samples) {
+            const std::uint64_t begin = sample.timestamp - period + inaccuracy;
+            const std::uint64_t end = sample.timestamp - inaccuracy;
+            if (begin >= list[i].start + preparation && end <= list[i].end) {
+                ++busy;
+                EXPECT_GT(sample.values.at(0).value, most / 2);
+            } else if (begin >= list[i].end && end <= list[i + 1].start + preparation) {
+                ++idle;
+                EXPECT_LT(sample.values.at(0).value, most / 2);
+            }
+        }
+    }
+    EXPECT_GT(busy, 100U);
+    EXPECT_GT(idle, 40U);
 }
 
 TEST(Device, OffersItsCountersToTheNextServiceToo) {
