@@ -178,11 +178,17 @@ int log_call(request_kind kind, unsigned instance, int result, std::uint64_t val
         {.kind = kind, .instance = instance, .number = 0, .argument = {}, .value = value, .result = result});
 }
 
+// Whether there is a chance that the descriptor is a node's or a reader's. Calls for other files are let
+// through without a lock. The thread sanitizer's reports open, map and close some, and wait for ever if they
+// meet a second thing to report.
+bool is_marked(int descriptor) {
+    return open_descriptors != 0 && ::fcntl(descriptor, F_GETSIG) == mark;
+}
+
 // The open node or reader behind a descriptor, or null.
 open_file* find(int descriptor) {
     const auto entry = state().descriptors.find(descriptor);
-    const bool is_ours = entry != state().descriptors.end() && ::fcntl(descriptor, F_GETSIG) == mark;
-    return is_ours ? &entry->second : nullptr;
+    return entry != state().descriptors.end() && is_marked(descriptor) ? &entry->second : nullptr;
 }
 
 template <typename Action>
@@ -437,7 +443,7 @@ int stat_node(unsigned instance, const std::function<int(const char* path)>& cal
 }
 
 std::optional<int> answer(int descriptor, std::uint32_t number, void* argument) {
-    if (open_descriptors == 0) {
+    if (!is_marked(descriptor)) {
         return std::nullopt;
     }
     const sampling_guard guard;
@@ -469,7 +475,7 @@ std::optional<int> answer(int descriptor, std::uint32_t number, void* argument) 
 }
 
 std::optional<map_result> map(const map_arguments& arguments) {
-    if (open_descriptors == 0) {
+    if (!is_marked(arguments.descriptor)) {
         return std::nullopt;
     }
     const std::lock_guard guard(lock);
@@ -491,7 +497,7 @@ std::optional<map_result> map(const map_arguments& arguments) {
 }
 
 std::optional<int> fail_fstat(int descriptor) {
-    if (open_descriptors == 0) {
+    if (!is_marked(descriptor)) {
         return std::nullopt;
     }
     const std::lock_guard guard(lock);
@@ -521,9 +527,7 @@ std::optional<int> fail_poll(const pollfd* descriptors, std::size_t count, int t
 }
 
 void forget(int descriptor) {
-    // Other files are let through without a lock. The thread sanitizer's reports close some, and wait for
-    // ever if they meet a second thing to report.
-    if (open_descriptors == 0 || ::fcntl(descriptor, F_GETSIG) != mark) {
+    if (!is_marked(descriptor)) {
         return;
     }
     const sampling_guard guard;
