@@ -7,7 +7,6 @@
 #include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <ostream>
 #include <tuple>
 
 namespace qel::vexa::report {
@@ -258,6 +257,8 @@ comparison compare(const std::vector<const sequence_summary*>& before,
         const counter_series& series = *traces.front().series;
         const bool is_amount = series.kind == counter_kind::amount;
         compared_counter counter{.name = series.counter.name,
+                                 .before_id = series.counter.id,
+                                 .after_id = other->second.front().series->counter.id,
                                  .block = series.block,
                                  .unit = unit_in_words(series.counter, is_amount),
                                  .kind = series.kind,
@@ -336,7 +337,7 @@ bool gate::fails(const compared_counter& counter) const {
     return is_for(counter) && counter.is_changed && (is_above_ ? change > bound_ : change < bound_);
 }
 
-void write_comparison_json(std::ostream& out, const comparison_output& what) {
+nlohmann::ordered_json comparison_in_json(const comparison_output& what) {
     using json = nlohmann::ordered_json;
     const auto finite = [](double value) { return std::isfinite(value) ? json(value) : json(nullptr); };
     json result{{"version", 1},
@@ -349,9 +350,12 @@ void write_comparison_json(std::ostream& out, const comparison_output& what) {
                 {"counters", json::array()}};
     for (const compared_counter& counter : what.result.counters) {
         result["counters"].push_back({{"name", counter.name},
+                                      {"beforeId", counter.before_id},
+                                      {"afterId", counter.after_id},
                                       {"block", counter.block},
                                       {"kind", kind_name(counter.kind)},
                                       {"unit", counter.unit},
+                                      {"selected", counter.is_selected},
                                       {"before", counter.before},
                                       {"after", counter.after},
                                       {"change", counter.change()},
@@ -361,7 +365,7 @@ void write_comparison_json(std::ostream& out, const comparison_output& what) {
                                       {"p", counter.low ? json(counter.p) : json(nullptr)},
                                       {"changed", counter.is_changed}});
     }
-    out << result.dump(1) << '\n';
+    return result;
 }
 
 }  // namespace qel::vexa::report

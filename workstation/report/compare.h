@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,6 +19,8 @@ inline constexpr double comparison_level = 0.05;
 
 struct compared_counter {
     std::string name;
+    std::uint32_t before_id;  // in the first trace of its side
+    std::uint32_t after_id;
     std::string block;
     std::string unit;  // in words; of an amount per second
     counter_kind kind;
@@ -88,6 +91,6 @@ std::string change_text(const compared_counter& counter);
 
 // What changed beyond chance, or with options.all every counter.
 void write_comparison(std::ostream& out, const comparison_output& what, const terminal_options& options);
-void write_comparison_json(std::ostream& out, const comparison_output& what);
+nlohmann::ordered_json comparison_in_json(const comparison_output& what);
 
 }  // namespace qel::vexa::report

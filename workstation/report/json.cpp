@@ -1,6 +1,8 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <utility>
 
+#include "workstation/report/json_values.h"
 #include "workstation/report/limits.h"
 #include "workstation/report/writers.h"
 
@@ -46,6 +48,27 @@ json counter_of(const sequence_summary& summary, const counter_series& series, a
 
 }  // namespace
 
+json limits_in_json(const sequence_summary& summary) {
+    const auto limits = limits_of(summary);
+    if (!limits) {
+        return nullptr;
+    }
+    json result = json::array();
+    for (const limit& found : *limits) {
+        result.push_back({{"topic", found.rule->topic},
+                          {"finding", limit_text(found)},
+                          {"counter", found.rule->counter},
+                          {"value", found.value},
+                          {"threshold", found.rule->threshold},
+                          {"advice", found.advice}});
+    }
+    return result;
+}
+
+std::string json_text(const json& value, int indent) {
+    return value.dump(indent, ' ', false, json::error_handler_t::replace);
+}
+
 void write_json(std::ostream& out, const page_source& source) {
     json result{{"version", 1},
                 {"file", source.file},
@@ -73,20 +96,12 @@ void write_json(std::ostream& out, const page_source& source) {
         for (const counter_series& series : summary.series) {
             one["counters"].push_back(counter_of(summary, series, source.amounts));
         }
-        if (const auto limits = limits_of(summary)) {
-            one["limits"] = json::array();
-            for (const limit& found : *limits) {
-                one["limits"].push_back({{"topic", found.rule->topic},
-                                         {"finding", limit_text(found)},
-                                         {"counter", found.rule->counter},
-                                         {"value", found.value},
-                                         {"threshold", found.rule->threshold},
-                                         {"advice", found.advice}});
-            }
+        if (json limits = limits_in_json(summary); !limits.is_null()) {
+            one["limits"] = std::move(limits);
         }
         result["sequences"].push_back(std::move(one));
     }
-    out << result.dump(1) << '\n';
+    out << json_text(result, 1) << '\n';
 }
 
 }  // namespace qel::vexa::report

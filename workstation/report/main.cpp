@@ -20,12 +20,14 @@
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "workstation/command_line/output.h"
 #include "workstation/command_line/program.h"
 #include "workstation/report/compare.h"
 #include "workstation/report/frames.h"
+#include "workstation/report/json_values.h"
 #include "workstation/report/trace_file.h"
 #include "workstation/report/writers.h"
 
@@ -106,7 +108,10 @@ struct settings {
     std::vector<gate> gates;
 
     // A page has more than its overview.
-    std::size_t bin_limit() const { return bins.value_or(form == output_form::html ? 512 : 2048); }
+    std::size_t page_bins() const { return bins.value_or(512); }
+    std::size_t bin_limit() const {
+        return form == output_form::html && before.empty() ? page_bins() : bins.value_or(2048);
+    }
     bool is_csv() const { return form == output_form::csv_wide || form == output_form::csv_long; }
     bool has_limits() const { return from || to; }
     bool shows_progress() const { return !quiet && isatty(STDERR_FILENO) != 0; }
@@ -449,12 +454,25 @@ struct summed_trace : open_trace {
         tell(notes, name);
     }
 
-    // Of the source with the most samples.
-    const sequence_summary& main_sequence() const {
-        return std::max_element(
-                   sequences->begin(), sequences->end(),
-                   [](const auto& a, const auto& b) { return a.second.samples < b.second.samples; })
-            ->second;
+    // Of the source with the most samples. The others are forgotten.
+    const sequence_summary& main_sequence(const char* what_happens) {
+        if (sequences->size() > 1) {
+            complain(input.name() + ": of several sequences the one with the most samples is " +
+                     what_happens);
+        }
+        return summary.keep_largest();
+    }
+
+    page_source as_source(const settings& wanted) const {
+        std::vector<std::string> all_notes = problems;
+        all_notes.insert(all_notes.end(), notes.begin(), notes.end());
+        return {.file = std::filesystem::path(input.name()).filename(),
+                .file_size = input.size(),
+                .sequences = *sequences,
+                .problems = all_notes,
+                .levels = nullptr,
+                .frames = {},
+                .amounts = wanted.amounts.value_or(amount_form::per_second)};
     }
 };
 
@@ -482,15 +500,7 @@ int report_trace(const settings& wanted) {
     const auto& sequences = *trace.sequences;
     result_output output;
     std::ostream& out = output.open(wanted);
-    std::vector<std::string> all_notes = trace.problems;
-    all_notes.insert(all_notes.end(), trace.notes.begin(), trace.notes.end());
-    page_source source{.file = std::filesystem::path(trace.input.name()).filename(),
-                       .file_size = trace.input.size(),
-                       .sequences = sequences,
-                       .problems = all_notes,
-                       .levels = nullptr,
-                       .frames = {},
-                       .amounts = wanted.amounts.value_or(amount_form::per_second)};
+    page_source source = trace.as_source(wanted);
     if (wanted.form == output_form::html) {
         const std::size_t base = page_base_size(sequences);
         const auto limit = static_cast<std::size_t>(wanted.page_megabytes * 1'000'000);
@@ -510,6 +520,29 @@ int report_trace(const settings& wanted) {
     return finish(output, trace.problems, trace.input.name());
 }
 
+// Both sides' first traces on a page.
+void write_comparison_page(std::ostream& out, const settings& wanted, const comparison_output& result,
+                           summed_trace& before, summed_trace& after) {
+    std::vector<page_source> sources;
+    std::vector<std::unique_ptr<page_levels>> levels;
+    std::size_t rest = static_cast<std::size_t>(wanted.page_megabytes * 1'000'000);
+    for (summed_trace* const trace : {&before, &after}) {
+        trace->summary.coarsen(wanted.page_bins());
+        sources.push_back(trace->as_source(wanted));
+        rest -= std::min(rest, page_base_size(*trace->sequences));
+    }
+    for (summed_trace* const trace : {&before, &after}) {
+        levels.push_back(std::make_unique<page_levels>(
+            *trace->sequences, trace->selected, page_origin(*trace->sequences), rest / 2, levels.size()));
+        monitor again(*levels.back(), trace->input, wanted.shows_progress());
+        again.read("Packing samples");
+        levels.back()->finish();
+        sources[levels.size() - 1].levels = levels.back().get();
+    }
+    const page_comparison compared{.after = sources[1], .result = result};
+    write_page(out, sources[0], &compared);
+}
+
 int compare_traces(const settings& wanted) {
     std::vector<std::unique_ptr<summed_trace>> traces;
     bool is_whole = true;
@@ -517,14 +550,10 @@ int compare_traces(const settings& wanted) {
         std::vector<const sequence_summary*> result;
         for (const std::string& path : paths) {
             traces.push_back(std::make_unique<summed_trace>(wanted, path));
-            const summed_trace& trace = *traces.back();
+            summed_trace& trace = *traces.back();
             is_whole = is_whole && trace.problems.empty();
             tell(trace.problems, trace.input.name());
-            if (trace.sequences->size() > 1) {
-                complain(trace.input.name() +
-                         ": of several sequences the one with the most samples is compared");
-            }
-            result.push_back(&trace.main_sequence());
+            result.push_back(&trace.main_sequence("compared"));
         }
         return result;
     };
@@ -549,7 +578,9 @@ int compare_traces(const settings& wanted) {
     const comparison_output what{
         .before = wanted.before, .after = wanted.after, .result = result, .failed = failed};
     if (wanted.form == output_form::json) {
-        write_comparison_json(out, what);
+        out << json_text(comparison_in_json(what), 1) << '\n';
+    } else if (wanted.form == output_form::html) {
+        write_comparison_page(out, wanted, what, *traces.front(), *traces[before.size()]);
     } else {
         write_comparison(out, what, terminal_settings(wanted));
     }
@@ -730,8 +761,8 @@ int run(int argument_count, char** arguments) {
         fail_usage("--from lies behind --to");
     }
     if (compares) {
-        if (wanted.form != output_form::summary && wanted.form != output_form::json) {
-            fail_usage("a comparison is shown on the terminal or as --json");
+        if (wanted.is_csv()) {
+            fail_usage("a comparison is shown on the terminal, as --json or as --html");
         }
         wanted.before.insert(wanted.before.begin(), arguments[optind]);
         wanted.after.insert(wanted.after.begin(), arguments[optind + 1]);

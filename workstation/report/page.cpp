@@ -2,12 +2,15 @@
 #include <bit>
 #include <cmath>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "workstation/report/base64.h"
+#include "workstation/report/compare.h"
+#include "workstation/report/json_values.h"
 #include "workstation/report/page_levels.h"
 #include "workstation/report/page_parts.h"
 #include "workstation/report/writers.h"
@@ -17,7 +20,7 @@ namespace qel::vexa::report {
 namespace {
 
 // A JSON text that may stand in a script element: nothing in it ends the element.
-std::string json_text(std::string_view text) {
+std::string script_text(std::string_view text) {
     std::string result = "\"";
     for (const char c : text) {
         if (c == '"' || c == '\\') {
@@ -33,6 +36,15 @@ std::string json_text(std::string_view text) {
         }
     }
     return result + '"';
+}
+
+// The same of any value: a '<' stands in texts alone.
+std::string script_value(const nlohmann::ordered_json& value) {
+    std::string result;
+    for (const char c : json_text(value, -1)) {
+        result += c == '<' ? "\\u003c" : std::string(1, c);
+    }
+    return result;
 }
 
 // Numbers as base64 of their bytes: half the size of their digits, and quick to read.
@@ -84,9 +96,9 @@ void write_formula(std::ostream& out, const sequence_summary& summary, const cou
 
 void write_series(std::ostream& out, const counter_series& series, const sequence_summary& summary) {
     const counter_description& counter = series.counter;
-    out << "{\"id\":" << counter.id << ",\"name\":" << json_text(counter.name)
-        << ",\"description\":" << json_text(counter.description) << ",\"unit\":" << json_text(counter.unit())
-        << ",\"block\":" << json_text(series.block)
+    out << "{\"id\":" << counter.id << ",\"name\":" << script_text(counter.name)
+        << ",\"description\":" << script_text(counter.description)
+        << ",\"unit\":" << script_text(counter.unit()) << ",\"block\":" << script_text(series.block)
         << ",\"selected\":" << (counter.select_by_default ? "true" : "false") << R"(,"kind":")"
         << kind_name(series.kind) << R"(","weighting":")" << weighting_name(series.weighed) << R"(","count":)"
         << series.total.count;
@@ -137,23 +149,14 @@ void write_frames(std::ostream& out, const std::vector<frame>& frames, std::uint
     }
     out << R"(,"frames":{"layers":[)";
     for (std::size_t i = 0; i < layers.size(); ++i) {
-        out << (i == 0 ? "" : ",") << json_text(layers[i]);
+        out << (i == 0 ? "" : ",") << script_text(layers[i]);
     }
     out << "],\"list\":[" << list << "]}";
 }
 
-void write_data(std::ostream& out, const page_source& source) {
-    const std::uint64_t origin = page_origin(source.sequences);
-    out << "{\"file\":" << json_text(source.file) << ",\"size\":" << source.file_size
-        << ",\"origin\":" << json_text(std::to_string(origin)) << R"(,"amounts":")"
-        << amount_form_names[static_cast<std::size_t>(source.amounts)] << R"(","problems":[)";
-    for (std::size_t i = 0; i < source.problems.size(); ++i) {
-        out << (i == 0 ? "" : ",") << json_text(source.problems[i]);
-    }
-    out << R"(],"levels":{"packed":)" << (page_levels::are_packed ? "true" : "false")
-        << ",\"steps\":" << page_levels::steps_per_step << ",\"samplesInRun\":" << page_levels::run_of_samples
-        << ",\"stepsInRun\":" << page_levels::run_of_steps << "},\"sequences\":[";
-    bool is_first = true;
+// The sequences of a trace, with times in seconds from the origin.
+void write_sequences(std::ostream& out, const page_source& source, std::uint64_t origin) {
+    const char* separator = "";
     for (const auto& [from, summary] : source.sequences) {
         if (summary.samples == 0) {
             continue;
@@ -162,17 +165,42 @@ void write_data(std::ostream& out, const page_source& source) {
         for (const std::uint64_t time : summary.bin_times) {
             times.push_back(static_cast<double>(time - origin) / 1e9);
         }
-        out << (is_first ? "" : ",") << "\n{\"number\":" << from.sequence << ",\"gpu\":" << from.gpu
-            << ",\"gpuName\":" << json_text(summary.gpu_name) << ",\"samples\":" << summary.samples
+        out << std::exchange(separator, ",") << "\n{\"file\":" << script_text(source.file)
+            << ",\"number\":" << from.sequence << ",\"gpu\":" << from.gpu
+            << ",\"gpuName\":" << script_text(summary.gpu_name) << ",\"samples\":" << summary.samples
             << ",\"samplesPerBin\":" << summary.samples_per_bin
             << ",\"first\":" << exact_number(static_cast<double>(summary.first - origin) / 1e9)
+            << ",\"limits\":" << script_value(limits_in_json(summary))
             << ",\"times\":" << base64_numbers(times) << ",\"counters\":[";
         for (std::size_t i = 0; i < summary.series.size(); ++i) {
             out << (i == 0 ? "\n" : ",\n");
             write_series(out, summary.series[i], summary);
         }
         out << "]}";
-        is_first = false;
+    }
+}
+
+void write_data(std::ostream& out, const page_source& source, const page_comparison* compared) {
+    const std::uint64_t origin = page_origin(source.sequences);
+    std::vector<std::string> problems = source.problems;
+    if (compared != nullptr) {
+        const std::vector<std::string>& more = compared->after.problems;
+        problems.insert(problems.end(), more.begin(), more.end());
+    }
+    out << "{\"file\":"
+        << script_text(compared == nullptr ? source.file : source.file + " \u2192 " + compared->after.file)
+        << ",\"size\":" << source.file_size << ",\"origin\":" << script_text(std::to_string(origin))
+        << R"(,"amounts":")" << amount_form_names[static_cast<std::size_t>(source.amounts)]
+        << R"(","problems":)" << script_value(problems) << R"(,"levels":{"packed":)"
+        << (page_levels::are_packed ? "true" : "false") << ",\"steps\":" << page_levels::steps_per_step
+        << ",\"samplesInRun\":" << page_levels::run_of_samples
+        << ",\"stepsInRun\":" << page_levels::run_of_steps << "},\"sequences\":[";
+    write_sequences(out, source, origin);
+    if (compared != nullptr) {
+        out << ',';
+        write_sequences(out, compared->after, page_origin(compared->after.sequences));
+        out << "],\"comparison\":" << script_value(comparison_in_json(compared->result)) << '}';
+        return;
     }
     out << ']';
     write_frames(out, source.frames, origin);
@@ -202,7 +230,7 @@ std::size_t page_base_size(const std::map<counter_source, sequence_summary>& seq
     return size;
 }
 
-void write_page(std::ostream& out, const page_source& source) {
+void write_page(std::ostream& out, const page_source& source, const page_comparison* compared) {
     std::string_view rest = page_html;
     const auto write_up_to = [&out, &rest](std::string_view mark) {
         const std::size_t end = rest.find(mark);
@@ -212,10 +240,13 @@ void write_page(std::ostream& out, const page_source& source) {
     write_up_to("/* page.css */");
     out << page_css;
     write_up_to("/* data */");
-    write_data(out, source);
+    write_data(out, source, compared);
     write_up_to("/* levels */");
-    if (source.levels != nullptr) {
-        source.levels->write(out);
+    for (const page_levels* levels :
+         {source.levels, compared != nullptr ? compared->after.levels : nullptr}) {
+        if (levels != nullptr) {
+            levels->write(out);
+        }
     }
     write_up_to("/* page.js */");
     out << page_js << rest;

@@ -95,9 +95,9 @@ std::size_t page_levels::level_count(const sequence_summary& summary) {
 }
 
 page_levels::page_levels(const std::map<counter_source, sequence_summary>& sequences, selection wanted,
-                         std::uint64_t origin, std::size_t limit)
+                         std::uint64_t origin, std::size_t limit, std::size_t first_place)
     : ordered_listener(std::move(wanted)), origin_(origin), limit_(limit) {
-    std::size_t place = 0;
+    std::size_t place = first_place;
     struct candidate {
         victim text;
         bool is_selected;

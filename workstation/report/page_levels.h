@@ -29,9 +29,10 @@ public:
     static constexpr std::size_t run_of_samples = 2048;
     static constexpr std::size_t run_of_steps = 1024;
 
-    // The sequences outlive it. The limit is one of bytes in the page. The origin is the time 0 of the page.
+    // The sequences outlive it, and have places from the first one on. The limit is one of bytes in the page.
+    // The origin is the time 0 of the page.
     page_levels(const std::map<counter_source, sequence_summary>& sequences, selection wanted,
-                std::uint64_t origin, std::size_t limit);
+                std::uint64_t origin, std::size_t limit, std::size_t first_place = 0);
 
     void on_counters(std::uint32_t /*sequence*/,
                      const std::vector<counter_description>& /*counters*/) override {}

@@ -86,6 +86,24 @@ void halve(Bins& bins, std::size_t count) {
     bins.resize(count / 2);
 }
 
+void halve(sequence_summary& summary) {
+    const std::size_t count = summary.bin_times.size();
+    const std::size_t half = (count + 1) / 2;
+    for (std::size_t i = 0; i < half; ++i) {
+        summary.bin_times[i] = summary.bin_times[std::min(2 * i + 1, count - 1)];
+    }
+    summary.bin_times.resize(half);
+    for (std::vector<counter_series>* const list : {&summary.series, &summary.unwanted}) {
+        for (counter_series& series : *list) {
+            halve(series.bins, 2 * half);
+            if (!series.weights.empty()) {
+                halve(series.weights, 2 * half);
+            }
+        }
+    }
+    summary.samples_per_bin *= 2;
+}
+
 template <typename Bins>
 auto sum_of(const Bins& bins, std::size_t first, std::size_t end) {
     typename Bins::value_type result;
@@ -337,17 +355,7 @@ void trace_summary::plan(state& current, sequence_summary& summary) {
 
 void trace_summary::start_bin(state& current, sequence_summary& summary) const {
     if (summary.bin_times.size() == bin_limit_) {
-        for (std::size_t i = 0; i < bin_limit_ / 2; ++i) {
-            summary.bin_times[i] = summary.bin_times[2 * i + 1];
-        }
-        summary.bin_times.resize(bin_limit_ / 2);
-        for (counter_series& series : summary.series) {
-            halve(series.bins, bin_limit_);
-            if (!series.weights.empty()) {
-                halve(series.weights, bin_limit_);
-            }
-        }
-        summary.samples_per_bin *= 2;
+        halve(summary);
     }
     summary.bin_times.push_back(0);
     current.in_last_bin = 0;
@@ -489,6 +497,23 @@ const std::map<counter_source, sequence_summary>& trace_summary::finish() {
         }
     }
     return sequences_;
+}
+
+const sequence_summary& trace_summary::keep_largest() {
+    const auto largest =
+        std::max_element(sequences_.begin(), sequences_.end(),
+                         [](const auto& a, const auto& b) { return a.second.samples < b.second.samples; });
+    sequences_.erase(sequences_.begin(), largest);
+    sequences_.erase(std::next(largest), sequences_.end());
+    return largest->second;
+}
+
+void trace_summary::coarsen(std::size_t bin_limit) {
+    for (auto& [source, summary] : sequences_) {
+        while (summary.bin_times.size() > bin_limit) {
+            halve(summary);
+        }
+    }
 }
 
 std::uint64_t trace_summary::undescribed() const {

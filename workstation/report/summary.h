@@ -178,6 +178,11 @@ public:
     // To be called when the trace is read.
     const std::map<counter_source, sequence_summary>& finish();
 
+    // Of what is finished: forgets all sources but the one with the most samples, which is given; and makes
+    // bins fewer, each two one, until they are at most so many.
+    const sequence_summary& keep_largest();
+    void coarsen(std::size_t bin_limit);
+
     // Sources some of whose counters are known by their ids only: a ring buffer drops the oldest packets
     // first, and the descriptions come first.
     std::uint64_t undescribed() const;

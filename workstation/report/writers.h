@@ -16,6 +16,8 @@
 
 namespace qel::vexa::report {
 
+struct comparison_output;
+
 // The shortest decimal text that reads back as the same number.
 std::string exact_number(double value);
 
@@ -99,7 +101,14 @@ std::uint64_t page_origin(const std::map<counter_source, sequence_summary>& sequ
 // About how many bytes a page has without its levels of detail.
 std::size_t page_base_size(const std::map<counter_source, sequence_summary>& sequences);
 
-// One HTML page with everything in it: it opens from disk and asks no network for anything.
-void write_page(std::ostream& out, const page_source& source);
+// Two recordings to be shown over each other, each from its own beginning on.
+struct page_comparison {
+    const page_source& after;  // its levels are those of the sequences behind the first ones
+    const comparison_output& result;
+};
+
+// One HTML page with everything in it: it opens from disk and asks no network for anything. With a comparison
+// it is one of both traces, of which each has one sequence.
+void write_page(std::ostream& out, const page_source& source, const page_comparison* compared = nullptr);
 
 }  // namespace qel::vexa::report

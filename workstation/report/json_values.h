@@ -1,0 +1,18 @@
+// What stands in more than one of the outputs that are JSON.
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+#include "workstation/report/summary.h"
+
+namespace qel::vexa::report {
+
+// What limits the workload; null for a GPU that is not in the catalogue.
+nlohmann::ordered_json limits_in_json(const sequence_summary& summary);
+
+// A value as text, with so many spaces for each level, or in one line for -1. Bytes of names that are not
+// UTF-8 are replaced.
+std::string json_text(const nlohmann::ordered_json& value, int indent);
+
+}  // namespace qel::vexa::report
