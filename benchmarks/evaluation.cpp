@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
+#include <functional>
 #include <random>
 #include <tuple>
 #include <vector>
@@ -11,7 +12,7 @@
 #include "benchmarks/side_by_side.h"
 #include "hwc/derived_rows.h"
 #include "hwc/hwc_names.h"
-#include "hwc/profiler.h"
+#include "hwc/reported_rows.h"
 
 namespace {
 
@@ -90,8 +91,9 @@ hwc::saturating_double evaluate_directly(const hwc::profiler& profiler, const st
 
 using evaluator_list = std::vector<hwc::counter_evaluator*>;
 
-template <typename Variant, const Variant& variant>
+template <std::size_t row_index, std::size_t variant_index>
 void add_variant(evaluator_list& result) {
+    constexpr const auto& variant = std::get<variant_index>(hwc::derived_rows.at<row_index>().variants);
     if constexpr (variant.tables.contains(table)) {
         constexpr auto resolved = undirected(hwc::resolve<table>(variant.value));
         result.push_back(evaluate_directly<resolved>);
@@ -100,10 +102,7 @@ void add_variant(evaluator_list& result) {
 
 template <std::size_t row_index, std::size_t... variants>
 void add_row(evaluator_list& result, std::index_sequence<variants...> /*all*/) {
-    constexpr const auto& row = std::get<row_index>(hwc::derived_rows);
-    (add_variant<std::remove_cvref_t<decltype(std::get<variants>(row.variants))>,
-                 std::get<variants>(row.variants)>(result),
-     ...);
+    (add_variant<row_index, variants>(result), ...);
 }
 
 template <std::size_t... rows>
@@ -112,7 +111,7 @@ evaluator_list direct_evaluators(std::index_sequence<rows...> /*all*/) {
     (add_row<rows>(
          result,
          std::make_index_sequence<
-             std::tuple_size_v<std::remove_cvref_t<decltype(std::get<rows>(hwc::derived_rows).variants)>>>()),
+             std::tuple_size_v<std::remove_cvref_t<decltype(hwc::derived_rows.at<rows>().variants)>>>()),
      ...);
     return result;
 }
@@ -128,8 +127,10 @@ void all_rows(benchmark::State& state) {
     hwc::profiler profiler(s.gpu, 5);
     profiler.gpu_cycles = 8000000;
     const std::uint32_t* const words = s.words.data();
-    const evaluator_list derived =
-        direct_evaluators(std::make_index_sequence<std::tuple_size_v<decltype(hwc::derived_rows)>>());
+    const std::vector<std::reference_wrapper<const hwc::vexa_counter_descriptor>> all(s.gpu.counters->begin(),
+                                                                                      s.gpu.counters->end());
+    const hwc::reported_rows rows(profiler, all);
+    const evaluator_list derived = direct_evaluators(std::make_index_sequence<hwc::derived_rows.size()>());
     std::vector<direct> raw;
     for (const hwc::vexa_counter_descriptor& row : *s.gpu.counters) {
         if (row.id < hwc::first_derived_id) {
@@ -145,10 +146,8 @@ void all_rows(benchmark::State& state) {
             const auto begin = std::chrono::steady_clock::now();
             for (int n = 0; n < samples_per_pass; ++n) {
                 benchmark::ClobberMemory();
-                const hwc::sample_in_hand in_hand(profiler, words);
-                for (const hwc::vexa_counter_descriptor& row : *s.gpu.counters) {
-                    benchmark::DoNotOptimize(profiler.get_value_for_counter(words, row));
-                }
+                rows.evaluate(words,
+                              [](std::size_t /*index*/, double value) { benchmark::DoNotOptimize(value); });
             }
             return seconds_since(begin);
         },

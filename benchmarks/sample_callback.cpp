@@ -13,9 +13,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <span>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "benchmarks/side_by_side.h"
+#include "counterfeed/src/sample_packet.h"
 #include "counterfeed/src/vexa_gpu_data_source.h"
 #include "hwc/hwc_names.h"
 #include "virtual_gpu/machine.h"
@@ -78,9 +82,14 @@ constexpr int turns = 400;
 
 const hwc::counter_table& rows = hwc::counter_tables[8];
 
-// The same packets with values in hand.
+// The same packets with values in hand, and with the whole packet in hand.
 class control_source : public perfetto::DataSource<control_source> {
 public:
+    static void append(std::span<const std::uint8_t> packet) {
+        Trace([packet](TraceContext context) {
+            context.NewTracePacket()->AppendRawProtoBytes(packet.data(), packet.size());
+        });
+    }
     static void write(std::uint64_t timestamp, const std::vector<std::pair<std::uint32_t, double>>& values) {
         Trace([&](TraceContext context) {
             const auto packet = context.NewTracePacket();
@@ -100,6 +109,7 @@ struct sampler {
     const counterfeed::sample_callback& callback;
     std::vector<std::uint32_t> words;
     std::vector<std::pair<std::uint32_t, double>> values;
+    counterfeed::sample_packet packet;
     std::uint64_t number = 0;
 
     // Each does a turn's work and returns the seconds that the packets took.
@@ -107,6 +117,11 @@ struct sampler {
         return timed(packets, [this](std::uint64_t timestamp) {
             callback(timestamp, period_ns, virtual_gpu::formula_cycles(1), words.data());
         });
+    }
+    // What the callback comes down to in the end: a packet of the same size, as bytes.
+    double bytes_alone(int packets) {
+        return timed(packets,
+                     [this](std::uint64_t timestamp) { control_source::append(packet.at(timestamp)); });
     }
     double theirs(int packets) {
         return timed(packets, [this](std::uint64_t timestamp) { control_source::write(timestamp, values); });
@@ -126,6 +141,12 @@ struct sampler {
 void sample(benchmark::State& state, sampler* s) {
     side_by_side(
         state, packets_per_turn, [&] { return s->ours(packets_per_turn); },
+        [&] { return s->theirs(packets_per_turn); });
+}
+
+void bytes_alone(benchmark::State& state, sampler* s) {
+    side_by_side(
+        state, packets_per_turn, [&] { return s->bytes_alone(packets_per_turn); },
         [&] { return s->theirs(packets_per_turn); });
 }
 
@@ -151,13 +172,18 @@ public:
     void interrupt() override {}
 
     void process_buffers_until_interrupted(counterfeed::sample_callback callback) override {
-        sampler s{.callback = callback, .words = {}, .values = {}};
+        std::vector<std::uint32_t> ids;
+        for (const hwc::vexa_counter_descriptor& row : rows) {
+            ids.push_back(row.id);
+        }
+        sampler s{.callback = callback, .words = {}, .values = {}, .packet = counterfeed::sample_packet(ids)};
         s.words.resize(virtual_gpu::sample_layout({}).word_count());
         virtual_gpu::formula_source().take({.number = 1, .begin = 0, .end = period_ns}, s.words);
         for (const hwc::vexa_counter_descriptor& row : rows) {
             s.values.emplace_back(row.id, row.id * 0.5);
         }
         benchmark::RegisterBenchmark("sample_callback", sample, &s)->UseManualTime()->Iterations(turns);
+        benchmark::RegisterBenchmark("bytes_alone", bytes_alone, &s)->UseManualTime()->Iterations(turns);
         benchmark::RegisterBenchmark("allocations_per_sample", own_share, &s, &allocations)
             ->UseManualTime()
             ->Iterations(1);

@@ -230,6 +230,8 @@ FIGURES = [
            timing("evaluation", "all_rows")),
     Figure("sample callback, all rows", "the SDK writing the same packet", 0.5, "< 0.5",
            timing("sample_callback", "sample_callback")),
+    Figure("sample callback, bytes in hand", "the SDK writing the same packet", None, "a limit",
+           timing("sample_callback", "bytes_alone")),
     Figure("CPU per sample, producer and service", "revision 17ebb0f", None, "", SESSIONS.beside_old("ours")),
     Figure("CPU per sample, in pages of 32 KiB", "revision 17ebb0f", 0.35, "< 0.35",
            SESSIONS.beside_old("ours, large pages")),

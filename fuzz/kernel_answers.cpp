@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <set>
 #include <vector>
@@ -27,7 +28,7 @@
 #include "counterfeed/src/periodic_hwc_reader.h"
 #include "hwc/product.h"
 #include "hwc/profiler.h"
-#include "hwc/reported_value.h"
+#include "hwc/reported_rows.h"
 #include "tests/support/own_time.h"
 
 namespace {
@@ -215,14 +216,14 @@ bool run_session() {
     if (reader.words_per_sample() < profiler.words_read()) {
         return true;  // as the sampling thread does
     }
+    const std::vector<std::reference_wrapper<const hwc::vexa_counter_descriptor>> all(
+        product.counters->begin(), product.counters->end());
+    const hwc::reported_rows rows(profiler, all);
     double sum = 0;
     reader.process_buffers_until_interrupted([&](std::uint64_t /*timestamp*/, std::uint64_t /*delta*/,
                                                  std::uint64_t cycles, const std::uint32_t* sample) {
         profiler.gpu_cycles = cycles;
-        const hwc::sample_in_hand in_hand(profiler, sample);
-        for (const hwc::vexa_counter_descriptor& row : *product.counters) {
-            sum += hwc::reported_value(profiler, sample, row);
-        }
+        rows.evaluate(sample, [&sum](std::size_t /*index*/, double value) { sum += value; });
     });
     require(sum >= 0);
     return true;

@@ -22,7 +22,6 @@ template <constant_text name>
 std::string text_of(named_counter<name> /*counter*/, unsigned /*table*/) {
     return std::string(name.view());
 }
-// Before names have become ids, the cycle count is the only counter that has an id.
 std::string text_of(operand_type<decltype(operands::GPU_CYCLES)> /*counter*/, unsigned /*table*/) {
     return "GPU_CYCLES";
 }

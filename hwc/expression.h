@@ -43,13 +43,20 @@ struct constant_text {
 template <constant_text name>
 struct named_counter : expression_base {};
 
-// A counter by its id. It reads as 0 when the profiler's table has no such row.
+// A raw counter by its id. It reads as 0 when the profiler's table has no such row.
 struct counter_operand : expression_base {
     std::uint32_t id;
 
     explicit constexpr counter_operand(std::uint32_t the_id) : id(the_id) {}
-    saturating_double evaluate(const profiler& context, const raw_values& values) const {
-        return context.operand(id, values);
+    saturating_double evaluate(const profiler& /*context*/, const raw_values& values) const {
+        return values[id];
+    }
+};
+
+// The GPU's cycles. They read as 0 when the profiler's table has no such row.
+struct cycles_operand : expression_base {
+    saturating_double evaluate(const profiler& context, const auto& /*values*/) const {
+        return context.cycles_operand();
     }
 };
 
@@ -163,6 +170,9 @@ constexpr void collect_ids(const expression auto& /*constant*/, operand_ids& /*f
 constexpr void collect_ids(const counter_operand& counter, operand_ids& found) {
     found.add(counter.id);
 }
+constexpr void collect_ids(const cycles_operand& /*counter*/, operand_ids& found) {
+    found.add(gpu_cycles_id);
+}
 template <operation op, typename Left, typename Right>
 constexpr void collect_ids(const binary<op, Left, Right>& e, operand_ids& found) {
     collect_ids(e.left, found);
@@ -191,8 +201,7 @@ saturating_double evaluate(const profiler& context, const std::uint32_t* sample)
         static constexpr raw_values none{};
         return resolved.evaluate(context, none);
     } else {
-        raw_values scratch;
-        return resolved.evaluate(context, context.values_in(sample, scratch, classes));
+        return resolved.evaluate(context, context.operands_in(sample, classes));
     }
 }
 

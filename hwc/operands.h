@@ -5,7 +5,7 @@
 
 namespace qel::vexa::hwc::operands {
 
-inline constexpr counter_operand GPU_CYCLES(gpu_cycles_id);
+inline constexpr cycles_operand GPU_CYCLES;
 inline constexpr gpu_constant<&profiler::bus_width_bytes> BUS_WIDTH;
 inline constexpr gpu_constant<&profiler::l2_slice_count> L2_SLICES;
 inline constexpr gpu_constant<&profiler::shader_core_count> SHADER_CORES;

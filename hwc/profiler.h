@@ -7,7 +7,6 @@
 #pragma once
 
 #include <array>
-#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -38,6 +37,13 @@ public:
     // The values of the counters of these classes. No other block is read, so that a sample may lack what
     // nothing asks for. Otherwise it must have the profiler's words_read() words.
     void take(const profiler& context, const std::uint32_t* sample, block_classes classes);
+
+    // Makes these counters 0.
+    void clear(const std::vector<std::uint32_t>& ids) {
+        for (const std::uint32_t id : ids) {
+            values_[id] = 0;
+        }
+    }
 
     // The counter with this id, whether a table has it or not: a word of the job manager's or the tiler's
     // block, the sum over the L2 slices, or the mean over the shader cores. Its class must have been taken.
@@ -74,28 +80,19 @@ public:
             return descriptor.evaluator != nullptr ? descriptor.evaluator(*this, sample)
                                                    : saturating_double();
         }
-        raw_values scratch;
-        return id < raw_values::count ? values_in(sample, scratch, raw_values::class_of(id))[id]
-                                      : saturating_double();
+        return raw_value(sample, id);
     }
 
-    // The values of the raw counters of these classes in a sample: those taken already when it is in hand, or
-    // else taken into the scratch.
-    const raw_values& values_in(const std::uint32_t* sample, raw_values& scratch,
-                                block_classes classes) const {
-        if (sample == in_hand_ && (classes & ~classes_in_hand_) == 0) {
-            return values_in_hand_;
-        }
-        scratch.take(*this, sample, classes);
-        return scratch;
+    // What operands read in a sample: the raw counters of these classes, 0 for those that the table lacks.
+    // Taken already when the sample is in hand. Valid until the next call.
+    const raw_values& operands_in(const std::uint32_t* sample, block_classes classes) const {
+        const bool is_in_hand = sample == in_hand_ && (classes & ~classes_in_hand_) == 0;
+        return is_in_hand ? values_in_hand_ : take_operands(scratch_, sample, classes);
     }
 
-    // An operand's value: 0 when the table has no row with its id.
-    saturating_double operand(std::uint32_t id, const raw_values& values) const {
-        if (id == gpu_cycles_id) {
-            return has_gpu_cycles_ ? saturating_double(gpu_cycles) : saturating_double();
-        }
-        return has_raw_counter_[id] ? values[id] : saturating_double();
+    // The operand that counts the GPU's cycles: 0 when the table has no such row.
+    saturating_double cycles_operand() const {
+        return has_gpu_cycles_ ? saturating_double(gpu_cycles) : saturating_double();
     }
 
     const counter_table& counters;
@@ -108,11 +105,16 @@ public:
 private:
     friend class sample_in_hand;
 
+    saturating_double raw_value(const std::uint32_t* sample, std::uint32_t id) const;
+    const raw_values& take_operands(raw_values& values, const std::uint32_t* sample,
+                                    block_classes classes) const;
+
     const std::uint32_t* in_hand_ = nullptr;
     raw_values values_in_hand_;
     block_classes classes_in_hand_ = 0;
-    // Which counters the table has, looked up once for all samples.
-    std::bitset<raw_values::count> has_raw_counter_;
+    mutable raw_values scratch_;  // for samples that are not in hand
+    // What the table lacks, looked up once for all samples.
+    std::vector<std::uint32_t> absent_raw_counters_;
     bool has_gpu_cycles_;
 };
 
@@ -123,7 +125,7 @@ public:
     sample_in_hand(profiler& context, const std::uint32_t* sample,
                    block_classes classes = raw_values::all_classes)
         : context_(context) {
-        context.values_in_hand_.take(context, sample, classes);
+        context.take_operands(context.values_in_hand_, sample, classes);
         context.in_hand_ = sample;
         context.classes_in_hand_ = classes;
     }

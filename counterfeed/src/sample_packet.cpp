@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstring>
 #include <iterator>
 
 namespace qel::vexa::counterfeed {
@@ -56,10 +55,6 @@ sample_packet::sample_packet(std::span<const std::uint32_t> counter_ids) {
     for (std::size_t& offset : value_offsets_) {
         offset += begin_of_event;
     }
-}
-
-void sample_packet::set_value(std::size_t index, double value) {
-    std::memcpy(bytes_.data() + value_offsets_[index], &value, sizeof value);
 }
 
 std::span<const std::uint8_t> sample_packet::at(std::uint64_t timestamp) {

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <vector>
 
@@ -18,7 +19,9 @@ public:
     explicit sample_packet(std::span<const std::uint32_t> counter_ids);
 
     // The value of the counter with this index among the ids.
-    void set_value(std::size_t index, double value);
+    void set_value(std::size_t index, double value) {
+        std::memcpy(bytes_.data() + value_offsets_[index], &value, sizeof value);
+    }
 
     // The fields of a TracePacket with this timestamp, in nanoseconds of CLOCK_MONOTONIC_RAW, and the values
     // that were set. Valid until the next call and as long as the object.

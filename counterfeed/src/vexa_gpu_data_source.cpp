@@ -19,6 +19,7 @@
 #include "hwc/measure_unit.h"
 #include "hwc/product.h"
 #include "hwc/profiler.h"
+#include "hwc/reported_rows.h"
 #include "hwc/reported_value.h"
 
 PERFETTO_DEFINE_DATA_SOURCE_STATIC_MEMBERS(qel::vexa::counterfeed::vexa_gpu_data_source);
@@ -211,28 +212,21 @@ void vexa_gpu_data_source::threadfn_periodic_counter_poll_loop() const {
     }
     std::vector<std::uint32_t> selected_ids;
     selected_ids.reserve(selected_counters.size());
-    hwc::block_classes classes = 0;  // what is read of a sample
     for (const hwc::vexa_counter_descriptor& row : selected_counters) {
         selected_ids.push_back(row.id);
-        classes |= hwc::raw_values::class_of(row.id);
-        for (const std::uint32_t id : row.dependencies) {
-            classes |= hwc::raw_values::class_of(id);
-        }
     }
+    const hwc::reported_rows rows(profiler, selected_counters);
     sample_packet packet(selected_ids);
-    reader->process_buffers_until_interrupted(
-        [&profiler, &selected_counters, &packet, classes](std::uint64_t timestamp, std::uint64_t /*delta*/,
-                                                          std::uint64_t cycles, const std::uint32_t* sample) {
-            profiler.gpu_cycles = cycles;
-            const hwc::sample_in_hand in_hand(profiler, sample, classes);
-            for (std::size_t i = 0; i < selected_counters.size(); ++i) {
-                packet.set_value(i, hwc::reported_value(profiler, sample, selected_counters[i]));
-            }
-            const std::span<const std::uint8_t> bytes = packet.at(timestamp);
-            Trace([bytes](TraceContext context) {
-                context.NewTracePacket()->AppendRawProtoBytes(bytes.data(), bytes.size());
-            });
+    reader->process_buffers_until_interrupted([&profiler, &rows, &packet](
+                                                  std::uint64_t timestamp, std::uint64_t /*delta*/,
+                                                  std::uint64_t cycles, const std::uint32_t* sample) {
+        profiler.gpu_cycles = cycles;
+        rows.evaluate(sample, [&packet](std::size_t index, double value) { packet.set_value(index, value); });
+        const std::span<const std::uint8_t> bytes = packet.at(timestamp);
+        Trace([bytes](TraceContext context) {
+            context.NewTracePacket()->AppendRawProtoBytes(bytes.data(), bytes.size());
         });
+    });
 }
 
 }  // namespace qel::vexa::counterfeed
