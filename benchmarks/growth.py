@@ -40,13 +40,15 @@ def measure():
     }
     with Service(SERVICE) as service:
         usual = service.launch(BUILD)
-        for kind, steps in kinds.items():
-            for step, how in steps.items():
-                print(f"  {step} {kind} ...", file=sys.stderr)
-                how = {"ids": ids, **how}
-                launcher = service.launch(BUILD, gpu=how.pop("gpu")) if "gpu" in how else usual
-                rounds = [service.measure(launcher, **how) for _ in range(ROUNDS)]
-                steps[step] = [min(r[process] for r in rounds) for process in ("producer", "traced")]
+        plans = [(kind, step, service.launch(BUILD, gpu=how.pop("gpu")) if "gpu" in how else usual, {"ids": ids, **how})
+                 for kind, steps in kinds.items() for step, how in steps.items()]
+        rounds = []
+        # All steps in turn, so that what disturbs for a while does not disturb one of them alone.
+        for number in range(ROUNDS):
+            print(f"  round {number + 1} of {ROUNDS} ...", file=sys.stderr)
+            rounds.append({(kind, step): service.measure(launcher, **how) for kind, step, launcher, how in plans})
+    for kind, step, _, _ in plans:
+        kinds[kind][step] = [min(r[kind, step][process] for r in rounds) for process in ("producer", "traced")]
     return kinds
 
 
