@@ -89,10 +89,12 @@ std::string trace_config(const gpu& of, const std::vector<counter>& counters, co
            fmt::format("buffers {{ size_kb: {} fill_policy: RING_BUFFER }}\n", buffer_kb) +
            (how.duration_s != 0 ? fmt::format("duration_ms: {}\n", how.duration_s * 1000) : "") +
            fmt::format("write_into_file: true\nfile_write_period_ms: {}\n", file_write_period_ms) +
-           (of.producer.empty()
-                ? ""
-                : fmt::format("producers {{ producer_name: {} page_size_kb: {} shm_size_kb: {} }}\n",
-                              in_quotes(of.producer), shared_page_kb, shared_memory_kb)) +
+           (of.producer.empty() ? "# Samples cost the device less with this, and the launcher's command as "
+                                  "it was started:\n# "
+                                : "") +
+           fmt::format("producers {{ producer_name: {} page_size_kb: {} shm_size_kb: {} }}\n",
+                       in_quotes(of.producer.empty() ? "LAUNCHER" : of.producer), shared_page_kb,
+                       shared_memory_kb) +
            fmt::format(
                "data_sources {{\n"
                "  config {{\n"
