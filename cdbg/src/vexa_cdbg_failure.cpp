@@ -1,6 +1,9 @@
 // Start-up of diagnostics, and the end of the process after a fatal report.
 #include "cdbg/src/vexa_cdbg_failure.h"
 
+#include <sched.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <iterator>
 
@@ -20,7 +23,10 @@ enum cdbgp_static_mutex : std::uint32_t {
 };
 
 constinit std::atomic<bool> cdbgp_init_done = false;
-constinit std::atomic<bool> cdbgp_fork_watched = false;
+// The process in which a thread is about to watch forks, or one of these.
+constexpr pid_t CDBGP_FORKS_UNWATCHED = 0;
+constexpr pid_t CDBGP_FORKS_WATCHED = -1;
+constinit std::atomic<pid_t> cdbgp_fork_watcher = CDBGP_FORKS_UNWATCHED;
 // In the child of a fork: diagnostics was at work in another thread, and will never be done with it.
 constinit bool cdbgp_init_lost = false;
 constinit bool cdbgp_init_running = false;
@@ -73,9 +79,20 @@ void go_without_if_at_work() {
     }
 }
 
+// No thread starts diagnostics before forks are watched, or could not be: the child of a fork that nobody
+// watched would wait for the locks of start-up for ever. Where such a child comes from the moment in which
+// its parent was about to watch, it does so itself.
 void watch_forks() {
-    if (!cdbgp_fork_watched.exchange(true) && pthread_atfork(nullptr, nullptr, go_without_if_at_work) != 0) {
-        cdbgp_fork_watched.store(false);  // the next one tries again
+    const pid_t self = getpid();
+    for (pid_t watcher = cdbgp_fork_watcher.load(); watcher != CDBGP_FORKS_WATCHED;
+         watcher = cdbgp_fork_watcher.load()) {
+        if (watcher == self) {
+            sched_yield();  // until the other thread is done
+        } else if (cdbgp_fork_watcher.compare_exchange_strong(watcher, self)) {
+            const bool is_watched = pthread_atfork(nullptr, nullptr, go_without_if_at_work) == 0;
+            cdbgp_fork_watcher.store(is_watched ? CDBGP_FORKS_WATCHED : CDBGP_FORKS_UNWATCHED);
+            return;  // where it failed, the next one tries again
+        }
     }
 }
 
