@@ -93,7 +93,7 @@ std::string quoted(const std::string& text) {
 }
 
 bool is_file(const std::string& placeholder) {
-    return placeholder == "FILE" || placeholder == "STATE";
+    return placeholder == "FILE" || placeholder == "STATE" || placeholder == "TRACE";
 }
 
 }  // namespace
@@ -236,9 +236,13 @@ void options::flag(const std::string& names, const std::string& text, bool& targ
     flag(names, text, [&target] { target = true; });
 }
 
-void options::flag_with_value(const std::string& name, const std::string& value_when_alone,
+void options::flag_with_value(const std::string& names, const std::string& value_when_alone,
                               const std::string& placeholder, const std::string& text, std::string& target) {
-    CLI::Option* const option = table_->app.add_flag(name + "{" + value_when_alone + "}", text);
+    std::string alternatives;
+    for (const std::string& name : CLI::detail::split_names(names)) {
+        alternatives += (alternatives.empty() ? "" : ",") + name + "{" + value_when_alone + "}";
+    }
+    CLI::Option* const option = table_->app.add_flag(alternatives, text);
     option->option_text("[=" + placeholder + "]")->group(table_->section);
     table_->actions.emplace_back(option, [&target](const CLI::results_t& values) { target = values.back(); });
 }

@@ -30,7 +30,7 @@ public:
     void flag(const std::string& names, const std::string& text, bool& target);
     // A flag that may have a value behind a "=", and otherwise has the one for a flag that stands alone. The
     // target stays as it is without the flag.
-    void flag_with_value(const std::string& name, const std::string& value_when_alone,
+    void flag_with_value(const std::string& names, const std::string& value_when_alone,
                          const std::string& placeholder, const std::string& text, std::string& target);
 
     // An option with a value, of which the placeholder says what it is; FILE and its like are completed as

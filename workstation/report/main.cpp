@@ -2,7 +2,6 @@
 // page.
 
 #include <fcntl.h>
-#include <getopt.h>
 #include <langinfo.h>
 #include <unistd.h>
 
@@ -23,6 +22,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "workstation/command_line/options.h"
 #include "workstation/command_line/output.h"
 #include "workstation/command_line/program.h"
 #include "workstation/report/compare.h"
@@ -38,49 +38,6 @@ namespace command_line = qel::vexa::command_line;
 using command_line::complain;
 using command_line::fail;
 using command_line::fail_usage;
-
-constexpr const char* usage =
-    "Usage: counterfeed-report [OPTION]... TRACE\n"
-    "       counterfeed-report [OPTION]... --compare BEFORE AFTER\n"
-    "\n"
-    "Shows the GPU counters of a recorded trace: a line for each counter with its mean, minimum, percentiles "
-    "and\n"
-    "maximum and, on a wide terminal, a small chart; of more than 120 counters those that are selected by "
-    "default.\n"
-    "TRACE may be - for the standard input.\n"
-    "\n"
-    "  -a, --all            show all counters of the trace, not just the default selection\n"
-    "  -c, --csv[=FORM]     write comma-separated values: 'wide', a line for each sample (the default), or\n"
-    "                       'long', a line for each value\n"
-    "  -j, --json           write all numbers of the summary as JSON\n"
-    "      --amounts FORM   show what adds up, such as bytes, per 'second' (the default), per 'sample' (that "
-    "of\n"
-    "                       --csv), or as the 'total' of the time shown\n"
-    "      --html           write a page with a chart for each counter, for a browser\n"
-    "  -o, --output FILE    write to FILE, not to the standard output\n"
-    "  -m, --match TEXT     only counters whose name holds TEXT, in any case; may be given several times\n"
-    "      --from SECONDS   only what comes after so many seconds from the first sample\n"
-    "      --to SECONDS     only what comes before\n"
-    "      --bins NUMBER    time steps of a chart, at most (default 2048; of a page's overview 512)\n"
-    "      --page-size MB   how large a page may become: what of the samples does not fit is left out "
-    "(default 20)\n"
-    "      --charts WHEN    charts in the summary: 'auto' (on a terminal, the default), 'always', 'never'\n"
-    "      --compare        show what changed from one trace to another by more than chance\n"
-    "      --before TRACE, --after TRACE\n"
-    "                       further traces of a side; may be given several times\n"
-    "      --fail-if LIMIT  end with status 3 if a counter changed beyond a limit: NAME, > or <, and a "
-    "number, "
-    "as\n"
-    "                       'External read bytes > +5%'; may be given several times\n"
-    "  -q, --quiet          show no progress\n"
-    "      --offered STATE  list the ids and names of the counters that a tracing service offers: STATE is "
-    "a\n"
-    "                       file with the output of 'perfetto --query-raw'\n"
-    "  -h, --help           print this\n"
-    "  -V, --version        print the version\n"
-    "\n"
-    "Exit status: 0 success, 1 the trace is damaged and what is readable of it was shown, 2 nothing could be "
-    "shown,\n3 a limit of --fail-if is passed.\n";
 
 constexpr int exit_partly = 1;
 constexpr int exit_unusable = 2;  // wrong usage too
@@ -588,14 +545,14 @@ int compare_traces(const settings& wanted) {
     return !failed.empty() ? exit_gate : is_whole ? EXIT_SUCCESS : exit_partly;
 }
 
-[[noreturn]] void list_offered(const char* path) {
-    const std::optional<std::string> bytes = read_file(path);
+[[noreturn]] void list_offered(const std::string& path) {
+    const std::optional<std::string> bytes = read_file(path.c_str());
     if (!bytes) {
-        fail(exit_unusable, std::string("can't read ") + path + ": " + std::strerror(errno));
+        fail(exit_unusable, "can't read " + path + ": " + std::strerror(errno));
     }
     const std::vector<counter_description> counters = read_offered_counters(*bytes);
     if (counters.empty()) {
-        fail(exit_unusable, std::string("no GPU counters are offered in ") + path);
+        fail(exit_unusable, "no GPU counters are offered in " + path);
     }
     for (const counter_description& counter : counters) {
         std::printf("%u\t%s\n", counter.id, counter.name.c_str());
@@ -627,150 +584,132 @@ double seconds_argument(const char* option, const std::string& text) {
     return value;
 }
 
-int run(int argument_count, char** arguments) {
-    enum long_option {
-        html = 256,
-        from,
-        to,
-        bins,
-        page_size,
-        charts,
-        offered,
-        amounts,
-        compare,
-        before,
-        after,
-        fail_if
-    };
-    const option options[] = {{"all", no_argument, nullptr, 'a'},
-                              {"csv", optional_argument, nullptr, 'c'},
-                              {"html", no_argument, nullptr, html},
-                              {"json", no_argument, nullptr, 'j'},
-                              {"amounts", required_argument, nullptr, amounts},
-                              {"output", required_argument, nullptr, 'o'},
-                              {"match", required_argument, nullptr, 'm'},
-                              {"from", required_argument, nullptr, from},
-                              {"to", required_argument, nullptr, to},
-                              {"bins", required_argument, nullptr, bins},
-                              {"page-size", required_argument, nullptr, page_size},
-                              {"charts", required_argument, nullptr, charts},
-                              {"compare", no_argument, nullptr, compare},
-                              {"before", required_argument, nullptr, before},
-                              {"after", required_argument, nullptr, after},
-                              {"fail-if", required_argument, nullptr, fail_if},
-                              {"quiet", no_argument, nullptr, 'q'},
-                              {"offered", required_argument, nullptr, offered},
-                              {"help", no_argument, nullptr, 'h'},
-                              {"version", no_argument, nullptr, 'V'},
-                              {nullptr, 0, nullptr, 0}};
-    std::ios::sync_with_stdio(false);
-    settings wanted;
-    bool compares = false;
-    for (int letter = 0;
-         (letter = getopt_long(argument_count, arguments, "ac::jo:m:qhV", options, nullptr)) != -1;) {
-        const std::string value = optarg != nullptr ? optarg : "";
-        switch (letter) {
-            case 'a':
-                wanted.all = true;
-                break;
-            case 'c': {
-                const std::string form = value.empty() ? "wide" : value;
-                if (form != "wide" && form != "long") {
-                    fail_usage("the form of --csv is wide or long, not \"" + form + "\"");
-                }
-                set_form(wanted, form == "wide" ? output_form::csv_wide : output_form::csv_long);
-                break;
-            }
-            case html:
-                set_form(wanted, output_form::html);
-                break;
-            case 'j':
-                set_form(wanted, output_form::json);
-                break;
-            case amounts:
-                wanted.amounts = amounts_argument(value);
-                break;
-            case 'o':
-                wanted.output = value;
-                break;
-            case 'm':
-                wanted.match.push_back(value);
-                break;
-            case from:
-                wanted.from = seconds_argument("--from", value);
-                break;
-            case to:
-                wanted.to = seconds_argument("--to", value);
-                break;
-            case bins:
-                wanted.bins = static_cast<std::size_t>(
-                    command_line::number_argument("--bins", value.c_str(), 2, most_bins) / 2 * 2);
-                break;
-            case page_size:
-                wanted.page_megabytes = command_line::number_argument("--page-size", value.c_str(), 1, 1000);
-                break;
-            case charts:
-                wanted.charts = value;
-                if (wanted.charts != "auto" && wanted.charts != "always" && wanted.charts != "never") {
-                    fail_usage("--charts is auto, always or never, not \"" + wanted.charts + "\"");
-                }
-                break;
-            case compare:
-                compares = true;
-                break;
-            case before:
-                wanted.before.push_back(value);
-                break;
-            case after:
-                wanted.after.push_back(value);
-                break;
-            case fail_if:
-                if (const std::optional<gate> limit = gate::parse(value)) {
-                    wanted.gates.push_back(*limit);
-                } else {
-                    fail_usage("a limit is NAME, > or <, and a number or percentage, not \"" + value + "\"");
-                }
-                break;
-            case 'q':
-                wanted.quiet = true;
-                break;
-            case offered:
-                list_offered(value.c_str());
-            case 'h':
-                std::fputs(usage, stdout);
-                command_line::finish(exit_unusable);
-            case 'V':
-                command_line::print_version();
-                command_line::finish(exit_unusable);
-            default:
-                fail_usage("");  // getopt has said what is wrong
-        }
+gate gate_argument(const std::string& text) {
+    const std::optional<gate> limit = gate::parse(text);
+    if (!limit) {
+        fail_usage("a limit is NAME, > or <, and a number or percentage, not \"" + text + "\"");
     }
-    if (!compares && (!wanted.before.empty() || !wanted.after.empty() || !wanted.gates.empty())) {
+    return *limit;
+}
+
+// The command line, complete and free of contradictions.
+settings read_command_line(int argument_count, char** arguments) {
+    settings result;
+    bool compares = false;
+    command_line::options table(
+        {"[OPTION...] TRACE", "[OPTION...] --compare BEFORE AFTER", "--offered STATE"},
+        "Shows the GPU counters of a recorded trace: a line for each counter with its mean, minimum, "
+        "percentiles and maximum and, on a wide terminal, a small chart; of more than 120 counters those "
+        "that are selected by default. TRACE is a file, or - for standard input.",
+        "Exit status: 0 success, 1 the trace is damaged and what is readable of it was shown, 2 nothing "
+        "could be shown, 3 a limit of --fail-if is passed.");
+    table.section("What to show");
+    table.flag("-a,--all",
+               "all counters of the trace, not just the default selection, and all of a comparison",
+               result.all);
+    table.value("-m,--match", "TEXT", "only counters whose name holds TEXT, in any case; may be repeated",
+                [&result](const std::string& text) { result.match.push_back(text); });
+    const auto seconds = [&table](const char* name, const char* text, std::optional<double>& target) {
+        table.value(name, "SECONDS", text,
+                    [name, &target](const std::string& given) { target = seconds_argument(name, given); });
+    };
+    seconds("--from", "only what comes after so many seconds from the first sample", result.from);
+    seconds("--to", "only what comes before so many seconds", result.to);
+    table.value(
+        "--amounts", "FORM",
+        "what adds up, such as bytes, per 'second' (the default), per 'sample' (that of --csv), or as the "
+        "'total' of the time shown",
+        [&result](const std::string& text) { result.amounts = amounts_argument(text); },
+        {amount_form_names.begin(), amount_form_names.end()});
+    table.section("How to show it");
+    std::string csv;
+    table.flag_with_value(
+        "-c,--csv", "wide", "FORM",
+        "comma-separated values: 'wide', a line for each sample (the default), or 'long', a "
+        "line for each value",
+        csv);
+    table.flag("-j,--json", "all numbers of the summary, or of a comparison, as JSON",
+               [&result] { set_form(result, output_form::json); });
+    table.flag("--html",
+               "a page with a chart for each counter, of a comparison with both traces, for a browser",
+               [&result] { set_form(result, output_form::html); });
+    table.value("-o,--output", "FILE", "write to FILE, not to standard output", result.output);
+    table.number("--bins", "NUMBER",
+                 "time steps of a chart, at most (default 2048; of a page's overview 512)", 2, most_bins,
+                 [&result](std::uint64_t value) { result.bins = static_cast<std::size_t>(value / 2 * 2); });
+    table.number("--page-size", "MB",
+                 "how large a page may become: what of the samples does not fit is left out (default 20)", 1,
+                 1000, [&result](std::uint64_t value) { result.page_megabytes = value; });
+    const std::vector<std::string> occasions{"auto", "always", "never"};
+    table.value(
+        "--charts", "WHEN", "charts in the summary: 'auto' (on a terminal, the default), 'always', 'never'",
+        [&result, &occasions](const std::string& text) {
+            if (std::find(occasions.begin(), occasions.end(), text) == occasions.end()) {
+                fail_usage("--charts is auto, always or never, not \"" + text + "\"");
+            }
+            result.charts = text;
+        },
+        occasions);
+    table.flag("-q,--quiet", "show no progress", result.quiet);
+    table.section("Two traces");
+    table.flag("--compare", "show what changed from one trace to another by more than chance", compares);
+    table.value("--before", "TRACE", "a further trace of that side; may be repeated",
+                [&result](const std::string& path) { result.before.push_back(path); });
+    table.value("--after", "TRACE", "a further trace of that side; may be repeated",
+                [&result](const std::string& path) { result.after.push_back(path); });
+    table.value(
+        "--fail-if", "LIMIT",
+        "end with status 3 if a counter changed beyond a limit and by more than chance: a part of its "
+        "name, > or <, and a change, in per cent with % behind it and else in the counter's unit, as "
+        "'External read bytes > +5%'; may be repeated",
+        [&result](const std::string& text) { result.gates.push_back(gate_argument(text)); });
+    table.section("A tracing service");
+    table.value("--offered", "STATE",
+                "list the ids and names of the counters that it offers: STATE is a file with the output of "
+                "'perfetto --query-raw'",
+                [](const std::string& path) { list_offered(path); });
+    const std::vector<std::string> traces = table.parse(argument_count, arguments, exit_unusable);
+
+    if (!csv.empty()) {
+        if (csv != "wide" && csv != "long") {
+            fail_usage("the form of --csv is wide or long, not \"" + csv + "\"");
+        }
+        set_form(result, csv == "wide" ? output_form::csv_wide : output_form::csv_long);
+    }
+    if (!compares && (!result.before.empty() || !result.after.empty() || !result.gates.empty())) {
         fail_usage("--before, --after and --fail-if belong to --compare");
     }
-    const int traces = compares ? 2 : 1;
-    if (argument_count - optind < traces) {
+    const std::size_t expected = compares ? 2 : 1;
+    if (traces.size() < expected) {
         fail_usage(compares ? "a comparison is of two traces" : "the trace is missing");
     }
-    if (argument_count - optind > traces) {
+    if (traces.size() > expected) {
         fail_usage(compares ? "more traces of a side are given with --before and --after"
                             : "one trace at a time");
     }
-    if (wanted.from.value_or(0) > wanted.to.value_or(HUGE_VAL)) {
+    if (result.from.value_or(0) > result.to.value_or(HUGE_VAL)) {
         fail_usage("--from lies behind --to");
     }
+    if (result.form == output_form::html && result.output.empty() && isatty(STDOUT_FILENO) != 0) {
+        fail_usage("a page is for a browser: say where it goes with --output FILE");
+    }
     if (compares) {
-        if (wanted.is_csv()) {
+        if (result.is_csv()) {
             fail_usage("a comparison is shown on the terminal, as --json or as --html");
         }
-        wanted.before.insert(wanted.before.begin(), arguments[optind]);
-        wanted.after.insert(wanted.after.begin(), arguments[optind + 1]);
-        return compare_traces(wanted);
+        result.before.insert(result.before.begin(), traces[0]);
+        result.after.insert(result.after.begin(), traces[1]);
+        return result;
     }
-    wanted.trace = arguments[optind];
-    if (wanted.form == output_form::html && wanted.output.empty() && isatty(STDOUT_FILENO) != 0) {
-        fail_usage("a page is for a browser: say where it goes with --output FILE");
+    result.trace = traces[0];
+    return result;
+}
+
+int run(int argument_count, char** arguments) {
+    std::ios::sync_with_stdio(false);
+    const settings wanted = read_command_line(argument_count, arguments);
+    if (!wanted.before.empty()) {
+        return compare_traces(wanted);
     }
     return wanted.is_csv() ? write_table(wanted) : report_trace(wanted);
 }
