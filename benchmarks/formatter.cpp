@@ -34,9 +34,10 @@ void compare(benchmark::State& state, Ours ours, Theirs theirs) {
         state, TEXTS_PER_PASS, [&] { return timed(ours); }, [&] { return timed(theirs); });
 }
 
-void message(benchmark::State& state, const char* format, auto... args) {
+void message(benchmark::State& state, const char* known_format, auto... args) {
     // What the compiler can't see, it can't check or fold.
-    benchmark::DoNotOptimize(format);
+    const char* volatile hidden_format = known_format;
+    const char* const format = hidden_format;
     compare(
         state, [&](char* text, int /*i*/) { cutils_cstr_snprintf(text, BUFFER_SIZE, format, args...); },
         [&](char* text, int /*i*/) { std::snprintf(text, BUFFER_SIZE, format, args...); });
