@@ -34,11 +34,12 @@ if(NOT COUNTERFEED_SANITIZE)
 endif()
 
 if(ANDROID)
-    # The linker makes files smaller where nothing is lost by it. Equal functions become one: nothing here tells functions
-    # apart by their addresses but a client's own. Relocations take the forms that the platform's linker knows from level
-    # 23 and from 28 on.
+    # The linker makes files smaller where nothing is lost by it. Equal functions become one, unless the compiler has
+    # noted that their addresses are used for more than calls. Relocations take the forms that the platform's linker knows
+    # from level 23 and from 28 on.
     string(REPLACE android- "" level ${ANDROID_PLATFORM})
-    add_link_options(LINKER:-O2,--icf=all,--hash-style=gnu)
+    add_compile_options(-faddrsig)
+    add_link_options(LINKER:-O2,--icf=safe,--hash-style=gnu)
     if(level LESS 28)
         add_link_options(LINKER:--pack-dyn-relocs=android)
     else()

@@ -27,7 +27,7 @@ endif()
 set(library ${sdk_folder}/${variant}/libperfetto.a)
 if(ANDROID)
     set(variant android)
-    set(library ${sdk_folder}/android/libperfetto.a)
+    set(library ${sdk_folder}/android-28/libperfetto.a)
     if(NOT COUNTERFEED_PERFETTO_SDK)
         execute_process(COMMAND ${CMAKE_COMMAND} -E env ANDROID_NDK_HOME=${ANDROID_NDK_HOME}
             ${CMAKE_SOURCE_DIR}/tools/setup --print-android-library OUTPUT_VARIABLE library
