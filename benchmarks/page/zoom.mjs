@@ -68,7 +68,7 @@ const page = await browser.open(pathToFileURL(pageFile).href, size);
 await page.settle();
 const data = await page.evaluate(`(() => {
   const { state, overviewOf } = window.counterfeed;
-  const pieces = [...state.visible].map(({ counter }) => overviewOf(state.sequence, counter));
+  const pieces = [...state.visible].map(({ counter }) => overviewOf(counter));
   return [[...pieces[0].edges.slice(1)], pieces.map(({ means }) => [...means])]; })()`);
 await page.evaluate(`for (const row of [...window.counterfeed.state.visible].slice(${charts})) row.article.hidden = true`);
 const tabs = { page };

@@ -14,6 +14,8 @@ const range = (text) => {
   return to > from ? { from, to } : null;
 };
 
+let usualGroup = "block";
+
 // The controls, before the rows are made.
 export function restoreControls(address) {
   for (const [name, control] of Object.entries(texts)) {
@@ -22,8 +24,10 @@ export function restoreControls(address) {
     if (control.selectedIndex === -1) control.selectedIndex = 0;
   }
   byId("fit").checked = address.has("fit");
-  const group = document.querySelector(`input[name=group][value=${address.get("group") === "unit" ? "unit" : "block"}]`);
-  group.checked = true;
+  usualGroup = trace.comparison ? "change" : "block";
+  const groups = trace.comparison ? ["change", "block", "unit"] : ["block", "unit"];
+  const group = groups.includes(address.get("group")) ? address.get("group") : usualGroup;
+  document.querySelector(`input[name=group][value=${group}]`).checked = true;
 }
 
 // What belongs to a sequence, before its rows are made.
@@ -57,7 +61,8 @@ export function writeAddress() {
       if (control.value !== usual) address.set(name, control.value);
     }
     if (byId("fit").checked) address.set("fit", "");
-    if (document.querySelector("input[name=group]:checked").value === "unit") address.set("group", "unit");
+    const group = document.querySelector("input[name=group]:checked").value;
+    if (group !== usualGroup) address.set("group", group);
     if (sequence.index !== state.first) address.set("sequence", sequence.index);
     if (state.pinned.size) address.set("pin", [...state.pinned].map(({ id }) => id).join());
     for (const [host, others] of state.overlays) address.append("over", [host, ...others].map(({ id }) => id).join());

@@ -2,13 +2,12 @@
 import { numbers, overviewOf, stepAt } from "./data.js";
 import { byId } from "./dom.js";
 import { hasLevel, levelsOf, pieceOf } from "./levels.js";
-import { state } from "./state.js";
 
 // The samples of a counter whose times lie in a range: count, sum, least and greatest. Steps that are wholly inside count
 // as they are; at both ends finer ones are looked at, down to the samples. Where those are not there (yet), a step counts
 // if it ends inside, and the result is not exact.
 export function sumOf(counter, range) {
-  const { sequence } = state;
+  const { sequence } = counter;
   const result = { count: 0, sum: 0, min: Infinity, max: -Infinity, isExact: true };
   const levels = levelsOf(sequence);
   if (counter.min === counter.max) {
@@ -35,9 +34,9 @@ export function sumOf(counter, range) {
       }
       let finer = null;
       let level = depth - 1;
-      while (level >= 0 && !hasLevel(sequence, counter, levels[level])) level -= 1;
+      while (level >= 0 && !hasLevel(counter, levels[level])) level -= 1;
       const inside = { from: Math.max(begin, from), to: Math.min(end, to) };
-      if (level >= 0) finer = pieceOf(sequence, counter, levels[level], inside);
+      if (level >= 0) finer = pieceOf(counter, levels[level], inside);
       if (finer) {
         walk(finer, levels[level].per, finer.first, level, inside.from, inside.to);
       } else {
@@ -46,7 +45,7 @@ export function sumOf(counter, range) {
       }
     }
   };
-  walk(overviewOf(sequence, counter), sequence.samplesPerBin, 0, levels.length, range.from, range.to);
+  walk(overviewOf(counter), sequence.samplesPerBin, 0, levels.length, range.from, range.to);
   return result;
 }
 
@@ -61,7 +60,7 @@ const operations = {
 // A ratio is its expression over the sums of its operands. The mean of its samples would count idle ones as
 // much as busy ones.
 function fromOperands(counter, range) {
-  const { sequence } = state;
+  const { sequence } = counter;
   const stack = [];
   for (const part of counter.formula) {
     if (typeof part === "number") {
@@ -80,7 +79,7 @@ function fromOperands(counter, range) {
 
 // Where the operands are not there, but something to weigh the samples by is: a weight for each step of the overview.
 function weighted(counter, range) {
-  const { edges, means } = overviewOf(state.sequence, counter);
+  const { edges, means } = overviewOf(counter);
   counter.weighing ??= numbers(counter.weights, Float64Array);
   let sum = 0;
   let weight = 0;
@@ -98,7 +97,7 @@ function weighted(counter, range) {
 // Least, mean and greatest value in a range of time; for a derived counter whose operands are there the mean is what it
 // came to over the whole range. The sum is that of the samples.
 export function statistics(counter, range) {
-  const { sequence } = state;
+  const { sequence } = counter;
   if (range.from <= sequence.from && range.to >= sequence.to) {
     const { min, max, mean, value = mean, total = mean * counter.count } = counter;
     return { min, mean: value, max, sum: total, count: counter.count, isExact: true };
@@ -119,7 +118,7 @@ const mostSamples = 1 << 18;  // sorted in some tens of milliseconds
 // Of the samples in a range of time: the least value that so many of them do not exceed. Null where the samples are not
 // there, or are too many.
 function percentiles(counter, range) {
-  const { sequence } = state;
+  const { sequence } = counter;
   const isWhole = range.from <= sequence.from && range.to >= sequence.to;
   if (isWhole && counter.p50 !== undefined) return counter;
   const key = `${range.from}~${range.to}`;
@@ -127,8 +126,8 @@ function percentiles(counter, range) {
   if (counter.min === counter.max) return { p50: counter.min, p95: counter.min, p99: counter.min };
   if (sequence.samples * (range.to - range.from) / (sequence.to - sequence.from) > mostSamples) return null;
   const [samples] = levelsOf(sequence);
-  if (samples && !hasLevel(sequence, counter, samples)) return null;
-  const piece = samples ? pieceOf(sequence, counter, samples, range) : overviewOf(sequence, counter);
+  if (samples && !hasLevel(counter, samples)) return null;
+  const piece = samples ? pieceOf(counter, samples, range) : overviewOf(counter);
   if (!piece) return { isLoading: true };
   const { edges, means } = piece;
   const inside = means.filter((value, i) => value === value && edges[i + 1] > range.from && edges[i + 1] <= range.to).sort();
@@ -147,7 +146,7 @@ const isAmount = ({ kind, unit }) => (kind === undefined ? unit !== "percent" : 
 // What values of samples are multiplied by, and the unit that they then have: amounts can be shown per second.
 export function shownAs(counter) {
   const isRate = isAmount(counter) && byId("amounts").value === "second";
-  return { factor: isRate ? 1 / state.sequence.period : 1, unit: isRate ? `${counter.unit}/s` : counter.unit };
+  return { factor: isRate ? 1 / counter.sequence.period : 1, unit: isRate ? `${counter.unit}/s` : counter.unit };
 }
 
 export function columnsOf(counter, range) {

@@ -17,7 +17,7 @@ export function prepare(sequence, index) {
   const edges = new Float64Array(times.length + 1);
   edges[0] = sequence.first - period;
   edges.set(times, 1);
-  sequence.counters.forEach((counter, index) => Object.assign(counter, { index }));
+  sequence.counters.forEach((counter, place) => Object.assign(counter, { index: place }));
   const counters = sequence.counters.filter((counter) => counter.count > 0);
   for (const counter of counters) {
     const hardware = /Hardware name: (\w+)\./.exec(counter.description);
@@ -25,15 +25,17 @@ export function prepare(sequence, index) {
     counter.haystack = `${counter.name} ${counter.description} ${counter.id} ${counter.unit}`.toLowerCase();
   }
   const counterOf = new Map(counters.map((counter) => [counter.id, counter]));
-  return { ...sequence, index, edges, period, counters, counterOf, from: edges[0], to: last };
+  const result = { ...sequence, index, edges, period, counters, counterOf, from: edges[0], to: last };
+  for (const counter of counters) counter.sequence = result;
+  return result;
 }
 
 // A counter's whole time in the steps that are always at hand. They are unpacked when they are first asked for.
-export function overviewOf(sequence, counter) {
+export function overviewOf(counter) {
   if (!counter.overview) {
     const means = numbers(counter.means, Float32Array);
     counter.overview = {
-      edges: sequence.edges,
+      edges: counter.sequence.edges,
       means,
       mins: counter.mins ? numbers(counter.mins, Float32Array) : means,
       maxs: counter.maxs ? numbers(counter.maxs, Float32Array) : means,

@@ -43,7 +43,7 @@ function choose(layer) {
 // In each column of pixels the worst of its frames: a late one among many is not to be missed.
 export function drawFrames() {
   if (layers.size === 0) return;
-  const width = lane.clientWidth;
+  const width = lane.parentElement.clientWidth;
   const height = lane.clientHeight;
   if (!fitCanvas(lane, width, height)) return;
   const context = lane.getContext("2d");
@@ -66,6 +66,15 @@ export function drawFrames() {
       context.fillRect(left, late ? 3 : 6, Math.max(done - left - (right - left > 4 ? 1 : 0), 1), late ? height - 6 : height - 12);
     }
   }
+  // Where each was to end, as far as there is room to see it.
+  context.fillStyle = colorOf("--text");
+  let marked = -1;
+  for (let i = first; i < end; i += 1) {
+    const place = x(frames[i].expectedEnd);
+    if (!frames[i].expectedEnd || place < Math.max(marked + 4, 0) || place > width) continue;
+    marked = place;
+    context.fillRect(Math.round(place), 1, 1, height - 2);
+  }
   if (current >= 0) {
     context.strokeStyle = colorOf("--text");
     context.lineWidth = 2;
@@ -74,8 +83,9 @@ export function drawFrames() {
 }
 
 function describe(index) {
-  const frame = frames[index];
-  return `Frame ${index + 1} of ${frames.length}: ${spanText(frame.end - frame.start)}, ${reasonOf(frame)}`;
+  const { start, end, expectedEnd } = frames[index];
+  const over = expectedEnd && end > expectedEnd ? `, ${spanText(end - expectedEnd)} past its expected end` : "";
+  return `Frame ${index + 1} of ${frames.length}: ${spanText(end - start)}, ${reasonOf(frames[index])}${over}`;
 }
 
 function selectFrame(index) {
@@ -107,8 +117,8 @@ lane.addEventListener("pointerdown", (event) => {
 // What a counter came to in the longest frames and otherwise: a rate, or the mean of a percentage. Null while samples are
 // still being unpacked.
 function compare(counter, ranges, all) {
-  const sums = ranges.map((range) => sumOf(counter, range));
   const whole = sumOf(counter, all);
+  const sums = ranges.map((range) => sumOf(counter, range));
   if (![...sums, whole].every(({ isExact }) => isExact)) return null;
   const total = (list, name) => list.reduce((sum, each) => sum + each[name], 0);
   const [sum, count] = [total(sums, "sum"), total(sums, "count")];
@@ -125,15 +135,16 @@ async function tellCommon(chosen) {
   const all = { from: frames[0].start, to: frames[frames.length - 1].end };
   const ranges = chosen.map((index) => ({ from: frames[index].start, to: frames[index].end }));
   const results = [];
-  for (const counter of sequence.counters) {
-    if (!counter.selected || counter.min === counter.max) continue;
-    let result = null;
-    for (let tries = 0; !result && tries < 40; tries += 1) {
-      result = compare(counter, ranges, all);
-      if (!result) await new Promise((done) => setTimeout(done, 25));
-      if (mine !== asked) return;
-    }
-    if (result && result.counter) results.push(result);
+  let waiting = sequence.counters.filter(({ selected, min, max }) => selected && min !== max);
+  // The samples of all are asked for at once, and come when they are unpacked.
+  for (let tries = 0; waiting.length && tries < 200; tries += 1) {
+    waiting = waiting.filter((counter) => {
+      const result = compare(counter, ranges, all);
+      if (result?.counter) results.push(result);
+      return !result;
+    });
+    if (waiting.length) await new Promise((done) => setTimeout(done, 25));
+    if (mine !== asked) return;
   }
   const distance = ({ ratio }) => Math.abs(Math.log(Math.max(ratio, 1e-9)));
   results.sort((a, b) => distance(b) - distance(a));
@@ -163,7 +174,10 @@ function openLongest() {
     row.append(cell, element("td", "", spanText(frame.end - frame.start)), element("td", "", reasonOf(frame)));
     return row;
   }));
-  byId("common").replaceChildren();
+  const looking = element("td", "", "Looking at the samples …");
+  looking.colSpan = 3;
+  byId("common").replaceChildren(element("tr"));
+  byId("common").firstChild.append(looking);
   byId("frame-list").showModal();
   tellCommon(byLength);
 }

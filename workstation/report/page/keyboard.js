@@ -2,7 +2,7 @@
 import { byId, search } from "./dom.js";
 import { stepFrame } from "./frames.js";
 import { cancelOverlay, carryOrDrop } from "./overlay.js";
-import { filter, shownRows, togglePin, toggleText } from "./rows.js";
+import { filter, focusRow, shownRows, togglePin, toggleText } from "./rows.js";
 import { clearSelection, followCursor, toggleMark, zoomToSelection } from "./selection.js";
 import { schedule, state } from "./state.js";
 import { announce, goTo, moveCursor, pan, showAll, zoom } from "./view.js";
@@ -15,8 +15,7 @@ function goToRow(direction) {
   const shown = shownRows();
   const next = shown[Math.min(Math.max(shown.indexOf(state.current) + direction, 0), shown.length - 1)];
   if (!next) return;
-  next.article.focus({ preventScroll: true });
-  next.article.scrollIntoView({ block: "nearest", behavior: "instant" });
+  focusRow(next);
   announce();
 }
 

@@ -144,18 +144,18 @@ function findRuns(sequence, level, range) {
   return null;
 }
 
-const idOf = (sequence, counter, level) => `level-${sequence.index}-${counter.index}-${level.index}`;
-export const hasLevel = (sequence, counter, level) => linesOf(idOf(sequence, counter, level)) !== null;
+const idOf = ({ sequence, index }, level) => `level-${sequence.index}-${index}-${level.index}`;
+export const hasLevel = (counter, level) => linesOf(idOf(counter, level)) !== null;
 
 // A counter's steps of one level around a range of time; null while they are not unpacked.
-export function pieceOf(sequence, counter, level, range) {
-  const found = findRuns(sequence, level, range);
+export function pieceOf(counter, level, range) {
+  const found = findRuns(counter.sequence, level, range);
   if (!found) return null;
   const { first, last, edges } = found;
   const key = `${level.index}:${first}-${last}`;
   counter.pieces = counter.pieces || new Map();
   if (counter.pieces.has(key)) return counter.pieces.get(key);
-  const parts = runsAt(idOf(sequence, counter, level), first, last);
+  const parts = runsAt(idOf(counter, level), first, last);
   if (!parts) return null;
   const piece = { edges, per: level.per, first: first * level.run };
   if (level.per === 1) {
@@ -173,22 +173,23 @@ export function pieceOf(sequence, counter, level, range) {
 
 // What to draw of a counter: steps about as fine as the columns of pixels, as far as they are unpacked. With what is
 // missing, if finer ones did not fit into the page: how many samples a step has at the least.
-export function finest(sequence, counter, range, width) {
+export function finest(counter, range, width) {
+  const { sequence } = counter;
   const isConstant = counter.min === counter.max;
   const steps = sequence.samples * (range.to - range.from) / (sequence.to - sequence.from);
   const enough = width * 0.75;
-  let piece = overviewOf(sequence, counter);
+  const piece = overviewOf(counter);
   let missing = 0;
   if (isConstant || steps / sequence.samplesPerBin >= enough) return { piece, missing };
   const levels = levelsOf(sequence);
   let wanted = levels.findLastIndex(({ per }) => steps / per >= enough);
   wanted = Math.max(wanted, 0);
   for (let i = wanted; i < levels.length; i += 1) {
-    if (!hasLevel(sequence, counter, levels[i])) {
+    if (!hasLevel(counter, levels[i])) {
       missing = i + 1 < levels.length ? levels[i + 1].per : sequence.samplesPerBin;
       continue;
     }
-    const found = pieceOf(sequence, counter, levels[i], range);
+    const found = pieceOf(counter, levels[i], range);
     if (found) return { piece: found, missing };
   }
   return { piece, missing };

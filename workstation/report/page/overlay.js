@@ -48,6 +48,7 @@ export function cancelOverlay() {
 }
 
 export function carryOrDrop(row) {
+  if (row.counter.after) return;  // the chart has two lines already
   if (!carried) {
     carried = row;
     row.lay.setAttribute("aria-pressed", "true");

@@ -1,4 +1,5 @@
 // The rows of the page: one for each counter, made once, then moved between groups, shown and hidden.
+import { changeSentence, verdictOf } from "./compare.js";
 import { byId, element, hueOf, main, search } from "./dom.js";
 import { counted } from "./format.js";
 import { carryOrDrop, showOverlays } from "./overlay.js";
@@ -50,9 +51,10 @@ function makeRow(counter) {
   row.lay.setAttribute("aria-label", `Draw ${counter.name} over another chart`);
   row.lay.setAttribute("aria-pressed", "false");
   row.lay.tabIndex = -1;
+  row.lay.hidden = Boolean(counter.after);
   row.legend = element("div", "legend");
   name.append(row.what, row.lay, row.pin, detail, row.legend);
-  row.what.draggable = true;
+  row.what.draggable = !counter.after;
 
   row.plot = element("div", "plot");
   row.plot.setAttribute("role", "img");
@@ -99,8 +101,10 @@ export function setCurrent(row) {
 function showText(row) {
   const isOpen = state.opened.has(row.counter);
   row.what.setAttribute("aria-expanded", String(isOpen));
-  if (isOpen) row.article.append(element("p", "text", row.counter.description || "No description."));
-  else row.article.querySelector(".text")?.remove();
+  for (const text of row.article.querySelectorAll(".text")) text.remove();
+  if (!isOpen) return;
+  if (row.counter.change) row.article.append(element("p", "text", changeSentence(row.counter)));
+  row.article.append(element("p", "text", row.counter.description || "No description."));
 }
 
 export function toggleText(row) {
@@ -156,19 +160,30 @@ function makeGroup(name, hue, rows) {
   return { name, section, link, size, rows };
 }
 
+const verdictNames = {
+  "more than chance": "Changed", "may be chance": "May be chance", "too short to tell": "Too short to tell",
+};
+
 // Puts the rows into their groups: what is pinned comes first.
 export function arrange() {
-  const byUnit = document.querySelector("input[name=group]:checked").value === "unit";
+  const by = document.querySelector("input[name=group]:checked").value;
+  const byUnit = by === "unit";
+  const nameOf = {
+    block: ({ block }) => block,
+    unit: ({ unit }) => unit || "plain counts",
+    change: ({ change }) => verdictNames[verdictOf(change)],
+  }[by];
   const rowsOf = new Map();
   for (const row of state.all) {
     const { counter } = row;
-    const name = state.pinned.has(counter) ? "Pinned" : byUnit ? counter.unit || "plain counts" : counter.block;
+    const name = state.pinned.has(counter) ? "Pinned" : nameOf(counter);
     if (!rowsOf.has(name)) rowsOf.set(name, []);
     rowsOf.get(name).push(row);
   }
   const rank = (name) => (name === "Pinned" ? 0 : byUnit && name === "plain counts" ? 2 : 1);
   const names = [...rowsOf.keys()].sort((a, b) => rank(a) - rank(b) || (byUnit ? a.localeCompare(b) : 0));
-  groups = names.map((name) => makeGroup(name, byUnit || name === "Pinned" ? "var(--accent)" : hueOf(name), rowsOf.get(name)));
+  const hue = (name) => (by !== "block" || name === "Pinned" ? "var(--accent)" : hueOf(name));
+  groups = names.map((name) => makeGroup(name, hue(name), rowsOf.get(name)));
   main.replaceChildren(...groups.map(({ section }) => section), nothing);
   byId("jump").replaceChildren(...groups.map(({ link }) => link));
   state.rows = groups.flatMap(({ rows }) => rows);
@@ -177,7 +192,8 @@ export function arrange() {
 
 function isWanted(counter, words, show) {
   return words.every((word) => counter.haystack.includes(word)) &&
-    (show !== "selected" || counter.selected) && (show !== "changing" || counter.max > counter.min);
+    (show !== "selected" || counter.selected) &&
+    (show !== "changing" || (counter.change ? counter.change.changed : counter.max > counter.min));
 }
 
 // Shows the rows that are searched for, and those that are pinned.
@@ -209,6 +225,22 @@ export function filter() {
 }
 
 export const shownRows = () => state.rows.filter(({ article }) => !article.hidden && !article.parentElement.hidden);
+
+export function focusRow({ article }) {
+  article.focus({ preventScroll: true });
+  article.scrollIntoView({ block: "nearest", behavior: "instant" });
+}
+
+// The counter of that name, which a search or a folded group may have hidden.
+export function goToCounter(name) {
+  const row = state.all.find(({ counter }) => counter.name === name);
+  if (!row) return;
+  search.value = "";
+  byId("show").value = "all";
+  state.folded.clear();
+  arrange();
+  focusRow(row);
+}
 
 export function makeRows() {
   onScreen.disconnect();

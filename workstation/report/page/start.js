@@ -1,12 +1,13 @@
 // Opens the trace.
 import { readAddress, restoreControls, restoreSequence, writeAddress } from "./address.js";
-import { drawCursor, drawRows, readColors, writeRows } from "./charts.js";
+import { drawRows, readColors, writeRows } from "./charts.js";
+import { comparison, prepareComparison, restrictControls, tellComparison } from "./compare.js";
 import { overviewOf, prepare, trace } from "./data.js";
 import { byId, element, overview } from "./dom.js";
 import { counted, spanText } from "./format.js";
 import { drawFrames, startFrames } from "./frames.js";
 import { canUnpack, hasLevel, levelsOf } from "./levels.js";
-import { arrange, makeRows, measureHeader, showForPrint, showForScreen } from "./rows.js";
+import { arrange, goToCounter, makeRows, measureHeader, showForPrint, showForScreen } from "./rows.js";
 import { writeSelection } from "./selection.js";
 import { onPaint, onWrite, paintNow, schedule, state } from "./state.js";
 import { drawTimeline, writeTimeline } from "./timeline.js";
@@ -37,8 +38,38 @@ function tellLimits() {
   byId("limits").hidden = false;
 }
 
+// What the counters say of the workload; with a name before it, where there are several. A GPU that is not known has no
+// such list.
+function tellLimiting(names, sequences) {
+  const entries = sequences.flatMap(({ limits }, i) => {
+    if (!limits) return [];
+    const name = names[i] ? `${names[i]}: ` : "";
+    if (limits.length === 0) return [element("li", "", `${name}Nothing stands out.`)];
+    return limits.map(({ finding, counter, advice }) => {
+      const entry = element("li");
+      const go = element("button", "", finding);
+      go.type = "button";
+      go.addEventListener("click", () => goToCounter(counter));
+      entry.append(name, go, ` ${advice}`);
+      return entry;
+    });
+  });
+  byId("limiting").hidden = entries.length === 0;
+  byId("limiting").querySelector("ul").replaceChildren(...entries);
+}
+
+function factsOf(sequence) {
+  const facts = [counted(sequence.counters.length, "counter"), counted(sequence.samples, "sample")];
+  if (sequence.samples > 1) facts.push(`one every ${spanText(sequence.period)}`);
+  facts.push(spanText(sequence.to - sequence.first));
+  return facts.join(" · ");
+}
+
+const lacksSamples = (counter) => canUnpack && counter.sequence.samplesPerBin > 1 && counter.min !== counter.max &&
+  !hasLevel(counter, levelsOf(counter.sequence)[0]);
+
 function openSequence(index, address = new URLSearchParams()) {
-  const sequence = prepare(trace.sequences[index], index);
+  const sequence = comparison ? prepareComparison() : prepare(trace.sequences[index], index);
   state.sequence = sequence;
   state.pinned.clear();
   state.opened.clear();
@@ -49,13 +80,12 @@ function openSequence(index, address = new URLSearchParams()) {
   state.at = sequence.edges[sequence.edges.length >> 1];
   overview.setAttribute("aria-valuemin", 0);
   overview.setAttribute("aria-valuemax", sequence.edges.length - 2);
-  const facts = [counted(sequence.counters.length, "counter"), counted(sequence.samples, "sample")];
-  if (sequence.samples > 1) facts.push(`one every ${spanText(sequence.period)}`);
-  facts.push(spanText(sequence.to - sequence.first));
-  const lost = sequence.samplesPerBin > 1 && canUnpack ? sequence.counters.filter((counter) =>
-    counter.min !== counter.max && !hasLevel(sequence, counter, levelsOf(sequence)[0])).length : 0;
-  if (lost) facts.push(`the samples of ${counted(lost, "counter")} did not fit into the page`);
-  byId("facts").textContent = facts.join(" · ");
+  if (comparison) tellComparison(sequence);
+  else byId("facts").textContent = factsOf(sequence);
+  const lost = sequence.counters.filter((counter) => lacksSamples(counter) || (counter.after && lacksSamples(counter.after))).length;
+  if (lost) byId("facts").append(` · the samples of ${counted(lost, "counter")} did not fit into the page`);
+  if (comparison) tellLimiting(["Before", "After"], sequence.sides);
+  else tellLimiting([], [sequence]);
   restoreSequence(address);
   makeRows();
 }
@@ -80,24 +110,31 @@ function start() {
   byId("theme").addEventListener("click", () => setTheme(document.documentElement.dataset.theme !== "dark"));
   setTheme(prefersDark.matches);
 
-  for (const paint of [drawTimeline, drawFrames, drawRows, drawCursor]) onPaint(paint);
+  for (const paint of [drawRows, drawTimeline, drawFrames]) onPaint(paint);
   for (const write of [writeTimeline, writeRows, writeCursor, writeSelection, writeAddress]) onWrite(write);
   const sizes = sequences.map(({ counters }) => counters.length);
-  const largest = sizes.indexOf(Math.max(...sizes));
+  const largest = comparison ? 0 : sizes.indexOf(Math.max(...sizes));
   const address = readAddress();
   const wanted = Number(address.get("sequence") ?? largest);
   const chosen = sequences[wanted] ? wanted : largest;
   state.first = largest;
   restoreControls(address);
+  if (comparison) restrictControls();
   byId("session").value = chosen;
   openSequence(chosen, address);
   startFrames();
   addEventListener("hashchange", () => location.reload());  // by hand or by a link: what the page writes itself does not tell
+  let theme = "light";
   addEventListener("beforeprint", () => {
+    theme = document.documentElement.dataset.theme;
+    setTheme(false);  // paper is light
     showForPrint();
     paintNow();
   });
-  addEventListener("afterprint", showForScreen);
+  addEventListener("afterprint", () => {
+    setTheme(theme === "dark");
+    showForScreen();
+  });
   new ResizeObserver(() => {
     measureHeader();
     schedule();

@@ -1,5 +1,6 @@
 // The head of the page: overview, ruler, and what they say of the view.
-import { colorOf, drawSeries, fitCanvas, pixelsOf, scaleOf, ticks } from "./charts.js";
+import { colorOf, contextOf, drawSeries, drawWindow, fitCanvas, pixelsOf, scaleOf, ticks } from "./charts.js";
+import { comparison } from "./compare.js";
 import { overviewOf } from "./data.js";
 import { byId, hueName, overview, setText } from "./dom.js";
 import { spanText, timeText } from "./format.js";
@@ -9,7 +10,7 @@ const { fontFamily } = getComputedStyle(document.body);
 
 function drawRuler(view) {
   const ruler = byId("ruler");
-  const width = ruler.clientWidth;
+  const width = ruler.parentElement.clientWidth;
   if (!fitCanvas(ruler, width, ruler.clientHeight)) return;
   const context = ruler.getContext("2d");
   const ratio = window.devicePixelRatio || 1;
@@ -22,45 +23,49 @@ function drawRuler(view) {
   for (const time of at) {
     const x = (time - view.from) / (view.to - view.from) * width;
     context.fillRect(Math.round(x), 0, 1, 5);
-    const text = timeText(time, step);
-    const half = context.measureText(text).width / 2;
-    context.fillText(text, Math.min(Math.max(0, x - half), width - 2 * half), 7);
+    const isFirst = x < 30;
+    const isLast = x > width - 30;
+    context.textAlign = isFirst ? "left" : isLast ? "right" : "center";
+    context.fillText(timeText(time, step), isFirst ? 0 : isLast ? width : x, 7);
   }
 }
 
-// Drawn anew only when it would look different.
+// The counter is drawn anew only when it would look different. The part in view is drawn over it: an element that moves
+// over the canvas makes the browser put its layers together again at each step.
 let drawn = [];
-function drawOverview(sequence) {
+let base = null;  // without the part in view
+function drawOverview(sequence, view) {
   const canvas = overview.querySelector("canvas");
-  const { clientWidth: width, clientHeight: height } = canvas;
+  const { clientWidth: width, clientHeight: height } = overview;
   const { counters } = sequence;
   const counter = state.current?.counter || counters.find(({ name }) => name === "GPU active cycles") ||
     counters.find(({ min, max }) => max > min) || counters[0];
   if (!counter) return;
   const hue = colorOf(hueName(counter.block));
-  const now = [counter, width, height, hue, byId("fit").checked];
-  if (now.every((part, i) => part === drawn[i])) return;
   if (!fitCanvas(canvas, width, height)) return;
-  drawn = now;
-  const piece = overviewOf(sequence, counter);
+  const now = [counter, canvas.width, canvas.height, hue, byId("fit").checked];
   const image = pixelsOf(canvas);
-  drawSeries(image, piece, sequence, scaleOf(counter, piece, sequence), hue);
-  canvas.getContext("2d").putImageData(image, 0, 0);
+  if (now.every((part, i) => part === drawn[i])) {
+    image.out.set(base);
+  } else {
+    drawn = now;
+    const piece = overviewOf(counter);
+    drawSeries(image, piece, sequence, scaleOf(counter, piece, sequence), hue);
+    base = image.out.slice();
+  }
+  drawWindow(image, sequence, view);
+  contextOf(canvas).putImageData(image, 0, 0);
 }
 
 export function drawTimeline() {
-  const { sequence, view } = state;
-  drawRuler(view);
-  drawOverview(sequence);
-  const span = sequence.to - sequence.from;
-  byId("window").style.left = `${(view.from - sequence.from) / span * 100}%`;
-  byId("window").style.width = `${(view.to - view.from) / span * 100}%`;
+  drawRuler(state.view);
+  drawOverview(state.sequence, state.view);
 }
 
 export function writeTimeline() {
   const { view } = state;
   const amounts = byId("amounts").value;
-  const heads = byId("columns").value === "percentiles" ? ["p50", "p95", "p99"]
+  const heads = comparison ? ["Before", "After", "Change"] : byId("columns").value === "percentiles" ? ["p50", "p95", "p99"]
     : ["Min", amounts === "total" ? "Total" : "Mean", "Max"];
   heads.forEach((text, i) => setText(document.querySelectorAll(".heads span")[i + 1], text));
   const from = Math.max(view.from, 0);  // the time that the first sample counted lies before it

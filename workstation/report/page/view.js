@@ -92,9 +92,14 @@ export function moveCursor(steps) {
 }
 
 function valueAt(row) {
-  const { edges, means } = row.piece || overviewOf(state.sequence, row.counter);
-  const { factor, unit } = shownAs(row.counter);
-  return short(means[stepAt(edges, state.at)] * factor, unit);
+  const { counter, piece, afterPiece } = row;
+  const text = (of, { edges, means }) => {
+    const { factor, unit } = shownAs(of);
+    const isInside = state.at <= of.sequence.to;
+    return short(isInside ? means[stepAt(edges, state.at)] * factor : NaN, unit);
+  };
+  const value = text(counter, piece || overviewOf(counter));
+  return counter.after ? `${value}\n${text(counter.after, afterPiece || overviewOf(counter.after))}` : value;
 }
 
 export function writeCursor() {

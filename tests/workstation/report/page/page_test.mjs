@@ -51,6 +51,8 @@ const rowNamed = (name) => `[...document.querySelectorAll(".row")].find((row) =>
 const numbers = (page, name) => page.evaluate(`${rowNamed(name)}.row.cells.columns.map(({ label, value }) => label.textContent + " " + value.textContent)`);
 const until = (page, name, expected) => page.until(`${rowNamed(name)}.row.cells.columns.map(({ value }) => value.textContent).join("|") === ${JSON.stringify(expected)}`);
 const cursorValue = (page, name) => page.evaluate(`${rowNamed(name)}.row.cells.at.textContent`);
+// The part of the time that is in view, in per cent.
+const shareInView = `(({ sequence, view }) => (view.to - view.from) / (sequence.to - sequence.from) * 100)(window.counterfeed.state)`;
 // Whether anything was painted into a chart besides grid lines: pixels of more than a few colours.
 const colorsIn = (page, name) => page.evaluate(`(() => {
   const { canvas } = ${rowNamed(name)}.row;
@@ -130,7 +132,7 @@ test("keys move the cursor, the view and the focus, and values are those of the 
   assert.match(await page.evaluate("document.activeElement.querySelector('.text').textContent"), /What it counts|Rises/);
   const name = await page.evaluate("document.activeElement.row.counter.name");
   await page.press("p");
-  assert.equal(await page.evaluate("document.querySelector('h2').textContent.trim()"), "Pinned 1");
+  assert.equal(await page.evaluate("document.querySelector('main h2').textContent.trim()"), "Pinned 1");
   assert.equal(await page.evaluate("document.querySelector('.row').row.counter.name"), name);
   assert.equal(await page.evaluate("document.activeElement.closest('.row').row.counter.name"), name);
   await page.press("?");
@@ -143,7 +145,7 @@ test("keys move the cursor, the view and the focus, and values are those of the 
 test("mouse and fingers zoom", async () => {
   const page = await openClean(short);
   const plot = await page.box(".plot");
-  const span = () => page.evaluate("parseFloat(document.getElementById('window').style.width)");
+  const span = () => page.evaluate(shareInView);
   await page.call("Input.dispatchMouseEvent", { type: "mouseWheel", x: plot.x, y: plot.y, deltaX: 0, deltaY: -200, modifiers: 2 });
   await page.settle();
   const afterWheel = await span();
@@ -163,7 +165,7 @@ test("mouse and fingers zoom", async () => {
   for (const apart of [40, 60, 90]) await phone.touch("touchMove", points(apart));
   await phone.touch("touchEnd", []);
   await phone.settle();
-  assert.ok(await phone.evaluate("parseFloat(document.getElementById('window').style.width) < 50"));
+  assert.ok(await phone.evaluate(`${shareInView} < 50`));
   await phone.close();
 });
 
@@ -223,7 +225,7 @@ test("a selection has true sums and percentiles, by address, mouse and key", asy
   await page.settle();
   assert.match(await page.text("#selected"), /^(4\.9|5)\d* s selected/);
   await page.press("z");
-  assert.ok(await page.evaluate("Math.abs(parseFloat(document.getElementById('window').style.width) - 25) < 2"));
+  assert.ok(await page.evaluate(`Math.abs(${shareInView} - 25) < 2`));
   await page.close();
 });
 
@@ -254,7 +256,7 @@ test("counters are drawn over others, and the address keeps everything", async (
   for (const key of ["p", "w", "f"]) await page.press(key);
   await page.until("location.hash.includes('fit') && location.hash.includes('view') && location.hash.includes('over')");
   const url = await page.evaluate("location.href");
-  const look = `[...document.querySelectorAll("h2, #view, #at, .legend, .row:first-child dd")].map((node) => node.textContent).join("|")`;
+  const look = `[...document.querySelectorAll("main h2, #view, #at, .legend, .row:first-child dd")].map((node) => node.textContent).join("|")`;
   const before = await page.evaluate(look);
   await page.close();
   const again = await openClean(url);
@@ -269,20 +271,42 @@ test("counters are drawn over others, and the address keeps everything", async (
   await again.close();
 });
 
+test("what limits a known GPU stands above, and leads to its counter", async () => {
+  const busy = { id: 65538, name: "Fragment queue utilization", unit: "percent", value: () => 95, description: "It is busy. Take work away." };
+  const idle = { id: 65608, name: "Texture unit utilization", unit: "percent", value: () => 5 };
+  const page = await openClean(`${write("known", counterTrace({ counters: [idle, busy], samples: 50 }))}#q=texture`);
+  assert.match(await page.text("#limiting"), /The fragment queue is the busiest: .* 95.*Take work away\./);
+  await page.click("#limiting button");
+  assert.equal(await page.evaluate("document.activeElement.row.counter.name"), busy.name);
+  await page.close();
+  const calm = await openClean(write("calm", counterTrace({ counters: [idle], samples: 50 })));
+  assert.match(await calm.text("#limiting"), /Nothing stands out/);
+  await calm.close();
+  const unknown = await openClean(short);
+  assert.ok(await unknown.evaluate("document.getElementById('limiting').hidden"));
+  await unknown.close();
+});
+
 test("frames are shown where the samples are, and the longest are found", async () => {
   const ms = (time) => 1e9 + time * 1e6;
   // Twenty frames of 9 ms; the eighth takes 19 ms, and misses a deadline.
-  const frames = Array.from({ length: 20 }, (_, i) => ({ start: ms(10 * i), end: ms(10 * i + (i === 7 ? 19 : 9)), jank: i === 7 ? 64 : 1 }));
+  const frames = Array.from({ length: 20 }, (_, i) =>
+    ({ start: ms(10 * i), end: ms(10 * i + (i === 7 ? 19 : 9)), expectedEnd: ms(10 * i + 9.5), jank: i === 7 ? 64 : 1 }));
   frames.push({ start: ms(50), end: ms(60), jank: 1, layer: "Game <i>#1" });
   const page = await openClean(write("frames", Buffer.concat([counterTrace({ counters, samples: 301 }), frameTrace(frames, 77e9)])));
   assert.ok(await page.evaluate("document.getElementById('frames').offsetHeight > 0"));
   assert.deepEqual(await page.evaluate("[...document.getElementById('layer').options].map(({ text }) => text)"),
     ["the display (20)", "Game <i>#1 (1)"]);
   const lane = await page.box("#frames");
+  // Above and below the frames themselves only the marks of their expected ends stand out.
+  assert.equal(await page.evaluate(`(() => {
+    const { width } = document.getElementById("frames");
+    const { data } = document.getElementById("frames").getContext("2d").getImageData(0, 1, width, 1);
+    return data.filter((value, i) => i % 4 === 3 && value === 255).length; })()`), 20);
   await page.mouse("mousePressed", lane.left + lane.width * 0.25, lane.y);
   await page.mouse("mouseReleased", lane.left + lane.width * 0.25, lane.y);
   await page.settle();
-  assert.match(await page.text("#frame"), /^Frame 8 of 20: 19 ms, the application's deadline$/);
+  assert.match(await page.text("#frame"), /^Frame 8 of 20: 19 ms, the application's deadline, 9.5 ms past its expected end$/);
   // Its samples are 71 to 89: the frame begins with the end of sample 70.
   assert.deepEqual(await numbers(page, "Ramp"), ["Min 71", "Mean 80", "Max 89"]);
   await page.press(".");
@@ -295,4 +319,62 @@ test("frames are shown where the samples are, and the longest are found", async 
   await page.click("#longest button");
   assert.match(await page.text("#frame"), /^Frame 8 /);
   await page.close();
+});
+
+test("two traces are shown over each other, and what changed stands first", async () => {
+  let seed = 1;
+  const noise = () => (seed = (seed * 1103515245 + 12345) % 2 ** 31) / 2 ** 31;
+  // The second trace has half as many samples of twice the length: the same rates are twice as much for each.
+  const side = (per, change, more) => [
+    { id: 1, name: "Steady", value: () => per * (90 + 20 * noise()) },
+    { id: 2, name: "Grown", unit: "byte", value: () => per * change * (90 + 20 * noise()), description: "Is more. Hardware name: GROWN." },
+    { id: 3, name: "Shrunk", unit: "percent", value: () => 40 / change + noise() },
+    { ...more, value: (i) => i % 9 },
+  ];
+  const traceOf = (name, settings) => {
+    writeFileSync(join(folder, name), counterTrace(settings));
+    return join(folder, name);
+  };
+  const first = traceOf("first.trace", { counters: side(1, 1, { id: 8, name: "Left behind" }), samples: 4000 });
+  const second = traceOf("second.trace", { counters: side(2, 1.5, { id: 9, name: "Newcomer" }), samples: 2500, period: 2e6, first: 9e9 });
+  execFileSync(process.env.COUNTERFEED_REPORT, ["--compare", first, second, "--html", "-o", join(folder, "compare.html")]);
+  const url = pathToFileURL(join(folder, "compare.html")).href;
+  const page = await openClean(url);
+  assert.deepEqual(await page.evaluate("[...document.querySelectorAll('main h2, .row')].map((node) => node.row?.counter.name ?? node.textContent.trim())"),
+    ["Changed 2", "Grown", "Shrunk", "May be chance 1", "Steady"]);
+  await page.until(`${rowNamed("Steady")}.row.cells.columns[0].value.textContent !== ""`);
+  const shown = async (name) => (await numbers(page, name)).join(", ").replace("\n", " ");
+  assert.match(await shown("Grown"), /^Before (99\.\d+|100(\.\d)?) k, After 1(49\.\d|50(\.\d)?) k, Change \+(49|50)(\.\d)? % changed$/);
+  assert.match(await shown("Shrunk"), /^Before 40\.\d+ %, After 27\.\d+ %, Change −3\d(\.\d)? % changed$/);
+  assert.match(await shown("Steady"), /chance\?$/);
+  // Amounts are drawn as rates: those of "Steady" are at one height, those of "Grown" are not.
+  const heights = (name) => page.evaluate(`(() => {
+    const { canvas } = ${rowNamed(name)}.row;
+    const { data } = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
+    const pixels = new Uint32Array(data.buffer);
+    return ["--before", "--after"].map((side) => {
+      const hex = getComputedStyle(document.documentElement).getPropertyValue(side).trim();
+      const pixel = Number("0xff" + hex.slice(5, 7) + hex.slice(3, 5) + hex.slice(1, 3));
+      const rows = [...pixels.keys()].filter((at) => pixels[at] === pixel && at % canvas.width < canvas.width / 2).map((at) => at / canvas.width);
+      return rows.reduce((sum, row) => sum + row, 0) / rows.length;
+    });
+  })()`);
+  const [steady, grown] = [await heights("Steady"), await heights("Grown")];
+  assert.ok(Math.abs(steady[0] - steady[1]) < 4, `${steady}`);
+  assert.ok(grown[0] - grown[1] > 10, `${grown}`);
+  assert.match(await page.text("#sides"), /Before first\.trace.*4,000 samples, one every 1 ms.*After second\.trace.*one every 2 ms/);
+  assert.match(await page.text("#alone"), /Only before: 1 counterLeft behind.*Only after: 1 counterNewcomer/);
+  await page.press("ArrowDown");
+  await page.press("Enter");
+  assert.match(await page.text(".row .text"), /^From .* byte.* to .*: \+(49|50)(\.\d)? %, more than chance\. With a probability of 95 %/);
+  // Where one side has ended, only the other has values.
+  await page.press("End");
+  assert.match(await cursorValue(page, "Shrunk"), /^–\n27\.\d+ %$/);
+  await page.close();
+  const part = await openClean(`${url}#selection=4.5~4.9`, { width: 390, height: 844, isPhone: true, isDark: true });
+  await part.until(`${rowNamed("Shrunk")}.row.cells.columns[0].value.textContent !== ""`);
+  assert.match((await numbers(part, "Shrunk")).join(), /^Before –,After 27\.\d+ %,Change –$/);
+  await part.evaluate(readFileSync(process.env.AXE, "utf8"));
+  assert.deepEqual(await part.evaluate("axe.run().then(({ violations }) => violations.map(({ id, nodes }) => `${id}: ${nodes[0].html}`))"), []);
+  await part.close();
 });

@@ -39,12 +39,17 @@ export function counterTrace({ counters, samples, period = 1e6, first = 1e9, seq
   return Buffer.concat(packets);
 }
 
-// A frame timeline on a clock that is so far ahead of that of the counters. frames: [{ start, end, jank, layer }], on the
-// counters' clock, in nanoseconds.
+// A frame timeline on a clock that is so far ahead of that of the counters. frames: [{ start, end, expectedEnd, jank, layer }],
+// on the counters' clock, in nanoseconds.
 export function frameTrace(frames, ahead) {
   const at = (time) => BigInt(Math.round(time));
   const packets = [packet(1, nested(6, nested(1, number(1, 6), number(2, at(1e9 + ahead))), nested(1, number(1, 5), number(2, at(1e9)))))];
-  frames.forEach(({ start, end, jank, layer }, i) => {
+  frames.forEach(({ start, end, expectedEnd, jank, layer }, i) => {
+    if (expectedEnd) {
+      const cookie = 1000 + i;
+      packets.push(packet(1, number(8, at(start + ahead)), nested(76, nested(1, number(1, cookie), number(2, i)))));
+      packets.push(packet(1, number(8, at(expectedEnd + ahead)), nested(76, nested(5, number(1, cookie)))));
+    }
     const what = layer ? nested(4, number(1, i), number(2, i), text(5, layer), number(9, jank))
       : nested(2, number(1, i), number(2, i), number(7, jank));
     packets.push(packet(1, number(8, at(start + ahead)), nested(76, what)));
