@@ -56,20 +56,20 @@ std::string in_quotes(const std::string& text) {
 
 }  // namespace
 
-void add_recording_options(options& table, recording& how, bool& given) {
+void add_recording_options(options& table, recording& how, recording_given& given) {
     table.number("-p,--period", "MS",
                  fmt::format("milliseconds between samples, {} to {} (default {})", min_period_ms,
                              max_period_ms, how.period_ms),
                  min_period_ms, max_period_ms, [&how, &given](std::uint64_t value) {
                      how.period_ms = value;
-                     given = true;
+                     given.period = true;
                  });
     table.number("-t,--duration", "S",
                  fmt::format("seconds to record, up to {}, a week (default {}); 0 records until stopped",
                              max_duration_s, how.duration_s),
                  0, max_duration_s, [&how, &given](std::uint64_t value) {
                      how.duration_s = value;
-                     given = true;
+                     given.duration = true;
                  });
 }
 

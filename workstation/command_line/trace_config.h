@@ -18,9 +18,17 @@ inline constexpr std::uint64_t min_period_ms = 1;
 inline constexpr std::uint64_t max_period_ms = 1000;
 inline constexpr std::uint64_t max_duration_s = 604800;
 
+// Which of the options below were there.
+struct recording_given {
+    bool period = false;
+    bool duration = false;
+
+    bool any() const { return period || duration; }
+};
+
 class options;
 // --period and --duration.
-void add_recording_options(options& table, recording& how, bool& given);
+void add_recording_options(options& table, recording& how, recording_given& given);
 
 // The text form of a config for the tracing service, as "perfetto --txt -c" takes it, that records these
 // counters. Its comments say which GPUs it is for. The names of the counters stand beside their ids in a

@@ -106,7 +106,7 @@ bool contains_word(const std::string& text, const std::string& word) {
 
 request read_command_line(int argument_count, char** arguments) {
     request result;
-    bool timing = false;
+    recording_given timing;
     options table(
         {"--gpu GPU [OPTION...] [NAME...]", "--device STATE [OPTION...] [NAME...]", "--gpus [--json|--csv]"},
         "Lists the counters of a GPU. A single counter is shown in full. NAME is a counter's name in "
@@ -166,7 +166,7 @@ request read_command_line(int argument_count, char** arguments) {
     } else if (result.unit) {
         check_unit(*result.unit, *result.of);
     }
-    if (timing && result.what != action::config) {
+    if (timing.any() && result.what != action::config) {
         fail_usage("--period and --duration go with --config");
     }
     if (!result.preset.empty() && !result.names.empty()) {

@@ -31,7 +31,7 @@ struct request {
     std::string preset;
     std::string config;
     recording timing;
-    bool timing_given = false;
+    recording_given given;
     bool detached = false;
     std::string trace;
     std::string page;
@@ -72,7 +72,7 @@ request read_command_line(int argument_count, char** arguments) {
         "what this trace config says, if the ids in it have on the device the names that stand behind "
         "them as comments",
         result.config);
-    add_recording_options(table, result.timing, result.timing_given);
+    add_recording_options(table, result.timing, result.given);
     table.section("Where");
     table.flag("-a,--adb", "on the device behind adb, not on this machine", result.behind_adb);
     table.value("-s,--serial", "SERIAL", "on the device behind adb with this serial number",
@@ -100,10 +100,10 @@ request read_command_line(int argument_count, char** arguments) {
         fail_usage(ways == 0 ? "say what to record: names, --preset or --config"
                              : "names, --preset and --config exclude each other");
     }
-    if (!result.config.empty() && result.timing_given) {
+    if (!result.config.empty() && result.given.any()) {
         fail_usage("--period and --duration stand in the config");
     }
-    if (result.detached && !result.timing_given) {
+    if (result.detached && !result.given.duration) {
         result.timing.duration_s = 0;
     }
     if (result.trace.empty()) {

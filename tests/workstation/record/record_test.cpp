@@ -255,6 +255,9 @@ TEST_F(Record, RecordingsEndWhenTold) {
     EXPECT_THAT(dry.out, HasSubstr("\nadb pull /data/misc/perfetto-traces/trace " + trace() + "\n"));
     EXPECT_THAT(dry.out, HasSubstr("counterfeed-report --html --output " + trace() + ".html"));
     EXPECT_FALSE(std::filesystem::exists(trace()));
+    // A long one without a duration ends when it is told to, whatever its period.
+    const arguments endless{"--long", "--period", "5", "--dry-run", "GPU_ACTIVE"};
+    EXPECT_THAT(run_tool(RECORD, endless).out, Not(HasSubstr("duration_ms")));
 
     for (const char* const place : {"", "--adb"}) {
         arguments command{RECORD, "-o", trace(), "-t", "0", "-p", "5", "--record-only", "GPU_ACTIVE"};
