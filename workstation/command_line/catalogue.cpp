@@ -265,6 +265,36 @@ std::vector<counter> counters_named(const gpu& from, const std::vector<std::stri
     return result;
 }
 
+std::vector<counter> with_operands(const gpu& from, const std::vector<counter>& chosen) {
+    // What an expression calls a counter; a number of the GPU is an expression of its own.
+    const std::map<std::uint32_t, std::vector<std::string>> steps =
+        from.table != 0 ? hwc::counter_steps(from.table)
+                        : std::map<std::uint32_t, std::vector<std::string>>();
+    std::map<std::string, std::uint32_t> ids;
+    for (const auto& [id, step] : steps) {
+        if (step.size() == 1) {
+            ids.emplace(step[0], id);
+        }
+    }
+    std::set<std::uint32_t> wanted;
+    for (const counter& each : chosen) {
+        wanted.insert(each.id);
+        const auto expression = steps.find(each.id);
+        if (expression == steps.end()) {
+            continue;
+        }
+        for (const std::string& step : expression->second) {
+            if (const auto operand = ids.find(step); operand != ids.end()) {
+                wanted.insert(operand->second);
+            }
+        }
+    }
+    std::vector<counter> result;
+    std::copy_if(from.counters.begin(), from.counters.end(), std::back_inserter(result),
+                 [&wanted](const counter& each) { return wanted.count(each.id) != 0; });
+    return result;
+}
+
 std::string nearest_names(const gpu& from, const std::string& name) {
     std::multimap<std::size_t, std::string> by_distance;
     for (const counter& each : from.counters) {

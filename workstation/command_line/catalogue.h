@@ -62,6 +62,10 @@ enum class bare_word { refused, searches };
 std::vector<counter> counters_named(const gpu& from, const std::vector<std::string>& names,
                                     bare_word otherwise = bare_word::refused);
 
+// Counters and what their expressions read: other counters, and those that report the GPU's own numbers; in
+// the GPU's order. What no expression is known of stands alone.
+std::vector<counter> with_operands(const gpu& from, const std::vector<counter>& chosen);
+
 // The names nearest to one that no counter has, as the end of a sentence; empty when none is near.
 std::string nearest_names(const gpu& from, const std::string& name);
 

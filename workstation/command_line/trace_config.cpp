@@ -4,8 +4,10 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
+#include <bit>
 #include <cctype>
 #include <cstring>
+#include <numeric>
 #include <string_view>
 
 #include "workstation/command_line/options.h"
@@ -54,6 +56,20 @@ std::string in_quotes(const std::string& text) {
     return "\"" + result + "\"";
 }
 
+// What the values of a sample take in a trace: each one tag and length, its id behind a tag, and a
+// floating-point number behind a tag.
+std::size_t value_bytes(const std::vector<counter>& counters) {
+    return std::accumulate(
+        counters.begin(), counters.end(), std::size_t{0}, [](std::size_t sum, const counter& each) {
+            const int id_bits = std::bit_width(each.id | 1U);
+            return sum + 2 + 1 + static_cast<std::size_t>((id_bits + 6) / 7) + 1 + sizeof(double);
+        });
+}
+
+double kilobytes_a_second(std::size_t bytes_of_sample, const recording& how) {
+    return static_cast<double>(bytes_of_sample) / static_cast<double>(how.period_ms);
+}
+
 }  // namespace
 
 void add_recording_options(options& table, recording& how, recording_given& given) {
@@ -71,6 +87,29 @@ void add_recording_options(options& table, recording& how, recording_given& give
                      how.duration_s = value;
                      given.duration = true;
                  });
+}
+
+void add_operands_option(options& table, bool& wanted) {
+    table.flag("-O,--with-operands",
+               "record what the derived counters are worked out from as well, so that the report has them "
+               "over any time and not just their samples; says what that costs",
+               wanted);
+}
+
+std::vector<counter> add_operands(const gpu& of, const std::vector<counter>& chosen, const recording& how) {
+    if (of.table == 0) {
+        complain("what the counters of " + of.name + " are worked out from is not known: nothing is added");
+        return chosen;
+    }
+    std::vector<counter> result = with_operands(of, chosen);
+    const std::size_t before = value_bytes(chosen);
+    const std::size_t after = value_bytes(result);
+    complain(fmt::format(
+        "with operands {} counters instead of {}: the values of a sample take {} bytes instead of {}, "
+        "those of a second {:.1f} kB instead of {:.1f}",
+        result.size(), chosen.size(), after, before, kilobytes_a_second(after, how),
+        kilobytes_a_second(before, how)));
+    return result;
 }
 
 std::string trace_config(const gpu& of, const std::vector<counter>& counters, const recording& how) {

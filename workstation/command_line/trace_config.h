@@ -30,6 +30,13 @@ class options;
 // --period and --duration.
 void add_recording_options(options& table, recording& how, recording_given& given);
 
+// --with-operands, which adds to what is recorded all that a report needs to work out its derived counters
+// over a span of time.
+void add_operands_option(options& table, bool& wanted);
+
+// Does so, and says on standard error what it costs.
+std::vector<counter> add_operands(const gpu& of, const std::vector<counter>& chosen, const recording& how);
+
 // The text form of a config for the tracing service, as "perfetto --txt -c" takes it, that records these
 // counters. Its comments say which GPUs it is for. The names of the counters stand beside their ids in a
 // comment, and in the field for free text as well, so that they get into the trace.

@@ -40,6 +40,7 @@ struct request {
     action what = action::list;
     format how = format::table;
     recording timing;
+    bool operands = false;
     std::string preset;
 
     bool has_filter() const {
@@ -155,6 +156,7 @@ request read_command_line(int argument_count, char** arguments) {
     table.flag("-C,--config", "write a trace config that records them, for 'perfetto --txt -c'",
                [&result] { set_action(result, action::config); });
     add_recording_options(table, result.timing, timing);
+    add_operands_option(table, result.operands);
     result.names = table.parse(argument_count, arguments);
 
     if (result.what == action::list_gpus) {
@@ -166,8 +168,8 @@ request read_command_line(int argument_count, char** arguments) {
     } else if (result.unit) {
         check_unit(*result.unit, *result.of);
     }
-    if (timing.any() && result.what != action::config) {
-        fail_usage("--period and --duration go with --config");
+    if ((timing.any() || result.operands) && result.what != action::config) {
+        fail_usage("--period, --duration and --with-operands go with --config");
     }
     if (!result.preset.empty() && !result.names.empty()) {
         fail_usage("--preset and names exclude each other");
@@ -274,7 +276,9 @@ int main(int argument_count, char** arguments) {
     }
     const std::vector<counter> chosen = chosen_counters(asked);
     if (asked.what == action::config) {
-        fmt::print("{}", trace_config(*asked.of, chosen, asked.timing));
+        fmt::print("{}", trace_config(*asked.of,
+                                      asked.operands ? add_operands(*asked.of, chosen, asked.timing) : chosen,
+                                      asked.timing));
     } else if (asked.what == action::details || (chosen.size() == 1 && asked.how == format::table)) {
         for (const counter& each : chosen) {
             std::fputs(&each == &chosen.front() ? "" : "\n", stdout);

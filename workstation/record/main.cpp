@@ -36,6 +36,7 @@ struct request {
     std::string trace;
     std::string page;
     bool shows_results = true;
+    bool operands = false;
     bool behind_adb = false;
     std::string serial;
     bool dry_run = false;
@@ -73,6 +74,7 @@ request read_command_line(int argument_count, char** arguments) {
         "them as comments",
         result.config);
     add_recording_options(table, result.timing, result.given);
+    add_operands_option(table, result.operands);
     table.section("Where");
     table.flag("-a,--adb", "on the device behind adb, not on this machine", result.behind_adb);
     table.value("-s,--serial", "SERIAL", "on the device behind adb with this serial number",
@@ -103,6 +105,9 @@ request read_command_line(int argument_count, char** arguments) {
     if (!result.config.empty() && result.given.any()) {
         fail_usage("--period and --duration stand in the config");
     }
+    if (!result.config.empty() && result.operands) {
+        fail_usage("--config says all that is recorded, and goes without --with-operands");
+    }
     if (result.detached && !result.given.duration) {
         result.timing.duration_s = 0;
     }
@@ -129,8 +134,11 @@ gpu find_gpu(const place& where) {
 
 std::string make_config(const request& asked, const gpu& of) {
     if (asked.config.empty()) {
-        const std::vector<counter> counters =
+        std::vector<counter> counters =
             asked.preset.empty() ? counters_named(of, asked.names) : preset_counters(of, asked.preset);
+        if (asked.operands) {
+            counters = add_operands(of, counters, asked.timing);
+        }
         return trace_config(of, counters, asked.timing);
     }
     std::string config = file_argument(asked.config);

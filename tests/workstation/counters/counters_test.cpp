@@ -183,6 +183,37 @@ TEST(Counters, ServiceTakesConfigs) {
     EXPECT_EQ(ids, ids_in(config));
 }
 
+// With operands a config has all that the expressions name, and nothing else.
+TEST(Counters, OperandsAreWhatExpressionsName) {
+    for (const unsigned product : product_of_table) {
+        const json all = list(product);
+        std::map<std::string, std::uint32_t> ids;
+        for (const json& each : all) {
+            ids.emplace(each["expression"], each["id"]);
+        }
+        for (const char* const block : {"job-manager", "tiler", "memory-system", "shader-core", "gpu"}) {
+            const arguments of_block{"--config", "--derived", "--block", block};
+            const std::vector<std::uint32_t> plain = ids_in(counters(product, of_block).out);
+            std::set<std::uint32_t> expected(plain.begin(), plain.end());
+            for (const json& each : all) {
+                const std::string text = each["expression"];
+                const std::regex word("[A-Z][A-Z0-9_]*");
+                for (std::sregex_iterator match(text.begin(), text.end(), word), end; match != end; ++match) {
+                    if (std::count(plain.begin(), plain.end(), each["id"]) != 0) {
+                        expected.insert(ids.at(match->str()));
+                    }
+                }
+            }
+            arguments with = of_block;
+            with.emplace_back("--with-operands");
+            const tool_result whole = counters(product, with);
+            EXPECT_EQ(ids_in(whole.out), std::vector(expected.begin(), expected.end())) << product << block;
+            EXPECT_THAT(whole.err, HasSubstr(" " + std::to_string(expected.size()) + " counters instead of " +
+                                             std::to_string(plain.size()) + ":"));
+        }
+    }
+}
+
 // The GPUs for which a config says that it is have its counters.
 TEST(Counters, ShippedConfigsFitTheirGpus) {
     std::size_t files = 0;
@@ -298,6 +329,7 @@ TEST(Counters, Complaints) {
         {"-g|9|-C|-p|1001", 2, "not \"1001\""},
         {"-g|9|-C|--duration=-1", 2, "not \"-1\""},
         {"-g|9|-t|5", 2, "go with --config"},
+        {"-g|9|-O", 2, "go with --config"},
         {"-g|9|-C|-j", 2, "--json"},
         {"-g|9|-j|-c", 2, "--json and --csv exclude each other"},
         {"-g|9|-C|-D", 2, "--details, --config and --gpus exclude each other"},

@@ -170,6 +170,13 @@ TEST_F(Record, NamesBecomeATraceHereAndBehindAdb) {
         EXPECT_EQ(run_tool(RECORD, with_output({"--preset", "memory-bandwidth", "-p", "5"})).status, 0);
         EXPECT_THAT(sampled(), testing::Contains("Output external write bytes"));
         std::filesystem::remove(trace());
+        // With its operands each ratio of the report is the expression over their sums.
+        EXPECT_EQ(run_tool(RECORD, with_output({"--with-operands", "--preset", "overview"})).status, 0);
+        for (const json& each :
+             json::parse(run_tool(REPORT, {"--json", trace()}).out)["sequences"][0]["counters"]) {
+            EXPECT_EQ(each["weighting"], "exact") << each;
+        }
+        std::filesystem::remove(trace());
     }
 }
 
