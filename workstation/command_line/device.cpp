@@ -9,7 +9,19 @@
 
 namespace qel::vexa::command_line {
 
+namespace {
+
+// A heading of the form of the state that is for people.
+constexpr const char* heading_of_text = "DATA SOURCES REGISTERED";
+
+}  // namespace
+
 gpu gpu_of_state(const std::string& bytes, const std::string& source) {
+    if (bytes.find(heading_of_text) != std::string::npos) {
+        fail(exit_failure, source +
+                               " is what \"perfetto --query\" prints, which has data sources but no names "
+                               "of counters: give what \"perfetto --query-raw\" prints");
+    }
     const auto offers = protocol::read_counter_sources(bytes);
     if (!offers || bytes.empty()) {
         fail(exit_failure,

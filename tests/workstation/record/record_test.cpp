@@ -224,6 +224,8 @@ TEST_F(Record, OffersOfOurGpusAreRecognised) {
     EXPECT_EQ(run_tool(COUNTERS, {"--device", state, "--json"}).out, expected);
     EXPECT_EQ(run_tool(COUNTERS, {"-i", "-", "--json"}, state).out, expected);
     EXPECT_EQ(run_tool(COUNTERS, {"--device", service.folder.file("adb"), "--json"}).status, 1);
+    EXPECT_EQ(std::system(("perfetto --query >" + state).c_str()), 0);
+    EXPECT_THAT(run_tool(COUNTERS, {"--device", state}).err, HasSubstr("\"perfetto --query-raw\" prints"));
 
     // A config for a GPU with other ids, one for this GPU, and one that tells no names.
     const std::string config = service.folder.file("config");
