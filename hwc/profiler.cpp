@@ -109,7 +109,7 @@ saturating_double profiler::raw_value(const std::uint32_t* sample, std::uint32_t
     if (counters.find(id) != nullptr) {
         return operands_in(sample, raw_values::class_of(id))[id];
     }
-    // A row of no table reads its counter all the same.
+    // A row that the table does not have reads its counter all the same.
     scratch_.take(*this, sample, raw_values::class_of(id));
     return scratch_[id];
 }
