@@ -44,6 +44,52 @@ std::uint64_t moved(std::uint64_t time, const std::map<std::uint64_t, std::uint6
 
 }  // namespace
 
+std::string layer_name(const std::string& layer) {
+    return layer.empty() ? "display" : layer;
+}
+
+bool is_late(const frame& one) {
+    return one.jank > 1 || one.is_dropped;
+}
+
+std::string jank_text(const frame& one) {
+    // By the bits from the second on.
+    static constexpr const char* reasons[] = {"scheduling of the compositor",
+                                              "a wrong prediction",
+                                              "the display's driver",
+                                              "the compositor's CPU deadline",
+                                              "the compositor's GPU deadline",
+                                              "the application's deadline",
+                                              "stuffed buffers",
+                                              "an unknown reason",
+                                              "a stuffed compositor"};
+    std::string result = one.is_dropped ? "dropped" : "";
+    std::uint32_t bit = 2;
+    for (const char* const reason : reasons) {
+        if ((one.jank & bit) != 0) {
+            result += (result.empty() ? "" : ", ") + std::string(reason);
+        }
+        bit <<= 1;
+    }
+    return !result.empty() ? result : one.jank > 1 ? "late" : "on time";
+}
+
+std::vector<frame_layer> layers_of(const std::vector<frame>& frames) {
+    std::vector<frame_layer> result;
+    std::map<std::string, std::size_t> places;
+    for (const frame& one : frames) {
+        const auto [entry, is_new] = places.try_emplace(one.layer, result.size());
+        if (is_new) {
+            result.push_back({.name = layer_name(one.layer)});
+        }
+        frame_layer& layer = result[entry->second];
+        ++layer.frames;
+        layer.late += is_late(one) ? 1U : 0U;
+        layer.longest = std::max(layer.longest, one.end - one.start);
+    }
+    return result;
+}
+
 void frame_timeline::on_clocks(std::string_view snapshot) {
     std::map<std::uint32_t, std::uint64_t> times;
     for_each_field(snapshot, [&times](const field& each) {
@@ -141,17 +187,25 @@ void frame_timeline::on_event(std::uint64_t time, std::uint32_t clock, std::stri
 
 void frame_timeline::add(finished&& one) {
     finished_.push_back(std::move(one));
-    if (finished_.size() >= 2 * most_frames) {
-        std::nth_element(finished_.begin(), finished_.begin() + most_frames, finished_.end(),
-                         [](const finished& left, const finished& right) {
-                             return left.whole.end - left.whole.start > right.whole.end - right.whole.start;
-                         });
-        left_out_ += finished_.size() - most_frames;
-        finished_.resize(most_frames);
+    if (finished_.size() >= limit_ + limit_ / 4) {
+        leave_out_shortest();
     }
 }
 
+void frame_timeline::leave_out_shortest() {
+    if (finished_.size() <= limit_) {
+        return;
+    }
+    std::nth_element(finished_.begin(), finished_.begin() + static_cast<std::ptrdiff_t>(limit_),
+                     finished_.end(), [](const finished& left, const finished& right) {
+                         return left.whole.end - left.whole.start > right.whole.end - right.whole.start;
+                     });
+    left_out_ += finished_.size() - limit_;
+    finished_.resize(limit_);
+}
+
 std::vector<frame> frame_timeline::finish() {
+    leave_out_shortest();
     std::vector<frame> result;
     for (finished& one : finished_) {
         const auto snapshots = raw_time_.find(one.clock);

@@ -21,11 +21,28 @@ struct frame {
     bool is_dropped;
 };
 
+// A layer's name; "display" for the display's own frames.
+std::string layer_name(const std::string& layer);
+// What the timeline says of a frame: "on time", or what made it late or dropped.
+bool is_late(const frame& one);
+std::string jank_text(const frame& one);
+
+struct frame_layer {
+    std::string name;
+    std::size_t frames = 0;
+    std::size_t late = 0;
+    std::uint64_t longest = 0;  // nanoseconds
+};
+// In the order in which they begin.
+std::vector<frame_layer> layers_of(const std::vector<frame>& frames);
+
 // Takes the frame timeline of a trace while it is read, in a bounded amount of memory: of more frames than
 // the limit the shortest are left out.
 class frame_timeline {
 public:
     static constexpr std::size_t most_frames = 65536;
+
+    explicit frame_timeline(std::size_t limit = most_frames) : limit_(limit) {}
 
     // A ClockSnapshot.
     void on_clocks(std::string_view snapshot);
@@ -50,7 +67,9 @@ private:
     };
 
     void add(finished&& one);
+    void leave_out_shortest();
 
+    const std::size_t limit_;
     // Of each clock, by its time, the time of CLOCK_MONOTONIC_RAW.
     std::map<std::uint32_t, std::map<std::uint64_t, std::uint64_t>> raw_time_;
     std::map<std::int64_t, started> started_;  // by cookie

@@ -76,7 +76,14 @@ void write_json(std::ostream& out, const page_source& source) {
                 {"amounts", amount_form_names[static_cast<std::size_t>(source.amounts)]},
                 {"percentileError", value_histogram::largest_error},
                 {"problems", source.problems},
-                {"sequences", json::array()}};
+                {"sequences", json::array()},
+                {"frames", json::array()}};
+    for (const frame_layer& layer : layers_of(source.frames)) {
+        result["frames"].push_back({{"layer", layer.name},
+                                    {"frames", layer.frames},
+                                    {"late", layer.late},
+                                    {"longestMs", static_cast<double>(layer.longest) / 1e6}});
+    }
     for (const auto& [from, summary] : source.sequences) {
         if (summary.samples == 0) {
             continue;

@@ -25,9 +25,11 @@
 #include "workstation/command_line/options.h"
 #include "workstation/command_line/output.h"
 #include "workstation/command_line/program.h"
+#include "workstation/report/by_frame.h"
 #include "workstation/report/compare.h"
 #include "workstation/report/frames.h"
 #include "workstation/report/json_values.h"
+#include "workstation/report/text_layout.h"
 #include "workstation/report/trace_file.h"
 #include "workstation/report/writers.h"
 
@@ -43,6 +45,7 @@ constexpr int exit_partly = 1;
 constexpr int exit_unusable = 2;  // wrong usage too
 constexpr int exit_gate = 3;
 constexpr std::uint64_t most_bins = 65536;
+constexpr const char* all_layers = "any layer";  // when --by-frame stands alone
 
 enum class output_form { summary, csv_wide, csv_long, html, json };
 
@@ -59,6 +62,7 @@ struct settings {
     std::optional<double> to;
     std::optional<std::size_t> bins;
     std::uint64_t page_megabytes = 20;
+    std::optional<std::string> by_frame;  // of layers whose names hold this; of all when empty
     // What is compared; empty when one trace is shown.
     std::vector<std::string> before;
     std::vector<std::string> after;
@@ -71,6 +75,8 @@ struct settings {
     }
     bool is_csv() const { return form == output_form::csv_wide || form == output_form::csv_long; }
     bool has_limits() const { return from || to; }
+    // An hour of two layers at 60 Hz is 432000 frames.
+    std::size_t frame_limit() const { return by_frame ? std::size_t{1} << 19 : frame_timeline::most_frames; }
     bool shows_progress() const { return !quiet && isatty(STDERR_FILENO) != 0; }
 };
 
@@ -154,8 +160,11 @@ private:
 // Reads a trace for a listener, with progress on the terminal, and remembers what could not be read.
 class monitor : public trace_listener {
 public:
-    monitor(trace_listener& target, trace_input& input, bool shows_progress)
-        : target_(target), input_(input), shows_progress_(shows_progress) {}
+    monitor(trace_listener& target, trace_input& input, const settings& wanted)
+        : target_(target),
+          frames_(wanted.frame_limit()),
+          input_(input),
+          shows_progress_(wanted.shows_progress()) {}
 
     std::uint64_t read(const char* activity) {
         activity_ = activity;
@@ -363,10 +372,10 @@ struct open_trace {
             fail(exit_unusable, "can't read " + input.name() + ": " + std::strerror(errno));
         }
         selected.names = wanted.match;
-        if (!wanted.is_csv() && !wanted.has_limits()) {
+        if ((!wanted.is_csv() || wanted.by_frame) && !wanted.has_limits()) {
             return;
         }
-        monitor first_look(survey, input, wanted.shows_progress());
+        monitor first_look(survey, input, wanted);
         const std::uint64_t packets = first_look.read("Looking for counters");
         survey.flush();
         if (survey.taken() == 0) {
@@ -387,13 +396,15 @@ struct summed_trace : open_trace {
     const std::map<counter_source, sequence_summary>* sequences = nullptr;
     std::vector<std::string> problems;  // what could not be read
     std::vector<std::string> notes;     // what else is not as it should be
+    std::vector<frame> frames;          // by their starts
 
     summed_trace(const settings& wanted, const std::string& path)
         : open_trace(wanted, path), summary(wanted.bin_limit(), selected) {
-        monitor reader(summary, input, wanted.shows_progress());
+        monitor reader(summary, input, wanted);
         const std::uint64_t packets = reader.read("Reading");
         const std::string& name = input.name();
         sequences = &summary.finish();
+        frames = frames_of(reader.frames(), selected, name);
         problems = reader.problems();
         if (wanted.has_limits()) {
             check_time(summary, name);
@@ -428,7 +439,7 @@ struct summed_trace : open_trace {
                 .sequences = *sequences,
                 .problems = all_notes,
                 .levels = nullptr,
-                .frames = {},
+                .frames = frames,
                 .amounts = wanted.amounts.value_or(amount_form::per_second)};
     }
 };
@@ -443,7 +454,7 @@ int write_table(const settings& wanted) {
     result_output output;
     csv_writer writer(output.open(wanted), trace.survey, trace.selected, wanted.form == output_form::csv_long,
                       wanted.amounts.value_or(amount_form::per_sample));
-    monitor reader(writer, trace.input, wanted.shows_progress());
+    monitor reader(writer, trace.input, wanted);
     reader.read("Writing");
     writer.flush();
     check_time(writer, name);
@@ -463,18 +474,82 @@ int report_trace(const settings& wanted) {
         const auto limit = static_cast<std::size_t>(wanted.page_megabytes * 1'000'000);
         page_levels levels(sequences, trace.selected, page_origin(sequences),
                            limit > base ? limit - base : 0);
-        monitor again(levels, trace.input, wanted.shows_progress());
+        monitor again(levels, trace.input, wanted);
         again.read("Packing samples");
         levels.finish();
         source.levels = &levels;
-        source.frames = frames_of(again.frames(), trace.selected, trace.input.name());
         write_page(out, source);
     } else if (wanted.form == output_form::json) {
         write_json(out, source);
     } else {
-        write_summary(out, sequences, terminal_settings(wanted));
+        const terminal_options options = terminal_settings(wanted);
+        write_summary(out, sequences, options);
+        if (!trace.frames.empty()) {
+            out << '\n';
+            write_wrapped(out, "Frames (--by-frame): " + frames_in_words(trace.frames),
+                          options.width != 0 ? options.width : sentence_width, "  ");
+        }
     }
     return finish(output, trace.problems, trace.input.name());
+}
+
+int report_by_frame(const settings& wanted) {
+    summed_trace trace(wanted, wanted.trace);
+    const std::string& name = trace.input.name();
+    std::erase_if(trace.frames, [&wanted](const frame& one) {
+        return layer_name(one.layer).find(*wanted.by_frame) == std::string::npos;
+    });
+    if (trace.frames.empty()) {
+        fail(exit_unusable, name + " has no frames" + (wanted.by_frame->empty() ? "" : " of that layer"));
+    }
+    const sequence_summary& summary = trace.main_sequence("shown by frame");
+    by_frame_source what{.file = std::filesystem::path(name).filename(),
+                         .source = trace.sequences->begin()->first,
+                         .summary = summary,
+                         .frames = trace.frames,
+                         .amounts = wanted.amounts.value_or(amount_form::per_second),
+                         .columns = {}};
+    const auto read = [&](const frame_reader::row_listener& on_row) {
+        frame_reader reader(what.source, summary, trace.selected, trace.frames, what.columns, what.amounts,
+                            on_row);
+        monitor again(reader, trace.input, wanted);
+        again.read("Summing up frames");
+        std::vector<layer_contrast> layers = reader.finish();
+        if (on_row && reader.left_out() != 0) {
+            complain(name + ": " + std::to_string(reader.left_out()) +
+                     " frames are left out: too many go on at a time");
+        }
+        return layers;
+    };
+    const bool is_table = wanted.form == output_form::summary;
+    if (is_table && wanted.match.empty()) {
+        // There is room for a few counters: those in which the longest frames differ.
+        for (const layer_contrast& layer : read(nullptr)) {
+            for (const contrast& each : layer.common) {
+                if (std::find(what.columns.begin(), what.columns.end(), each.series) == what.columns.end()) {
+                    what.columns.push_back(each.series);
+                }
+            }
+        }
+    }
+    if (what.columns.empty()) {
+        for (const counter_series& series : summary.series) {
+            if (series.total.count != 0) {
+                what.columns.push_back(&series);
+            }
+        }
+    }
+    result_output output;
+    std::ostream& out = output.open(wanted);
+    const std::unique_ptr<by_frame_writer> writer =
+        is_table                           ? by_frame_table(out, what, terminal_settings(wanted))
+        : wanted.form == output_form::json ? by_frame_json(out, what)
+                                           : by_frame_csv(out, what);
+    writer->finish(read([&writer](std::size_t place, std::uint64_t samples,
+                                  const std::vector<std::optional<double>>& values) {
+        writer->row(place, samples, values);
+    }));
+    return finish(output, trace.problems, name);
 }
 
 // Both sides' first traces on a page.
@@ -491,7 +566,7 @@ void write_comparison_page(std::ostream& out, const settings& wanted, const comp
     for (summed_trace* const trace : {&before, &after}) {
         levels.push_back(std::make_unique<page_levels>(
             *trace->sequences, trace->selected, page_origin(*trace->sequences), rest / 2, levels.size()));
-        monitor again(*levels.back(), trace->input, wanted.shows_progress());
+        monitor again(*levels.back(), trace->input, wanted);
         again.read("Packing samples");
         levels.back()->finish();
         sources[levels.size() - 1].levels = levels.back().get();
@@ -633,6 +708,12 @@ settings read_command_line(int argument_count, char** arguments) {
     table.flag("--html",
                "a page with a chart for each counter, of a comparison with both traces, for a browser",
                [&result] { set_form(result, output_form::html); });
+    std::string by_frame;
+    table.flag_with_value("--by-frame", all_layers, "LAYER",
+                          "a line for each frame of the trace's frame timeline, or of the layers whose names "
+                          "hold LAYER, and what the longest have in common; in the forms summary, --csv and "
+                          "--json",
+                          by_frame);
     table.value("-o,--output", "FILE", "write to FILE, not to standard output", result.output);
     table.number("--bins", "NUMBER",
                  "time steps of a chart, at most (default 2048; of a page's overview 512)", 2, most_bins,
@@ -676,6 +757,12 @@ settings read_command_line(int argument_count, char** arguments) {
         }
         set_form(result, csv == "wide" ? output_form::csv_wide : output_form::csv_long);
     }
+    if (!by_frame.empty()) {
+        result.by_frame = by_frame == all_layers ? "" : by_frame;
+        if (compares || result.form == output_form::html || result.form == output_form::csv_long) {
+            fail_usage("--by-frame is of one trace, and has neither a page nor the long form of --csv");
+        }
+    }
     if (!compares && (!result.before.empty() || !result.after.empty() || !result.gates.empty())) {
         fail_usage("--before, --after and --fail-if belong to --compare");
     }
@@ -711,7 +798,9 @@ int run(int argument_count, char** arguments) {
     if (!wanted.before.empty()) {
         return compare_traces(wanted);
     }
-    return wanted.is_csv() ? write_table(wanted) : report_trace(wanted);
+    return wanted.by_frame   ? report_by_frame(wanted)
+           : wanted.is_csv() ? write_table(wanted)
+                             : report_trace(wanted);
 }
 
 }  // namespace

@@ -169,6 +169,35 @@ const counter_series* sequence_summary::find(std::uint32_t id) const {
     return place->second.first ? &series[place->second.second] : &unwanted[place->second.second];
 }
 
+std::optional<double> value_over(const counter_series& of, const value_range& own,
+                                 const weighted_sum& weighted, const formula::source& sum_of) {
+    if (own.count == 0) {
+        return std::nullopt;
+    }
+    if (of.kind == counter_kind::constant) {
+        return own.most;
+    }
+    if (!of.expression.empty()) {
+        if (const std::optional<double> result = of.expression.evaluate(sum_of)) {
+            // What a single sample's value is held to.
+            const bool is_percentage = of.counter.unit() == "percent";
+            return std::clamp(*result, 0.0, is_percentage ? 100.0 : std::numeric_limits<double>::max());
+        }
+    }
+    if (of.kind == counter_kind::amount) {
+        return own.sum;
+    }
+    return weighted.weight > 0 ? weighted.sum / weighted.weight : own.mean();
+}
+
+double sample_weight(const formula& weight, const formula::source& value_of) {
+    const std::optional<double> result = weight.evaluate([&value_of](std::uint32_t id) {
+        const std::optional<double> value = value_of(id);
+        return value ? value : id >= hwc::first_derived_id ? 1.0 : 0.0;
+    });
+    return std::max(result.value_or(0), 0.0);
+}
+
 std::optional<double> sequence_summary::value(const counter_series& of) const {
     return value(of, 0, bin_times.size());
 }
@@ -176,40 +205,26 @@ std::optional<double> sequence_summary::value(const counter_series& of) const {
 std::optional<double> sequence_summary::value(const counter_series& of, std::size_t first_bin,
                                               std::size_t end_bin) const {
     const bool is_whole = first_bin == 0 && end_bin >= bin_times.size();
-    const value_range range = is_whole ? of.total : sum_of(of.bins, first_bin, end_bin);
-    if (range.count == 0) {
-        return std::nullopt;
-    }
-    if (of.kind == counter_kind::constant) {
-        return range.most;
-    }
-    if (!of.expression.empty()) {
-        const std::optional<double> result = evaluate(of.expression, first_bin, end_bin);
-        if (result) {
-            // What a single sample's value is held to.
-            const bool is_percentage = of.counter.unit() == "percent";
-            return std::clamp(*result, 0.0, is_percentage ? 100.0 : std::numeric_limits<double>::max());
-        }
-    }
-    if (of.kind == counter_kind::amount) {
-        return range.sum;
-    }
-    const weighted_sum weights = is_whole ? of.total_weight : sum_of(of.weights, first_bin, end_bin);
-    return weights.weight > 0 ? weights.sum / weights.weight : range.mean();
+    return value_over(of, is_whole ? of.total : sum_of(of.bins, first_bin, end_bin),
+                      is_whole ? of.total_weight : sum_of(of.weights, first_bin, end_bin),
+                      [&](std::uint32_t id) { return operand(id, first_bin, end_bin); });
 }
 
 std::optional<double> sequence_summary::evaluate(const formula& expression, std::size_t first_bin,
                                                  std::size_t end_bin) const {
+    return expression.evaluate([&](std::uint32_t id) { return operand(id, first_bin, end_bin); });
+}
+
+std::optional<double> sequence_summary::operand(std::uint32_t id, std::size_t first_bin,
+                                                std::size_t end_bin) const {
+    const counter_series* const series_of_it = find(id);
+    if (series_of_it == nullptr || series_of_it->total.count == 0) {
+        return std::nullopt;
+    }
     const bool is_whole = first_bin == 0 && end_bin >= bin_times.size();
-    return expression.evaluate([&](std::uint32_t id) -> std::optional<double> {
-        const counter_series* const operand = find(id);
-        if (operand == nullptr || operand->total.count == 0) {
-            return std::nullopt;
-        }
-        return operand->kind == counter_kind::constant ? operand->total.most
-               : is_whole                              ? operand->total.sum
-                                                       : sum_of(operand->bins, first_bin, end_bin).sum;
-    });
+    return series_of_it->kind == counter_kind::constant ? series_of_it->total.most
+           : is_whole                                   ? series_of_it->total.sum
+                                                        : sum_of(series_of_it->bins, first_bin, end_bin).sum;
 }
 
 void ordered_listener::on_sample(std::uint32_t sequence, const counter_sample& sample) {
@@ -328,6 +343,7 @@ void trace_summary::plan(state& current, sequence_summary& summary) {
         series.kind = kind_of(series.counter, known);
         series.weighed = weighting::exact;
         series.expression = {};
+        series.weight = {};
         formula how;
         if (known && known->formulas.contains(series.counter.id)) {
             how = known->formulas.at(series.counter.id);
@@ -339,17 +355,16 @@ void trace_summary::plan(state& current, sequence_summary& summary) {
         if (series.kind == counter_kind::amount || series.kind == counter_kind::constant) {
             continue;
         }
-        formula weight;
         if (!how.divisor().empty() && has_all(how.divisor(), false)) {
             series.weighed = weighting::divisor;
-            weight = how.divisor();
+            series.weight = how.divisor();
         } else if (!active_cycles.empty() && has_all(active_cycles, true)) {
             series.weighed = weighting::active_cycles;
-            weight = active_cycles;
+            series.weight = active_cycles;
         } else {
             series.weighed = weighting::time;
         }
-        current.weighers.push_back({.series = i, .weight = weight});
+        current.weighers.push_back({.series = i});
     }
 }
 
@@ -370,14 +385,14 @@ void trace_summary::weigh(state& current, sequence_summary& summary, std::size_t
         if (std::isnan(value)) {
             continue;
         }
-        if (!each.weight.empty()) {
-            const auto weight = each.weight.evaluate([&](std::uint32_t id) -> std::optional<double> {
-                const auto place = current.index.find(id);
-                const double operand = place != current.index.end() ? current.values[place->second] : NAN;
-                // A number of the GPU's is the same in all weights, and need not be known.
-                return !std::isnan(operand) ? operand : id >= hwc::first_derived_id ? 1.0 : 0.0;
-            });
-            add_weighted(series, bin_count, bin, value, std::max(weight.value_or(0), 0.0));
+        if (!series.weight.empty()) {
+            const double weight =
+                sample_weight(series.weight, [&current](std::uint32_t id) -> std::optional<double> {
+                    const auto place = current.index.find(id);
+                    const double operand = place != current.index.end() ? current.values[place->second] : NAN;
+                    return !std::isnan(operand) ? std::optional(operand) : std::nullopt;
+                });
+            add_weighted(series, bin_count, bin, value, weight);
             continue;
         }
         // The series has this value already. How long the first one stood nobody knows: as long as the

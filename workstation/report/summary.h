@@ -68,6 +68,7 @@ struct counter_series {
     std::vector<value_range> bins;
     weighted_sum total_weight;          // unless the value is exact
     std::vector<weighted_sum> weights;  // of each bin, likewise
+    formula weight;                     // what its samples are then weighed by; empty for the time
     value_histogram histogram;
     std::uint64_t first = 0;  // the times of its first and last value in nanoseconds
     std::uint64_t last = 0;
@@ -86,6 +87,15 @@ struct counter_source {
     // NOLINTNEXTLINE(modernize-use-nullptr)
     auto operator<=>(const counter_source&) const = default;
 };
+
+// What a counter comes to over a span: from its own values there, or those weighted, or the sums that others
+// have there. Nothing where it has no value.
+std::optional<double> value_over(const counter_series& of, const value_range& own,
+                                 const weighted_sum& weighted, const formula::source& sum_of);
+
+// The weight of a sample whose values these are. A number of the GPU's is the same in all weights, and need
+// not be known.
+double sample_weight(const formula& weight, const formula::source& value_of);
 
 // The samples of a source in bins: each but the last holds the same number of consecutive samples.
 struct sequence_summary {
@@ -113,6 +123,10 @@ struct sequence_summary {
     std::optional<double> value(const counter_series& of, std::size_t first_bin, std::size_t end_bin) const;
 
     std::map<std::uint32_t, std::pair<bool, std::size_t>> places;  // of an id: wanted, and its index
+
+private:
+    // What an expression over these bins takes for a counter; nothing when it has no values at all.
+    std::optional<double> operand(std::uint32_t id, std::size_t first_bin, std::size_t end_bin) const;
 };
 
 // Which counters and which samples are wanted.
@@ -198,7 +212,6 @@ private:
         // How those are weighed that are not exact.
         struct weigher {
             std::size_t series;
-            formula weight;  // empty for the time
             double first_value = 0;
             std::size_t first_bin = 0;
             std::uint64_t last = 0;  // the time of the last value

@@ -10,6 +10,7 @@
 
 #include "workstation/report/compare.h"
 #include "workstation/report/limits.h"
+#include "workstation/report/text_layout.h"
 #include "workstation/report/writers.h"
 
 namespace qel::vexa::report {
@@ -17,62 +18,12 @@ namespace qel::vexa::report {
 namespace {
 
 constexpr std::size_t number_width = 7;
-constexpr std::size_t text_width = 100;  // of sentences in a pipe
 constexpr std::size_t unlimited = 1000;  // the width where lines may be as long as they want
 constexpr std::size_t least_name_width = 16;
 constexpr std::size_t good_name_width = 30;
 constexpr std::size_t most_name_width = 60;
 constexpr std::size_t least_chart_width = 8;
 constexpr std::size_t most_chart_width = 60;
-
-std::size_t display_width(std::string_view text) {
-    return static_cast<std::size_t>(std::count_if(
-        text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0U) != 0x80; }));
-}
-
-std::string padded(const std::string& text, std::size_t width) {
-    const std::size_t shown = display_width(text);
-    return shown < width ? text + std::string(width - shown, ' ') : text;
-}
-
-// The text in lines of at most so many columns, broken between words where that is possible.
-std::vector<std::string> wrapped(std::string_view text, std::size_t width) {
-    std::vector<std::string> lines;
-    while (display_width(text) > width) {
-        std::size_t end = 0;
-        std::size_t blank = 0;
-        for (std::size_t shown = 0; end < text.size(); ++end) {
-            const bool begins = (static_cast<unsigned char>(text[end]) & 0xc0U) != 0x80;
-            if (begins && shown++ == width) {
-                break;
-            }
-            blank = text[end] == ' ' ? end : blank;
-        }
-        blank = text[end] == ' ' ? end : blank;
-        const std::size_t cut = blank != 0 ? blank : end;
-        lines.emplace_back(text.substr(0, cut));
-        text.remove_prefix(cut + (blank != 0 ? 1U : 0U));
-    }
-    lines.emplace_back(text);
-    return lines;
-}
-
-// Four digits of a number that its unit's prefix has brought near to one.
-std::string column_number(double value) {
-    const double size = std::fabs(value);
-    char text[32];
-    if (size == std::round(size) && size < 1e5) {
-        std::snprintf(text, sizeof text, "%.0f", value);
-    } else if (size >= 1e5) {
-        std::snprintf(text, sizeof text, "%.2g", value);
-    } else if (size < 0.0005) {
-        std::snprintf(text, sizeof text, "%.0e", value);
-    } else {
-        const int decimals = size < 9.9995 ? 3 : size < 99.995 ? 2 : size < 999.95 ? 1 : 0;
-        std::snprintf(text, sizeof text, "%.*f", decimals, value);
-    }
-    return text;
-}
 
 // A counter over time. A percentage fills its column at 100; everything else at its own maximum.
 std::string chart(const sequence_summary& summary, const counter_series& series, std::size_t width,
@@ -115,24 +66,6 @@ std::string chart(const sequence_summary& summary, const counter_series& series,
         result += steps[step];
     }
     return result;
-}
-
-void write_line(std::ostream& out, std::string line) {
-    line.erase(line.find_last_not_of(' ') + 1);
-    out << line << '\n';
-}
-
-// A paragraph; its lines begin with so much from the second on.
-void write_wrapped(std::ostream& out, const std::string& text, std::size_t width, const std::string& indent) {
-    std::string begin;
-    for (const std::string& line : wrapped(text, width > indent.size() + 8 ? width - indent.size() : width)) {
-        write_line(out, begin + line);
-        begin = width > indent.size() + 8 ? indent : "";
-    }
-}
-
-std::string right_aligned(const std::string& text, std::size_t width) {
-    return std::string(width - std::min(width, display_width(text)), ' ') + text;
 }
 
 bool is_estimate(const counter_series& series) {
@@ -190,7 +123,7 @@ void write_limits(std::ostream& out, const sequence_summary& summary, const term
     if (!limits) {
         return;
     }
-    const std::size_t width = options.width != 0 ? options.width : text_width;
+    const std::size_t width = options.width != 0 ? options.width : sentence_width;
     out << '\n'
         << (options.bold_headings ? "\x1b[1m" : "") << "What limits this"
         << (options.bold_headings ? "\x1b[0m" : "") << '\n';
