@@ -233,6 +233,9 @@ TEST(forks, a_child_prints_unless_another_thread_was_at_it) {
     for (int held = 0; held < 8; ++held) {
         const outcome seen = run_apart([held] {
             const settings some({"VEXA_SETTING=1"});
+            atfork_fails = held % 2 == 0;
+            calls.failing_mutex_init = 1;
+            cdbg_print_to_error_channel("lost, and what failed is tried again");
             cdbg_print_to_error_channel("first");
             cdbgp_channel_handle handle = {};
             std::uint32_t size = 0;

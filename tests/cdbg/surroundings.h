@@ -3,6 +3,7 @@
 
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -32,6 +33,7 @@ inline int busy_answers = 0;       // how often the platform log is busy from no
 inline int log_refusal = -EAGAIN;  // what it answers then
 inline unsigned slept = 0;         // microseconds; nobody really sleeps
 inline bool bytewise = false;      // a stream gets every byte for itself
+inline bool atfork_fails = false;  // the next time
 
 // A process environment, and a configuration file if there is content for one, while the object lasts.
 class settings {
@@ -120,6 +122,12 @@ decltype(fwrite) __real_fwrite;
         sched_yield();
     }
     return written;
+}
+
+decltype(pthread_atfork) __real_pthread_atfork;
+[[gnu::used]] inline int __wrap_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)()) {
+    return std::exchange(test_support::atfork_fails, false) ? ENOMEM
+                                                            : __real_pthread_atfork(prepare, parent, child);
 }
 
 decltype(__android_log_write) __real___android_log_write;

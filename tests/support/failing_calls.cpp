@@ -72,6 +72,14 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
     return __real_pthread_mutex_init(mutex, attributes);
 }
 
+decltype(pthread_mutex_unlock) __real_pthread_mutex_unlock;
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    if (pthread_mutex_trylock(mutex) == 0) {
+        std::abort();  // nobody had locked it
+    }
+    return __real_pthread_mutex_unlock(mutex);
+}
+
 decltype(pthread_mutex_destroy) __real_pthread_mutex_destroy;
 int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
     calls.mutexes -= replace_counted(mutex, nullptr) ? 1 : 0;
