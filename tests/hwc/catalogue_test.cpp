@@ -155,13 +155,15 @@ setting make_setting(unsigned kind, std::mt19937& random) {
     // Up to the end of the last core's block, so that a sanitizer sees any word beyond it.
     result.words.resize(64 *
                         (2 + result.l2_slices + static_cast<std::size_t>(std::bit_width(result.core_mask))));
+    const auto hot = static_cast<std::ptrdiff_t>(random() % 64);
     for (std::uint32_t& word : result.words) {
         const auto any = static_cast<std::uint32_t>(random());
         word = kind == 0   ? 0
                : kind == 1 ? 0xffffffff
                : kind == 2 ? any % 4  // equal ones, so that differences and divisors vanish
                : kind == 3 ? 1000 + any % 1000
-                           : any >> random() % 32;
+               : kind == 5 && (&word - result.words.data()) % 64 != hot ? 0  // one word in each block alone
+                                                                        : any >> random() % 32;
     }
     // Around the active cycles, which are at one of two places.
     result.cycles = random() % 2 == 0 ? random() : result.words[4 + random() % 2 * 2] + random() % 3;
