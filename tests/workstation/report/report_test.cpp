@@ -21,6 +21,7 @@
 #include "tests/support/process.h"
 #include "tests/support/tool.h"
 #include "tests/support/wire.h"
+#include "workstation/report/frames.h"
 #include "workstation/report/summary.h"
 #include "workstation/report/trace_file.h"
 #include "workstation/report/writers.h"
@@ -323,6 +324,7 @@ TEST(Report, ComparesTwoTraces) {
     EXPECT_EQ(counter["count"], 400);
     EXPECT_NEAR(counter["perSecond"].get<double>() / counter["perSample"].get<double>(), 1000, 1e-6);
     EXPECT_EQ(counter["value"], counter["perSecond"]);
+    EXPECT_EQ(counter["kind"], "amount");
 }
 
 // A full disk must not look like a short table.
@@ -462,7 +464,7 @@ TEST(Report, ShowsOtherGpusAsTheirs) {
     };
     const std::string specs = spec(4, "Triangles", number(7, 27) + number(8, 22) + number(10, 4)) +
                               spec(6, "GPU active cycles", number(7, 13) + number(10, 4)) +
-                              spec(7, "Reads", number(7, 7) + number(10, 5)) +
+                              spec(7, "Reads", text(7, "\x07") + number(10, 5)) +
                               spec(8, "Heat", number(7, 34)) +
                               nested(6, number(1, 5) + text(2, "Memory & bus")) +
                               nested(6, number(1, 9) + text(2, "Board") + number(4, 8));
@@ -504,6 +506,45 @@ TEST(Report, ShowsOtherGpusAsTheirs) {
             " counter unit   mean    min    p50    p95    p99    max\n"
             "Other\n"
             " Other   /s       14      6     12     24     24     24\n");
+}
+
+// An application's frames, on a clock that was set once, and more of the display's than are kept.
+TEST(Frames, StandOnTheClockOfSamples) {
+    frame_timeline timeline;
+    for (const auto& [own, raw] : {std::pair(100U, 1100U), {200U, 1250U}}) {
+        timeline.on_clocks(nested(1, number(1, 6) + number(2, own)) +
+                           nested(1, number(1, 5) + number(2, raw)));
+    }
+    auto add = [&timeline, cookie = 0U](std::uint64_t start, std::uint64_t end, std::uint32_t clock,
+                                        unsigned kind, const std::string& content) mutable {
+        timeline.on_event(start, clock, nested(kind, number(1, ++cookie) + content));
+        timeline.on_event(end, clock, nested(5, number(1, cookie)));
+    };
+    const std::string layer = number(2, 7) + text(5, "layer");
+    add(90, 140, 6, 3, layer);
+    add(95, 210, 6, 4, layer + number(6, 1) + number(9, 64));
+    add(220, 231, 6, 4, number(2, 7) + text(5, "other") + number(6, 4));
+    add(230, 220, 6, 4, layer);      // ends before it begins
+    add(1, 21, 9, 2, number(2, 1));  // no snapshot has this clock
+    constexpr std::size_t most = frame_timeline::most_frames;
+    for (std::size_t i = 0; i < 2 * most - 3; ++i) {
+        const std::size_t start = 10'000 + 10 * i;
+        add(start, start + (i > 1 && i % 2 == 1 ? 5 : 1), 5, 2, number(2, i) + number(7, 2));
+    }
+    const std::vector<frame> frames = timeline.finish();
+    EXPECT_EQ(timeline.left_out(), most + 1);
+    ASSERT_EQ(frames.size(), most - 1);
+    using row = std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::int64_t, std::string,
+                           std::uint32_t, bool>;
+    const auto shown = [&frames](std::size_t i) {
+        const frame& f = frames[i];
+        return row(f.start, f.end, f.expected_end, f.token, f.layer, f.jank, f.is_dropped);
+    };
+    EXPECT_EQ(shown(0), row(1095, 1260, 1140, 7, "layer", 64, false));
+    EXPECT_EQ(shown(1), row(1270, 1281, 0, 7, "other", 0, true));
+    for (std::size_t i = 2; i < most - 1; ++i) {
+        ASSERT_EQ(shown(i), row(9'990 + 20 * i, 9'995 + 20 * i, 0, 2 * i - 1, "", 2, false));
+    }
 }
 
 // However many samples there are, the bins are few, and together they are the samples.
