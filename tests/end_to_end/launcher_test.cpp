@@ -48,9 +48,15 @@ TEST(Launcher, GivesUpAfterOneLogLineWithoutAGpu) {
         EXPECT_EQ(lines[1].rfind("counterfeed-launcher: ", 0), 0U);
     }
     process_setup without_library = launcher_setup("none", output, {});
-    without_library.command[1] = "/nonexistent.so";
-    EXPECT_EQ(test_support::run(without_library), 1);
-    EXPECT_NE(read_file(output).find("/nonexistent.so"), std::string::npos);
+    for (const auto& [argument, status, said] : {std::tuple("/nonexistent.so", 1, "/nonexistent.so"),
+                                                 {"-h", 0, "Usage: "},
+                                                 {"--help", 0, "Usage: "},
+                                                 {"-V", 0, "counterfeed-launcher 0."},
+                                                 {"--walrus", 2, "\"--walrus\""}}) {
+        without_library.command[1] = argument;
+        EXPECT_EQ(test_support::run(without_library), status) << argument;
+        EXPECT_NE(read_file(output).find(said), std::string::npos) << argument;
+    }
 }
 
 // An error message to a pipe that nobody reads any more does not end it.

@@ -260,6 +260,7 @@ TEST_F(Record, RecordingsEndWhenTold) {
     const auto launcher = launch("0x9002");
     const auto dry = run_tool(RECORD, {"--adb", "--dry-run", "-o", trace(), "GPU_ACTIVE"});
     EXPECT_EQ(dry.status, 0);
+    EXPECT_THAT(dry.out, HasSubstr("\nduration_ms: 10000\n"));
     EXPECT_THAT(dry.out, HasSubstr("adb shell -T 'perfetto --query-raw'\n# 1 GPU counter, "));
     EXPECT_THAT(dry.out, HasSubstr("\nadb pull /data/misc/perfetto-traces/trace " + trace() + "\n"));
     EXPECT_THAT(dry.out, HasSubstr("counterfeed-report --html --output " + trace() + ".html"));
