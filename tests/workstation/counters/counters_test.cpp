@@ -302,6 +302,10 @@ done
     if (std::string(COUNTERFEED_EMULATOR).empty()) {
         EXPECT_EQ(result.out, "--block\nshader-core\n0xa004 0xa003 0xa007 0xa002\n\n") << result.err;
     }
+    const std::string zsh = run_tool(COUNTERS, {"--print-completion", "zsh"}).out;
+    EXPECT_THAT(zsh, HasSubstr("\n    '*-b[of this hardware block\\: job-manager, "));
+    EXPECT_THAT(zsh, HasSubstr("\n    '*--block[of this hardware block\\: job-manager, "));
+    EXPECT_THAT(zsh, HasSubstr("]:BLOCK:(job-manager tiler memory-system shader-core gpu)' \\\n"));
 }
 
 TEST(Counters, Complaints) {

@@ -175,7 +175,12 @@ TEST_F(Evaluate, Complaints) {
     EXPECT_THAT(run_with({"-"}).err, testing::HasSubstr(": standard input has 0 blocks"));
     EXPECT_EQ(run_with({}).status, 2);
     EXPECT_EQ(run_with({folder.file("missing")}).status, 1);
-    EXPECT_EQ(run_tool(EVALUATE, {"-g", "9", folder.file("s")}).status, 2);
+    for (const std::ptrdiff_t missing : {0, 2, 4, 6}) {
+        arguments incomplete = gpu;
+        incomplete.erase(incomplete.begin() + missing, incomplete.begin() + missing + 2);
+        incomplete.push_back(folder.file("s"));
+        EXPECT_THAT(run_tool(EVALUATE, incomplete).err, testing::HasSubstr(" must all be given"));
+    }
 }
 
 }  // namespace
