@@ -328,6 +328,71 @@ TEST(Report, ComparesTwoTraces) {
 }
 
 // A full disk must not look like a short table.
+// A frame of the application's, as the timeline tells it: on CLOCK_MONOTONIC, which is a second ahead of the
+// samples'.
+std::string app_frame(unsigned number_of_it, std::uint64_t begin, std::uint64_t end, unsigned jank = 1) {
+    const auto event = [](std::uint64_t time, unsigned field, const std::string& content) {
+        return packet(number(58, 3) + number(8, time + 1'000'000'000) + nested(76, nested(field, content)),
+                      9);
+    };
+    return event(begin, 4,
+                 number(1, number_of_it) + number(2, number_of_it) + text(5, "Scene") + number(9, jank)) +
+           event(end, 5, number(1, number_of_it));
+}
+
+// Samples belong to the frame that they end in, ratios come from its sums, and the longest frames are told
+// from the others by what their counters come to.
+TEST(Report, SumsUpEachFrame) {
+    const auto clock = [](unsigned id, std::uint64_t time) {
+        return nested(1, number(1, id) + number(2, time));
+    };
+    std::string trace = packet(nested(6, clock(5, 1) + clock(3, 1'000'000'001)), 1);
+    std::string specs;
+    std::map<std::string, std::uint32_t> ids;
+    for (const auto& row : qel::vexa::hwc::counter_tables.front()) {
+        specs += counter_spec(row.id, row.name, row.numerator_units, row.select_by_default);
+        ids[row.name] = row.id;
+    }
+    trace += descriptor(specs);
+    constexpr std::uint64_t ms = 1'000'000;
+    // Twenty frames of 4 ms, one of them longer and busier: of its samples the first one rests.
+    for (std::uint64_t i = 0; i < 100; ++i) {
+        const bool is_busy = i >= 40 && i < 50;
+        const double cycles = is_busy ? 3000 : 1000;
+        trace +=
+            sample((i + 1) * ms, {{ids.at("GPU active cycles"), cycles},
+                                  {ids.at("Fragment queue active cycles"), is_busy && i > 40 ? cycles : 0},
+                                  {ids.at("Fragment queue utilization"), is_busy && i > 40 ? 100 : 0}});
+    }
+    for (unsigned i = 0; i < 20; ++i) {
+        const std::uint64_t begin = i < 10 ? i * 4 * ms : (50 + (i - 10) * 4) * ms;
+        trace += app_frame(i + 1, begin, begin + 4 * ms - 1);
+    }
+    trace += app_frame(21, 40 * ms, 50 * ms, 64);
+    const auto csv = run_report({"--by-frame", "--csv", "--amounts=total"}, trace);
+    EXPECT_EQ(csv.status, 0);
+    EXPECT_NE(csv.output.find("\nScene,11,21,0.039,40000000,10,,64,0,10,90,30000,27000\n"), std::string::npos)
+        << csv.output;
+    EXPECT_NE(csv.output.find("\nScene,1,1,-0.001,0,3.999999,,1,0,3,0,3000,0\n"), std::string::npos);
+    const auto json = nlohmann::json::parse(run_report({"--by-frame=Sce", "-j"}, trace).output);
+    EXPECT_EQ(json["frames"].size(), 21U);
+    EXPECT_EQ(json["layers"][0]["longest"][0], 11);
+    EXPECT_EQ(json["layers"][0]["longest"].size(), 10U);
+    std::map<std::string, double> longest;
+    for (const auto& each : json["layers"][0]["common"]) {
+        longest[each["name"]] = each["longest"];
+        EXPECT_GT(each["longest"], each["others"]);
+    }
+    // 30000 + 9 * 3 * 1000 cycles in 37 ms.
+    EXPECT_NEAR(longest["GPU active cycles"], 57000 / 0.037, 1);
+    EXPECT_NEAR(longest["Fragment queue utilization"], 27000.0 / 57000 * 100, 1e-9);
+    EXPECT_NE(run_report({"--by-frame"}, trace).output.find("the application's deadline"), std::string::npos);
+    EXPECT_NE(run_report({}, trace).output.find("Scene: 21 frames, 1 late, the longest 10.00 ms"),
+              std::string::npos);
+    EXPECT_EQ(run_report({"--by-frame=other"}, trace).status, 2);
+    EXPECT_EQ(run_report({"--by-frame", "--html"}, trace).status, 2);
+}
+
 TEST(Report, TellsWhenTheResultCanNotBeWritten) {
     EXPECT_EQ(run_report({"--csv", "-o", "/dev/full"}, small_trace()).status, 2);
     EXPECT_EQ(run_report({"--html", "-o", "/nonexistent/x"}, small_trace()).status, 2);
