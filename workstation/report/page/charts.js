@@ -110,7 +110,8 @@ function fillColumns(piece, range, count) {
         }
       }
       if (means[i] !== means[i]) added -= 1;
-      sum /= added;
+      // Of two traces the shorter ends within the view.
+      sum = edges[i + 1] > from && edges[i] < until ? sum / added : NaN;
     } else if (edges[i] > from || edges[i + 1] < from) {
       sum = NaN;
     }

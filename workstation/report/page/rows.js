@@ -259,10 +259,12 @@ export function measureHeader() {
 
 // Paper has no screen: all charts that are not hidden are drawn.
 export function showForPrint() {
+  document.documentElement.classList.add("printing");
   for (const row of shownRows()) state.visible.add(row);
 }
 
 export function showForScreen() {
+  document.documentElement.classList.remove("printing");
   onScreen.disconnect();
   for (const { article } of state.all) onScreen.observe(article);
 }

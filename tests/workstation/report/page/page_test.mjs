@@ -337,7 +337,7 @@ test("two traces are shown over each other, and what changed stands first", asyn
   };
   const first = traceOf("first.trace", { counters: side(1, 1, { id: 8, name: "Left behind" }), samples: 4000 });
   const second = traceOf("second.trace", { counters: side(2, 1.5, { id: 9, name: "Newcomer" }), samples: 2500, period: 2e6, first: 9e9 });
-  execFileSync(process.env.COUNTERFEED_REPORT, ["--compare", first, second, "--html", "-o", join(folder, "compare.html")]);
+  execFileSync(process.env.COUNTERFEED_REPORT, ["--compare", first, second, "--html", "--bins=2048", "-o", join(folder, "compare.html")]);
   const url = pathToFileURL(join(folder, "compare.html")).href;
   const page = await openClean(url);
   assert.deepEqual(await page.evaluate("[...document.querySelectorAll('main h2, .row')].map((node) => node.row?.counter.name ?? node.textContent.trim())"),
@@ -347,21 +347,23 @@ test("two traces are shown over each other, and what changed stands first", asyn
   assert.match(await shown("Grown"), /^Before (99\.\d+|100(\.\d)?) k, After 1(49\.\d|50(\.\d)?) k, Change \+(49|50)(\.\d)? % changed$/);
   assert.match(await shown("Shrunk"), /^Before 40\.\d+ %, After 27\.\d+ %, Change −3\d(\.\d)? % changed$/);
   assert.match(await shown("Steady"), /chance\?$/);
-  // Amounts are drawn as rates: those of "Steady" are at one height, those of "Grown" are not.
-  const heights = (name) => page.evaluate(`(() => {
+  // Amounts are drawn as rates: those of "Steady" are at one height, those of "Grown" are not. And the first ends earlier.
+  const linesOf = (name) => page.evaluate(`(() => {
     const { canvas } = ${rowNamed(name)}.row;
     const { data } = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
     const pixels = new Uint32Array(data.buffer);
     return ["--before", "--after"].map((side) => {
       const hex = getComputedStyle(document.documentElement).getPropertyValue(side).trim();
       const pixel = Number("0xff" + hex.slice(5, 7) + hex.slice(3, 5) + hex.slice(1, 3));
-      const rows = [...pixels.keys()].filter((at) => pixels[at] === pixel && at % canvas.width < canvas.width / 2).map((at) => at / canvas.width);
-      return rows.reduce((sum, row) => sum + row, 0) / rows.length;
+      const places = [...pixels.keys()].filter((at) => pixels[at] === pixel).map((at) => [at / canvas.width, at % canvas.width / canvas.width]);
+      const rows = places.filter(([, x]) => x < 0.5).map(([row]) => row);
+      return { height: rows.reduce((sum, row) => sum + row, 0) / rows.length, end: Math.max(...places.map(([, x]) => x)) };
     });
   })()`);
-  const [steady, grown] = [await heights("Steady"), await heights("Grown")];
-  assert.ok(Math.abs(steady[0] - steady[1]) < 4, `${steady}`);
-  assert.ok(grown[0] - grown[1] > 10, `${grown}`);
+  const [steady, grown] = [await linesOf("Steady"), await linesOf("Grown")];
+  assert.ok(Math.abs(steady[0].height - steady[1].height) < 4, JSON.stringify(steady));
+  assert.ok(grown[0].height - grown[1].height > 10, JSON.stringify(grown));
+  assert.ok(Math.abs(steady[0].end - 0.8) < 0.02 && steady[1].end > 0.98, JSON.stringify(steady));
   assert.match(await page.text("#sides"), /Before first\.trace.*4,000 samples, one every 1 ms.*After second\.trace.*one every 2 ms/);
   assert.match(await page.text("#alone"), /Only before: 1 counterLeft behind.*Only after: 1 counterNewcomer/);
   await page.press("ArrowDown");
