@@ -45,15 +45,16 @@ install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES cmake/package/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_CONTACT "counterfeed maintainers <root@localhost>" CACHE STRING "Maintainer of the package")
+set(CPACK_PACKAGE_CONTACT "counterfeed maintainers <maintainers@counterfeed.invalid>" CACHE STRING "Maintainer of the package")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Hardware counters of Vexa GPUs in system traces")
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-    "A producer that offers a GPU's hardware and derived counters to the system's tracing
-service, tools that find counters, read traces and evaluate recorded samples, trace
-configs that are ready to use, and a virtual GPU for machines without a real one.")
+    "A producer that offers a GPU's hardware and derived counters to the system's
+tracing service, tools that find counters, read traces and evaluate recorded
+samples, trace configs that are ready to use, and a virtual GPU for machines
+without a real one.")
 find_program(DPKG_SHLIBDEPS dpkg-shlibdeps)
 mark_as_advanced(DPKG_SHLIBDEPS)
 if(DPKG_SHLIBDEPS)

@@ -28,3 +28,7 @@ if(TARGET virtual_gpu_preload)
     install(TARGETS virtual_gpu_preload LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/counterfeed)
     install(FILES virtual_gpu/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/virtual_gpu)
 endif()
+
+# The package has the loader look for the library anew. Why the library has a run path stands in the overrides.
+list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_SOURCE_DIR}/cmake/package/triggers)
+install(FILES cmake/package/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME counterfeed)

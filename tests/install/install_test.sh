@@ -63,5 +63,8 @@ cpack --config "$build/CPackConfig.cmake" -B "$work/package" >"$work/log" 2>&1 |
 dpkg-deb --extract "$work"/package/counterfeed_*.deb "$work/packaged"
 diff <(listing "$work/installed") <(listing "$work/packaged") || fail "the package holds other files"
 [[ $(dpkg-deb --field "$work"/package/*.deb Depends) == *libc6* ]] || fail "the package depends on nothing"
+if command -v lintian >/dev/null; then
+    lintian --allow-root --fail-on error "$work"/package/*.deb >"$work/log" || { cat "$work/log"; fail "lintian"; }
+fi
 ! readelf --sections "$work/packaged/usr/lib/libcounterfeed.so" | grep -q debug_info || fail "it is not stripped"
 use "$work/packaged"
