@@ -57,9 +57,9 @@ const operations = {
   max: Math.max,
 };
 
-// A ratio is its expression over the sums of its operands. The mean of its samples would count idle ones as
-// much as busy ones.
-function fromOperands(counter, range) {
+// A ratio is its expression over the sums of its operands, which a function gives. The mean of its samples would count idle
+// ones as much as busy ones.
+export function fromOperands(counter, sumFor) {
   const { sequence } = counter;
   const stack = [];
   for (const part of counter.formula) {
@@ -67,7 +67,7 @@ function fromOperands(counter, range) {
       stack.push(part);
     } else if (part.startsWith("#")) {
       const operand = sequence.counterOf.get(Number(part.slice(1)));
-      stack.push(operand ? sumOf(operand, range).sum : 0);
+      stack.push(operand ? sumFor(operand) : 0);
     } else {
       const right = stack.pop();
       stack.push(operations[part](stack.pop(), right));
@@ -105,7 +105,7 @@ export function statistics(counter, range) {
   const { min, max, sum, count, isExact } = sumOf(counter, range);
   if (count === 0) return { min: NaN, mean: NaN, max: NaN, sum: NaN, count, isExact };
   let mean = sum / count;
-  if (counter.formula && counter.kind !== "amount") mean = fromOperands(counter, range);
+  if (counter.formula && counter.kind !== "amount") mean = fromOperands(counter, (operand) => sumOf(operand, range).sum);
   else if (counter.weights) mean = weighted(counter, range);
   return { min, mean, max, sum, count, isExact };
 }
@@ -141,7 +141,7 @@ function percentiles(counter, range) {
 
 // ---- What the columns show ----
 
-const isAmount = ({ kind, unit }) => (kind === undefined ? unit !== "percent" : kind === "amount");
+export const isAmount = ({ kind, unit }) => (kind === undefined ? unit !== "percent" : kind === "amount");
 
 // What values of samples are multiplied by, and the unit that they then have: amounts can be shown per second.
 export function shownAs(counter) {

@@ -1,5 +1,5 @@
 // The frames of a trace: a lane of them above the charts, and a list of the longest.
-import { sumOf } from "./aggregates.js";
+import { fromOperands, isAmount, sumOf } from "./aggregates.js";
 import { colorOf, fitCanvas } from "./charts.js";
 import { lowerBound, trace } from "./data.js";
 import { byId, element } from "./dom.js";
@@ -114,16 +114,43 @@ lane.addEventListener("pointerdown", (event) => {
 
 // ---- The longest ----
 
-// What a counter came to in the longest frames and otherwise: a rate, or the mean of a percentage. Null while samples are
-// still being unpacked.
+// Ranges without what they share, so that no sample counts twice.
+function united(ranges) {
+  const result = [];
+  for (const range of ranges.toSorted((a, b) => a.from - b.from)) {
+    const before = result.at(-1);
+    if (before && range.from <= before.to) before.to = Math.max(before.to, range.to);
+    else result.push({ ...range });
+  }
+  return result;
+}
+
+// What a counter came to in the longest frames and in the rest of the time: an amount per second, a ratio over the sums of
+// its operands. Null while samples are still being unpacked.
 function compare(counter, ranges, all) {
-  const whole = sumOf(counter, all);
-  const sums = ranges.map((range) => sumOf(counter, range));
-  if (![...sums, whole].every(({ isExact }) => isExact)) return null;
-  const total = (list, name) => list.reduce((sum, each) => sum + each[name], 0);
-  const [sum, count] = [total(sums, "sum"), total(sums, "count")];
-  if (count === 0 || whole.count === count) return { ratio: 1 };
-  const [long, other] = [sum / count, (whole.sum - sum) / (whole.count - count)];
+  let isExact = true;
+  const sumsOf = (of) => {
+    const total = { count: 0, sum: 0 };
+    for (const range of ranges) {
+      const part = sumOf(of, range);
+      isExact &&= part.isExact;
+      total.count += part.count;
+      total.sum += part.sum;
+    }
+    const whole = sumOf(of, all);
+    isExact &&= whole.isExact;
+    return [total, { count: whole.count - total.count, sum: whole.sum - total.sum }];
+  };
+  const sums = sumsOf(counter);
+  let values = sums.map(({ sum, count }) => sum / count);
+  if (isAmount(counter)) {
+    values = values.map((value) => value / counter.sequence.period);
+  } else if (counter.formula) {
+    values = values.map((_, i) => fromOperands(counter, (operand) => sumsOf(operand)[i].sum));
+  }
+  if (!isExact) return null;
+  if (sums.some(({ count }) => count === 0)) return { ratio: 1 };
+  const [long, other] = values;
   return { counter, long, other, ratio: other ? long / other : long ? Infinity : 1 };
 }
 
@@ -133,7 +160,7 @@ async function tellCommon(chosen) {
   const body = byId("common");
   const { sequence } = state;
   const all = { from: frames[0].start, to: frames[frames.length - 1].end };
-  const ranges = chosen.map((index) => ({ from: frames[index].start, to: frames[index].end }));
+  const ranges = united(chosen.map((index) => ({ from: frames[index].start, to: frames[index].end })));
   const results = [];
   let waiting = sequence.counters.filter(({ selected, min, max }) => selected && min !== max);
   // The samples of all are asked for at once, and come when they are unpacked.
