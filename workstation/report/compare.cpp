@@ -21,6 +21,9 @@ constexpr std::size_t least_batches = 4;
 // Neighbours that have more in common than that are taken together.
 constexpr double most_alike = 0.25;
 constexpr double interval_level = 0.05;
+// Counts are whole numbers, and what rounding takes from each depends on the load: that is neither chance nor
+// a change of the workload. It stays below this share of a value.
+constexpr double least_change = 1e-4;
 
 // A counter in a part of a trace, as the two sums whose ratio it is.
 struct batch {
@@ -229,7 +232,9 @@ void mark_changes(std::vector<compared_counter>& counters) {
         if (tested[i]->p > comparison_level / static_cast<double>(tested.size() - i)) {
             return;
         }
-        tested[i]->is_changed = true;
+        const compared_counter& counter = *tested[i];
+        tested[i]->is_changed = std::fabs(counter.change()) >
+                                least_change * std::max(std::fabs(counter.before), std::fabs(counter.after));
     }
 }
 

@@ -52,7 +52,8 @@ struct comparison {
 // deviate from the ratio of the whole gives its standard error. As long as neighbouring batches have much in
 // common, each two are made one, down to four. Where a side has several traces, the error is at least what
 // these differ by. The difference of the sides is judged by Student's t with Welch's degrees of freedom, and
-// Holm's procedure keeps the level over all counters.
+// Holm's procedure keeps the level over all counters. A difference of less than 0.01 % is no change, whatever
+// chance says: rounding makes as much.
 //
 // So it assumes that each trace is a stretch of a workload that goes on in the same way, with many periods of
 // what repeats in it. What differs between two runs but not within one, such as the temperature, counts as

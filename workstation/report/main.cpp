@@ -557,7 +557,7 @@ void write_comparison_page(std::ostream& out, const settings& wanted, const comp
                            summed_trace& before, summed_trace& after) {
     std::vector<page_source> sources;
     std::vector<std::unique_ptr<page_levels>> levels;
-    std::size_t rest = static_cast<std::size_t>(wanted.page_megabytes * 1'000'000);
+    auto rest = static_cast<std::size_t>(wanted.page_megabytes * 1'000'000);
     for (summed_trace* const trace : {&before, &after}) {
         trace->summary.coarsen(wanted.page_bins());
         sources.push_back(trace->as_source(wanted));

@@ -147,6 +147,25 @@ TEST(Compare, FindsTheOneThingThatChanged) {
     EXPECT_TRUE(changed_in(compare({&sequence_of(before)}, {&sequence_of(shortest)})).empty());
 }
 
+// Values without any scatter leave nothing to chance, and still a difference as small as rounding makes is no
+// change.
+TEST(Compare, TakesNoRoundingForAChange) {
+    const auto steady = [](double value) {
+        auto summary = std::make_unique<trace_summary>(256, selection{});
+        counter_description counter;
+        counter.id = 1;
+        counter.name = "Steady";
+        summary->on_counters(1, {counter});
+        for (std::uint64_t i = 1; i <= 100; ++i) {
+            summary->on_sample(1, {i * period, {{1, value}}});
+        }
+        return summary;
+    };
+    const auto before = steady(1e6), nearly = steady(1e6 + 90), changed = steady(1e6 + 200);
+    EXPECT_TRUE(changed_in(compare({&sequence_of(before)}, {&sequence_of(nearly)})).empty());
+    EXPECT_EQ(changed_in(compare({&sequence_of(before)}, {&sequence_of(changed)})).size(), 1U);
+}
+
 // Every rule is about counters that some table has, and what it says comes with its numbers.
 TEST(Limits, RulesAreAboutTheCatalogue) {
     std::set<std::string> names;
