@@ -29,6 +29,7 @@ using test_support::calls;
 
 std::uint32_t affinity_asked;
 void* ended_with;
+const void* destroyed_condition;
 
 }  // namespace
 
@@ -38,6 +39,11 @@ extern "C" int __wrap_sched_setaffinity(pid_t process, std::size_t size, const c
     EXPECT_EQ(size, sizeof affinity_asked);
     std::memcpy(&affinity_asked, cores, sizeof affinity_asked);
     return __real_sched_setaffinity(process, size, cores);
+}
+extern "C" decltype(pthread_cond_destroy) __real_pthread_cond_destroy;
+extern "C" int __wrap_pthread_cond_destroy(pthread_cond_t* condition) {
+    destroyed_condition = condition;
+    return __real_pthread_cond_destroy(condition);
 }
 
 namespace {
@@ -110,6 +116,7 @@ TEST(osu, sync_object_wakes_every_waiter_also_for_no_reason) {
     osup_sync_object object;
     std::memset(&object, 0xff, sizeof object);
     ASSERT_EQ(osup_sync_object_init(&object), OSUP_SUCCESS);
+    EXPECT_NE(destroyed_condition, &object.cond);
     for (const bool set : {true, false}) {
         auto first = std::async(std::launch::async, osup_sync_object_wait, &object);
         auto second = std::async(std::launch::async, osup_sync_object_timedwait, &object, 60'000'000'000);
@@ -126,6 +133,7 @@ TEST(osu, sync_object_wakes_every_waiter_also_for_no_reason) {
     }
     calls.failing_mutex_init = 1;
     EXPECT_EQ(osup_sync_object_init(&object), OSUP_FAILURE);
+    EXPECT_EQ(destroyed_condition, &object.cond);
 }
 
 TEST(osu, signals_neither_end_nor_prolong_a_semaphores_wait) {
