@@ -75,8 +75,10 @@ struct settings {
     }
     bool is_csv() const { return form == output_form::csv_wide || form == output_form::csv_long; }
     bool has_limits() const { return from || to; }
-    // An hour of two layers at 60 Hz is 432000 frames.
-    std::size_t frame_limit() const { return by_frame ? std::size_t{1} << 19 : frame_timeline::most_frames; }
+    // An hour of two layers at 60 Hz is 432000 frames, too many for a page.
+    std::size_t frame_limit() const {
+        return form == output_form::html ? frame_timeline::most_frames : std::size_t{1} << 19;
+    }
     bool shows_progress() const { return !quiet && isatty(STDERR_FILENO) != 0; }
 };
 
@@ -470,7 +472,7 @@ int report_trace(const settings& wanted) {
     std::ostream& out = output.open(wanted);
     page_source source = trace.as_source(wanted);
     if (wanted.form == output_form::html) {
-        const std::size_t base = page_base_size(sequences);
+        const std::size_t base = page_base_size(sequences, trace.frames.size());
         const auto limit = static_cast<std::size_t>(wanted.page_megabytes * 1'000'000);
         page_levels levels(sequences, trace.selected, page_origin(sequences),
                            limit > base ? limit - base : 0);
@@ -561,7 +563,7 @@ void write_comparison_page(std::ostream& out, const settings& wanted, const comp
     for (summed_trace* const trace : {&before, &after}) {
         trace->summary.coarsen(wanted.page_bins());
         sources.push_back(trace->as_source(wanted));
-        rest -= std::min(rest, page_base_size(*trace->sequences));
+        rest -= std::min(rest, page_base_size(*trace->sequences, 0));
     }
     for (summed_trace* const trace : {&before, &after}) {
         levels.push_back(std::make_unique<page_levels>(

@@ -219,10 +219,11 @@ std::uint64_t page_origin(const std::map<counter_source, sequence_summary>& sequ
     return origin;
 }
 
-std::size_t page_base_size(const std::map<counter_source, sequence_summary>& sequences) {
+std::size_t page_base_size(const std::map<counter_source, sequence_summary>& sequences, std::size_t frames) {
     constexpr std::size_t code = 150'000;
     constexpr std::size_t description = 1'000;
-    std::size_t size = code;
+    constexpr std::size_t frame_line = 56;
+    std::size_t size = code + frames * frame_line;
     for (const auto& [number, summary] : sequences) {
         // Three numbers of four bytes become 16 characters.
         size += summary.series.size() * (description + summary.bin_times.size() * 16);

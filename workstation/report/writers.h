@@ -98,8 +98,8 @@ void write_json(std::ostream& out, const page_source& source);
 // The time 0 of a page: that of the earliest sample.
 std::uint64_t page_origin(const std::map<counter_source, sequence_summary>& sequences);
 
-// About how many bytes a page has without its levels of detail.
-std::size_t page_base_size(const std::map<counter_source, sequence_summary>& sequences);
+// About how many bytes a page with so many frames has without its levels of detail.
+std::size_t page_base_size(const std::map<counter_source, sequence_summary>& sequences, std::size_t frames);
 
 // Two recordings to be shown over each other, each from its own beginning on.
 struct page_comparison {
