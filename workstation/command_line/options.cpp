@@ -240,7 +240,7 @@ void options::flag_with_value(const std::string& names, const std::string& value
                               const std::string& placeholder, const std::string& text, std::string& target) {
     std::string alternatives;
     for (const std::string& name : CLI::detail::split_names(names)) {
-        alternatives += (alternatives.empty() ? "" : ",") + name + "{" + value_when_alone + "}";
+        alternatives += fmt::format("{}{}{{{}}}", alternatives.empty() ? "" : ",", name, value_when_alone);
     }
     CLI::Option* const option = table_->app.add_flag(alternatives, text);
     option->option_text("[=" + placeholder + "]")->group(table_->section);

@@ -59,11 +59,11 @@ std::string in_quotes(const std::string& text) {
 // What the values of a sample take in a trace: each one tag and length, its id behind a tag, and a
 // floating-point number behind a tag.
 std::size_t value_bytes(const std::vector<counter>& counters) {
-    return std::accumulate(
-        counters.begin(), counters.end(), std::size_t{0}, [](std::size_t sum, const counter& each) {
-            const int id_bits = std::bit_width(each.id | 1U);
-            return sum + 2 + 1 + static_cast<std::size_t>((id_bits + 6) / 7) + 1 + sizeof(double);
-        });
+    return std::accumulate(counters.begin(), counters.end(), std::size_t{0},
+                           [](std::size_t sum, const counter& each) {
+                               const auto id_bits = static_cast<std::size_t>(std::bit_width(each.id | 1U));
+                               return sum + 2 + 1 + (id_bits + 6) / 7 + 1 + sizeof(double);
+                           });
 }
 
 double kilobytes_a_second(std::size_t bytes_of_sample, const recording& how) {
