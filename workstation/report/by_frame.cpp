@@ -53,9 +53,10 @@ frame_reader::frame_reader(const counter_source& source, const sequence_summary&
         }
         frames_of[entry->second].push_back(i);
         if (is_new && layers_.size() < most_layers) {
-            layers_.push_back({.found = {.layer = frames[i].layer, .longest = {}, .common = {}},
-                               .longest = all_sums(series_.size()),
-                               .others = all_sums(series_.size())});
+            layer_state& added = layers_.emplace_back();
+            added.found.layer = frames[i].layer;
+            added.longest.resize(series_.size());
+            added.others.resize(series_.size());
         }
     }
     for (std::size_t i = 0; i < layers_.size(); ++i) {

@@ -172,8 +172,8 @@ TEST_F(Record, NamesBecomeATraceHereAndBehindAdb) {
         std::filesystem::remove(trace());
         // With its operands each ratio of the report is the expression over their sums.
         EXPECT_EQ(run_tool(RECORD, with_output({"--with-operands", "--preset", "overview"})).status, 0);
-        for (const json& each :
-             json::parse(run_tool(REPORT, {"--json", trace()}).out)["sequences"][0]["counters"]) {
+        const json exact = json::parse(run_tool(REPORT, {"--json", trace()}).out);
+        for (const json& each : exact["sequences"][0]["counters"]) {
             EXPECT_EQ(each["weighting"], "exact") << each;
         }
         std::filesystem::remove(trace());
