@@ -28,8 +28,9 @@ class frame_timeline : public perfetto::DataSource<frame_timeline> {};
 constexpr const char* data_source_name = "android.surfaceflinger.frametimeline";
 constexpr const char* layer_name = "Virtual scene#0";
 
-// The fields of the tracing protocol's FrameTimelineEvent. Not every release of the SDK has the message's
-// writer.
+// The fields of the tracing protocol's TracePacket and FrameTimelineEvent. Not every release of the SDK has
+// the message's writer.
+constexpr std::uint32_t frame_timeline_event = 76;
 enum event_field : std::uint32_t {
     expected_display = 1,
     actual_display = 2,
@@ -65,9 +66,8 @@ struct packet_clock {
         auto packet = trace.NewTracePacket();
         packet->set_timestamp(raw_time + ahead);
         packet->set_timestamp_clock_id(perfetto::protos::pbzero::BUILTIN_CLOCK_MONOTONIC);
-        write_fields(
-            *packet->set_frame_timeline_event<protozero::Message>()->BeginNestedMessage<protozero::Message>(
-                field));
+        write_fields(*packet->BeginNestedMessage<protozero::Message>(frame_timeline_event)
+                          ->BeginNestedMessage<protozero::Message>(field));
     }
 };
 
