@@ -53,19 +53,9 @@ bool is_late(const frame& one) {
 }
 
 std::string jank_text(const frame& one) {
-    // By the bits from the second on.
-    static constexpr const char* reasons[] = {"scheduling of the compositor",
-                                              "a wrong prediction",
-                                              "the display's driver",
-                                              "the compositor's CPU deadline",
-                                              "the compositor's GPU deadline",
-                                              "the application's deadline",
-                                              "stuffed buffers",
-                                              "an unknown reason",
-                                              "a stuffed compositor"};
     std::string result = one.is_dropped ? "dropped" : "";
     std::uint32_t bit = 2;
-    for (const char* const reason : reasons) {
+    for (const char* const reason : jank_reasons) {
         if ((one.jank & bit) != 0) {
             result += (result.empty() ? "" : ", ") + std::string(reason);
         }

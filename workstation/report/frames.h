@@ -2,6 +2,7 @@
 // late.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -20,6 +21,17 @@ struct frame {
     std::uint32_t jank;  // bits as in the tracing protocol's JankType; up to 1 means none
     bool is_dropped;
 };
+
+// What makes a frame late, by the bits of its jank from the second on.
+inline constexpr std::array jank_reasons{"scheduling of the compositor",
+                                         "a wrong prediction",
+                                         "the display's driver",
+                                         "the compositor's CPU deadline",
+                                         "the compositor's GPU deadline",
+                                         "the application's deadline",
+                                         "stuffed buffers",
+                                         "an unknown reason",
+                                         "a stuffed compositor"};
 
 // A layer's name; "display" for the display's own frames.
 std::string layer_name(const std::string& layer);

@@ -151,7 +151,7 @@ void write_frames(std::ostream& out, const std::vector<frame>& frames, std::uint
     for (std::size_t i = 0; i < layers.size(); ++i) {
         out << (i == 0 ? "" : ",") << script_text(layers[i]);
     }
-    out << "],\"list\":[" << list << "]}";
+    out << R"(],"reasons":)" << script_value(jank_reasons) << R"(,"list":[)" << list << "]}";
 }
 
 // The sequences of a trace, with times in seconds from the origin.

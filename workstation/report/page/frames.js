@@ -10,8 +10,6 @@ import { goTo, moveView, timeAt } from "./view.js";
 
 const lane = byId("frames");
 const longest = 10;
-const janks = ["scheduling of the compositor", "a wrong prediction", "the display's driver", "the compositor's CPU deadline",
-  "the compositor's GPU deadline", "the application's deadline", "stuffed buffers", "an unknown reason", "a stuffed compositor"];
 
 // By layer; the display's own have no name.
 const layers = new Map();
@@ -27,7 +25,7 @@ const nameOf = (layer) => trace.frames.layers[layer] || "the display";
 const isLate = ({ jank, isDropped }) => jank > 1 || isDropped;
 
 function reasonOf({ jank, isDropped }) {
-  const reasons = janks.filter((_, i) => jank & 2 << i);
+  const reasons = trace.frames.reasons.filter((_, i) => jank & 2 << i);
   return [...(isDropped ? ["dropped"] : []), ...reasons].join(", ") || (jank > 1 ? "late" : "on time");
 }
 
