@@ -135,6 +135,17 @@ std::map<std::uint32_t, std::vector<std::string>> counter_steps(unsigned table) 
     return result;
 }
 
+std::map<std::string, std::uint32_t> ids_of_operands(
+    const std::map<std::uint32_t, std::vector<std::string>>& steps) {
+    std::map<std::string, std::uint32_t> result;
+    for (const auto& [id, of_counter] : steps) {
+        if (of_counter.size() == 1) {
+            result.emplace(of_counter[0], id);
+        }
+    }
+    return result;
+}
+
 std::map<std::uint32_t, std::string> counter_expressions(unsigned table) {
     std::map<std::uint32_t, std::string> result;
     for (const auto& [id, steps] : counter_steps(table)) {

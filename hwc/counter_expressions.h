@@ -16,4 +16,9 @@ std::map<std::uint32_t, std::string> counter_expressions(unsigned table);
 // numbers and plain numbers, and behind its two operands each of "+", "-", "*", "/" and "max".
 std::map<std::uint32_t, std::vector<std::string>> counter_steps(unsigned table);
 
+// The ids behind the operands of a table's steps, where a counter reports them. A number of the GPU is such a
+// counter's whole expression; of several the one with the least id.
+std::map<std::string, std::uint32_t> ids_of_operands(
+    const std::map<std::uint32_t, std::vector<std::string>>& steps);
+
 }  // namespace qel::vexa::hwc

@@ -266,16 +266,10 @@ std::vector<counter> counters_named(const gpu& from, const std::vector<std::stri
 }
 
 std::vector<counter> with_operands(const gpu& from, const std::vector<counter>& chosen) {
-    // What an expression calls a counter; a number of the GPU is an expression of its own.
     const std::map<std::uint32_t, std::vector<std::string>> steps =
         from.table != 0 ? hwc::counter_steps(from.table)
                         : std::map<std::uint32_t, std::vector<std::string>>();
-    std::map<std::string, std::uint32_t> ids;
-    for (const auto& [id, step] : steps) {
-        if (step.size() == 1) {
-            ids.emplace(step[0], id);
-        }
-    }
+    const std::map<std::string, std::uint32_t> ids = hwc::ids_of_operands(steps);
     std::set<std::uint32_t> wanted;
     for (const counter& each : chosen) {
         wanted.insert(each.id);

@@ -40,16 +40,9 @@ action action_of(const std::string& step) {
 }
 
 // The derived counters of a table over ids.
-std::map<std::uint32_t, formula> formulas_of(unsigned table,
-                                             const std::map<std::string, std::uint32_t>& ids) {
-    const std::map<std::uint32_t, std::vector<std::string>> texts = hwc::counter_steps(table);
-    // A number of the GPU is an expression of its own, that of the counter that reports it.
-    std::map<std::string, std::uint32_t> all_ids = ids;
-    for (const auto& [id, steps] : texts) {
-        if (steps.size() == 1) {
-            all_ids.emplace(steps[0], id);
-        }
-    }
+std::map<std::uint32_t, formula> derived_formulas(
+    const std::map<std::uint32_t, std::vector<std::string>>& texts) {
+    const std::map<std::string, std::uint32_t> ids = hwc::ids_of_operands(texts);
     std::map<std::uint32_t, formula> result;
     for (auto text = texts.lower_bound(hwc::first_derived_id); text != texts.end(); ++text) {
         std::vector<formula::step> steps;
@@ -57,7 +50,7 @@ std::map<std::uint32_t, formula> formulas_of(unsigned table,
             const action what = action_of(each);
             if (what != action::counter) {
                 steps.push_back({.what = what});
-            } else if (const auto id = all_ids.find(each); id != all_ids.end()) {
+            } else if (const auto id = ids.find(each); id != ids.end()) {
                 steps.push_back({.what = what, .id = id->second});
             } else {
                 steps.push_back({.what = action::number, .number = std::strtod(each.c_str(), nullptr)});
@@ -78,12 +71,13 @@ const table_formulas& formulas_of(unsigned table) {
         std::vector<table_formulas> result(hwc::table_count);
         for (unsigned number = 1; number <= hwc::table_count; ++number) {
             table_formulas& one = result[number - 1];
-            for (const auto& [id, steps] : hwc::counter_steps(number)) {
+            const auto texts = hwc::counter_steps(number);
+            for (const auto& [id, steps] : texts) {
                 if (id < hwc::first_derived_id) {
                     one.ids.emplace(steps[0], id);
                 }
             }
-            one.formulas = formulas_of(number, one.ids);
+            one.formulas = derived_formulas(texts);
         }
         return result;
     }();
