@@ -185,10 +185,16 @@ bool is_marked(int descriptor) {
     return open_descriptors != 0 && ::fcntl(descriptor, F_GETSIG) == mark;
 }
 
-// The open node or reader behind a descriptor, or null.
-open_file* find(int descriptor) {
+// The open node or reader behind a descriptor that is marked, or null.
+open_file* find_marked(int descriptor) {
     const auto entry = state().descriptors.find(descriptor);
-    return entry != state().descriptors.end() && is_marked(descriptor) ? &entry->second : nullptr;
+    return entry != state().descriptors.end() ? &entry->second : nullptr;
+}
+
+// The open node or reader behind any descriptor, or null.
+open_file* find(int descriptor) {
+    open_file* const entry = find_marked(descriptor);
+    return entry != nullptr && is_marked(descriptor) ? entry : nullptr;
 }
 
 template <typename Action>
@@ -447,7 +453,7 @@ std::optional<int> answer(int descriptor, std::uint32_t number, void* argument) 
         return std::nullopt;
     }
     const sampling_guard guard;
-    open_file* const target = find(descriptor);
+    open_file* const target = find_marked(descriptor);
     if (target == nullptr) {
         return std::nullopt;
     }
@@ -460,7 +466,7 @@ std::optional<int> answer(int descriptor, std::uint32_t number, void* argument) 
                           .result = 0};
     if (takes_value(kind)) {
         record.value = reinterpret_cast<std::uintptr_t>(argument);
-    } else if (kind != request_kind::unknown && argument != nullptr) {
+    } else if (!is_preloaded() && kind != request_kind::unknown && argument != nullptr) {
         const auto* bytes = static_cast<const std::byte*>(argument);
         record.argument.assign(bytes, bytes + record_size(number));
     }
@@ -479,7 +485,7 @@ std::optional<map_result> map(const map_arguments& arguments) {
         return std::nullopt;
     }
     const std::lock_guard guard(lock);
-    const open_file* target = find(arguments.descriptor);
+    const open_file* target = find_marked(arguments.descriptor);
     if (target == nullptr) {
         return std::nullopt;
     }
@@ -501,7 +507,7 @@ std::optional<int> fail_fstat(int descriptor) {
         return std::nullopt;
     }
     const std::lock_guard guard(lock);
-    const open_file* target = find(descriptor);
+    const open_file* target = find_marked(descriptor);
     if (target == nullptr || target->reader) {
         return std::nullopt;
     }
