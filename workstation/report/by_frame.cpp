@@ -20,7 +20,7 @@ double distance(const contrast& one) {
         return 0;
     }
     const double ratio = one.others != 0 ? one.longest / one.others : std::numeric_limits<double>::infinity();
-    return std::fabs(std::log(std::max(ratio, 1e-9)));
+    return std::fabs(std::log(std::max(1e-9, ratio)));  // of sums that overflow the ratio is no number
 }
 
 }  // namespace

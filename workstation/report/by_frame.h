@@ -53,6 +53,8 @@ public:
     void on_counters(std::uint32_t /*sequence*/,
                      const std::vector<counter_description>& /*counters*/) override {}
 
+    void take(const counter_source& source, const counter_sample& sample) override;
+
     // To be called when the trace is read: gives the layers in the order in which they begin.
     std::vector<layer_contrast> finish();
     std::uint64_t left_out() const { return left_out_; }
@@ -73,7 +75,6 @@ private:
         all_sums longest, others;
     };
 
-    void take(const counter_source& source, const counter_sample& sample) override;
     void begin_until(std::uint64_t time);
     void end_before(std::uint64_t time);
     void end(open_frame& ended);

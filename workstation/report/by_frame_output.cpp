@@ -20,16 +20,16 @@ double milliseconds(std::uint64_t nanoseconds) {
     return static_cast<double>(nanoseconds) / 1e6;
 }
 
-// What the forms share: each frame's number in its layer, from 1 on, as the page counts.
+std::string shown_unit(const counter_series& series, amount_form form) {
+    return unit_in_words(series.counter,
+                         series.kind == counter_kind::amount && form == amount_form::per_second);
+}
+
+// What the forms share.
 class numbering {
 public:
-    explicit numbering(const by_frame_source& what) : what_(what) {
-        std::map<std::string, std::size_t> counts;
-        for (const frame& one : what.frames) {
-            numbers_.push_back(++counts[one.layer]);
-        }
-    }
-    const by_frame_source& what() const { return what_; }
+    explicit numbering(const by_frame_source& what) : what_(what), numbers_(numbers_of(what.frames)) {}
+    const std::vector<std::size_t>& numbers() const { return numbers_; }
     const frame& at(std::size_t place) const { return what_.frames[place]; }
     std::size_t number(std::size_t place) const { return numbers_[place]; }
     // Seconds from the first sample; frames may have begun before it.
@@ -43,14 +43,10 @@ public:
         return one.expected_end > one.start ? std::optional(milliseconds(one.expected_end - one.start))
                                             : std::nullopt;
     }
-    std::string shown_unit(const counter_series& series, amount_form form) const {
-        const bool is_amount = series.kind == counter_kind::amount;
-        return unit_in_words(series.counter, is_amount && form == amount_form::per_second);
-    }
 
 private:
     const by_frame_source& what_;
-    std::vector<std::size_t> numbers_;
+    const std::vector<std::size_t> numbers_;
 };
 
 class csv_form : public by_frame_writer {
@@ -104,7 +100,7 @@ public:
                                         {"block", column->block},
                                         {"kind", kind_name(column->kind)},
                                         {"unit", column->counter.unit()},
-                                        {"shownUnit", frames_.shown_unit(*column, what.amounts)}});
+                                        {"shownUnit", shown_unit(*column, what.amounts)}});
         }
         std::string text = json_text(head, -1);
         text.pop_back();  // the closing brace: more members follow
@@ -133,23 +129,7 @@ public:
         out_ << std::exchange(separator_, ",\n") << json_text(line, -1);
     }
     void finish(const std::vector<layer_contrast>& layers) override {
-        json list = json::array();
-        for (const layer_contrast& layer : layers) {
-            json one{
-                {"layer", layer_name(layer.layer)}, {"longest", json::array()}, {"common", json::array()}};
-            for (const std::size_t place : layer.longest) {
-                one["longest"].push_back(frames_.number(place));
-            }
-            for (const contrast& each : layer.common) {
-                one["common"].push_back({{"id", each.series->counter.id},
-                                         {"name", each.series->counter.name},
-                                         {"unit", frames_.shown_unit(*each.series, amount_form::per_second)},
-                                         {"longest", each.longest},
-                                         {"others", each.others}});
-            }
-            list.push_back(std::move(one));
-        }
-        out_ << "\n],\"layers\":" << json_text(list, 1) << "}\n";
+        out_ << "\n],\"layers\":" << json_text(contrasts_in_json(layers, frames_.numbers()), 1) << "}\n";
     }
 
 private:
@@ -191,7 +171,7 @@ public:
                                    : figures                                     ? figures->value
                                                                                  : 0;
             columns_.push_back(
-                {&series, short_unit_of(frames_.shown_unit(series, what.amounts), series.kind, typical)});
+                {&series, short_unit_of(shown_unit(series, what.amounts), series.kind, typical)});
         }
         write_wrapped(out_, frames_in_words(what.frames), width_, "  ");
         for (std::size_t i = 0; i < columns_.size(); ++i) {
@@ -254,7 +234,7 @@ private:
         write_wrapped(out_, "What their counters come to, and those of all others", width_, "  ");
         for (const contrast& each : layer.common) {
             const short_unit unit =
-                short_unit_of(frames_.shown_unit(*each.series, amount_form::per_second), each.series->kind,
+                short_unit_of(shown_unit(*each.series, amount_form::per_second), each.series->kind,
                               std::max(std::fabs(each.longest), std::fabs(each.others)));
             write_wrapped(out_,
                           right_aligned(column_number(each.longest / unit.scale), 9) +
@@ -272,6 +252,25 @@ private:
 };
 
 }  // namespace
+
+json contrasts_in_json(const std::vector<layer_contrast>& layers, const std::vector<std::size_t>& numbers) {
+    json result = json::array();
+    for (const layer_contrast& layer : layers) {
+        json one{{"layer", layer_name(layer.layer)}, {"longest", json::array()}, {"common", json::array()}};
+        for (const std::size_t place : layer.longest) {
+            one["longest"].push_back(numbers[place]);
+        }
+        for (const contrast& each : layer.common) {
+            one["common"].push_back({{"id", each.series->counter.id},
+                                     {"name", each.series->counter.name},
+                                     {"unit", shown_unit(*each.series, amount_form::per_second)},
+                                     {"longest", each.longest},
+                                     {"others", each.others}});
+        }
+        result.push_back(std::move(one));
+    }
+    return result;
+}
 
 std::string frames_in_words(const std::vector<frame>& frames) {
     constexpr std::size_t most_named = 4;

@@ -64,7 +64,7 @@ std::string jank_text(const frame& one) {
     return !result.empty() ? result : one.jank > 1 ? "late" : "on time";
 }
 
-std::vector<frame_layer> layers_of(const std::vector<frame>& frames) {
+std::vector<frame_layer> layers_of(std::span<const frame> frames) {
     std::vector<frame_layer> result;
     std::map<std::string, std::size_t> places;
     for (const frame& one : frames) {
@@ -76,6 +76,15 @@ std::vector<frame_layer> layers_of(const std::vector<frame>& frames) {
         ++layer.frames;
         layer.late += is_late(one) ? 1U : 0U;
         layer.longest = std::max(layer.longest, one.end - one.start);
+    }
+    return result;
+}
+
+std::vector<std::size_t> numbers_of(std::span<const frame> frames) {
+    std::vector<std::size_t> result;
+    std::map<std::string, std::size_t> counts;
+    for (const frame& one : frames) {
+        result.push_back(++counts[one.layer]);
     }
     return result;
 }

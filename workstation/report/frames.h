@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -46,13 +47,17 @@ struct frame_layer {
     std::uint64_t longest = 0;  // nanoseconds
 };
 // In the order in which they begin.
-std::vector<frame_layer> layers_of(const std::vector<frame>& frames);
+std::vector<frame_layer> layers_of(std::span<const frame> frames);
+
+// Each frame's number in its layer, from 1 on.
+std::vector<std::size_t> numbers_of(std::span<const frame> frames);
 
 // Takes the frame timeline of a trace while it is read, in a bounded amount of memory: of more frames than
 // the limit the shortest are left out.
 class frame_timeline {
 public:
-    static constexpr std::size_t most_frames = 65536;
+    // An hour of two layers at 60 Hz has 432000.
+    static constexpr std::size_t most_frames = std::size_t{1} << 19;
 
     explicit frame_timeline(std::size_t limit = most_frames) : limit_(limit) {}
 

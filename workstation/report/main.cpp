@@ -75,10 +75,6 @@ struct settings {
     }
     bool is_csv() const { return form == output_form::csv_wide || form == output_form::csv_long; }
     bool has_limits() const { return from || to; }
-    // An hour of two layers at 60 Hz is 432000 frames, too many for a page.
-    std::size_t frame_limit() const {
-        return form == output_form::html ? frame_timeline::most_frames : std::size_t{1} << 19;
-    }
     bool shows_progress() const { return !quiet && isatty(STDERR_FILENO) != 0; }
 };
 
@@ -163,10 +159,7 @@ private:
 class monitor : public trace_listener {
 public:
     monitor(trace_listener& target, trace_input& input, const settings& wanted)
-        : target_(target),
-          frames_(wanted.frame_limit()),
-          input_(input),
-          shows_progress_(wanted.shows_progress()) {}
+        : target_(target), input_(input), shows_progress_(wanted.shows_progress()) {}
 
     std::uint64_t read(const char* activity) {
         activity_ = activity;
@@ -440,7 +433,6 @@ struct summed_trace : open_trace {
                 .file_size = input.size(),
                 .sequences = *sequences,
                 .problems = all_notes,
-                .levels = nullptr,
                 .frames = frames,
                 .amounts = wanted.amounts.value_or(amount_form::per_second)};
     }
@@ -465,6 +457,52 @@ int write_table(const settings& wanted) {
     return finish(output, problems, name);
 }
 
+void tell_left_out(const frame_reader& reader, const std::string& trace) {
+    if (reader.left_out() != 0) {
+        complain(trace + ": " + std::to_string(reader.left_out()) +
+                 " frames are left out: too many go on at a time");
+    }
+}
+
+// What a page reads the samples once more for: its levels of detail, and what the longest frames have in
+// common in each sequence.
+class page_reader : public ordered_listener {
+public:
+    page_reader(page_levels& levels, const summed_trace& trace)
+        : ordered_listener(trace.selected), levels_(levels) {
+        for (const auto& [source, summary] : *trace.sequences) {
+            if (summary.samples != 0 && !trace.frames.empty()) {
+                frames_.try_emplace(source, source, summary, trace.selected, trace.frames,
+                                    std::vector<const counter_series*>{}, amount_form::per_second, nullptr);
+            }
+        }
+    }
+    void on_counters(std::uint32_t /*sequence*/,
+                     const std::vector<counter_description>& /*counters*/) override {}
+    void take(const counter_source& source, const counter_sample& sample) override {
+        levels_.take(source, sample);
+        if (const auto found = frames_.find(source); found != frames_.end()) {
+            found->second.take(source, sample);
+        }
+    }
+
+    // To be called when the trace is read.
+    std::vector<std::vector<layer_contrast>> finish(const std::string& trace) {
+        flush();
+        levels_.finish();
+        std::vector<std::vector<layer_contrast>> result;
+        for (auto& [source, reader] : frames_) {
+            result.push_back(reader.finish());
+            tell_left_out(reader, trace);
+        }
+        return result;
+    }
+
+private:
+    page_levels& levels_;
+    std::map<counter_source, frame_reader> frames_;
+};
+
 int report_trace(const settings& wanted) {
     summed_trace trace(wanted, wanted.trace);
     const auto& sequences = *trace.sequences;
@@ -476,10 +514,16 @@ int report_trace(const settings& wanted) {
         const auto limit = static_cast<std::size_t>(wanted.page_megabytes * 1'000'000);
         page_levels levels(sequences, trace.selected, page_origin(sequences),
                            limit > base ? limit - base : 0);
-        monitor again(levels, trace.input, wanted);
+        page_reader reader(levels, trace);
+        monitor again(reader, trace.input, wanted);
         again.read("Packing samples");
-        levels.finish();
+        const std::vector<std::vector<layer_contrast>> contrasts = reader.finish(trace.input.name());
         source.levels = &levels;
+        source.contrasts = &contrasts;
+        if (trace.frames.size() > most_page_frames) {
+            complain(trace.input.name() + ": the page shows the " + std::to_string(most_page_frames) +
+                     " longest of " + std::to_string(trace.frames.size()) + " frames");
+        }
         write_page(out, source);
     } else if (wanted.form == output_form::json) {
         write_json(out, source);
@@ -517,9 +561,8 @@ int report_by_frame(const settings& wanted) {
         monitor again(reader, trace.input, wanted);
         again.read("Summing up frames");
         std::vector<layer_contrast> layers = reader.finish();
-        if (on_row && reader.left_out() != 0) {
-            complain(name + ": " + std::to_string(reader.left_out()) +
-                     " frames are left out: too many go on at a time");
+        if (on_row) {
+            tell_left_out(reader, name);
         }
         return layers;
     };

@@ -2,13 +2,18 @@
 #include <bit>
 #include <cmath>
 #include <limits>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <numeric>
 #include <ostream>
+#include <span>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "workstation/report/base64.h"
+#include "workstation/report/by_frame.h"
 #include "workstation/report/compare.h"
 #include "workstation/report/json_values.h"
 #include "workstation/report/page_levels.h"
@@ -130,28 +135,78 @@ void write_series(std::ostream& out, const counter_series& series, const sequenc
     out << '}';
 }
 
-// In seconds from the page's time 0: [start, end, expected end or 0, place of the layer, jank, 1 if dropped].
-void write_frames(std::ostream& out, const std::vector<frame>& frames, std::uint64_t origin) {
-    std::vector<std::string> layers;
+// Which frames the page shows: of too many the longest, and those of the lists.
+std::vector<bool> shown_frames(const page_source& source) {
+    const std::span<const frame> frames = source.frames;
+    std::vector<bool> result(frames.size(), frames.size() <= most_page_frames);
+    if (frames.size() <= most_page_frames) {
+        return result;
+    }
+    std::vector<std::size_t> places(frames.size());
+    std::iota(places.begin(), places.end(), 0);
+    const auto last = places.begin() + most_page_frames;
+    std::nth_element(places.begin(), last, places.end(), [&frames](std::size_t left, std::size_t right) {
+        return frames[left].end - frames[left].start > frames[right].end - frames[right].start;
+    });
+    std::for_each(places.begin(), last, [&result](std::size_t place) { result[place] = true; });
+    // They are the same for each sequence.
+    if (source.contrasts != nullptr && !source.contrasts->empty()) {
+        for (const layer_contrast& layer : source.contrasts->front()) {
+            for (const std::size_t place : layer.longest) {
+                result[place] = true;
+            }
+        }
+    }
+    return result;
+}
+
+// The layers, and of each sequence the contrasts of its layers, in the same order; in the list, times in
+// seconds from the page's time 0: [start, end, expected end or 0, place of the layer, jank, 1 if dropped],
+// and behind frames that are left out the number in the layer.
+void write_frames(std::ostream& out, const page_source& source, std::uint64_t origin) {
+    struct shown_layer {
+        std::string_view name;
+        std::size_t frames = 0;
+        std::size_t last_shown = 0;
+    };
+    std::vector<shown_layer> layers;
+    std::map<std::string_view, std::size_t> places;
     std::string list;
     const auto seconds = [origin](std::uint64_t time) {
         return exact_number((static_cast<double>(time) - static_cast<double>(origin)) / 1e9);
     };
-    for (const frame& one : frames) {
-        const auto layer = std::find(layers.begin(), layers.end(), one.layer);
-        const auto place = layer - layers.begin();
-        if (layer == layers.end()) {
-            layers.push_back(one.layer);
+    const std::vector<bool> is_shown = shown_frames(source);
+    for (std::size_t i = 0; i < source.frames.size(); ++i) {
+        const frame& one = source.frames[i];
+        const auto [entry, is_new] = places.try_emplace(one.layer, layers.size());
+        if (is_new) {
+            layers.push_back({.name = one.layer});
+        }
+        shown_layer& layer = layers[entry->second];
+        ++layer.frames;
+        if (!is_shown[i]) {
+            continue;
         }
         list += (list.empty() ? "[" : ",\n[") + seconds(one.start) + ',' + seconds(one.end) + ',' +
-                (one.expected_end == 0 ? "0" : seconds(one.expected_end)) + ',' + std::to_string(place) +
-                ',' + std::to_string(one.jank) + (one.is_dropped ? ",1]" : ",0]");
+                (one.expected_end == 0 ? "0" : seconds(one.expected_end)) + ',' +
+                std::to_string(entry->second) + ',' + std::to_string(one.jank) +
+                (one.is_dropped ? ",1" : ",0") +
+                (layer.frames != layer.last_shown + 1 ? ',' + std::to_string(layer.frames) : "") + ']';
+        layer.last_shown = layer.frames;
     }
-    out << R"(,"frames":{"layers":[)";
-    for (std::size_t i = 0; i < layers.size(); ++i) {
-        out << (i == 0 ? "" : ",") << script_text(layers[i]);
+    nlohmann::ordered_json names = nlohmann::ordered_json::array();
+    for (const shown_layer& layer : layers) {
+        names.push_back({{"name", layer.name}, {"frames", layer.frames}});
     }
-    out << R"(],"reasons":)" << script_value(jank_reasons) << R"(,"list":[)" << list << "]}";
+    nlohmann::ordered_json contrasts = nlohmann::ordered_json::array();
+    if (source.contrasts != nullptr) {
+        const std::vector<std::size_t> numbers = numbers_of(source.frames);
+        for (const std::vector<layer_contrast>& each : *source.contrasts) {
+            contrasts.push_back(contrasts_in_json(each, numbers));
+        }
+    }
+    out << R"(,"frames":{"layers":)" << script_value(names) << R"(,"reasons":)" << script_value(jank_reasons)
+        << R"(,"contrasts":)" << script_value(contrasts) << R"(,"list":[)" << list << "]}";
 }
 
 // The sequences of a trace, with times in seconds from the origin.
@@ -203,7 +258,7 @@ void write_data(std::ostream& out, const page_source& source, const page_compari
         return;
     }
     out << ']';
-    write_frames(out, source.frames, origin);
+    write_frames(out, source, origin);
     out << '}';
 }
 
@@ -223,7 +278,7 @@ std::size_t page_base_size(const std::map<counter_source, sequence_summary>& seq
     constexpr std::size_t code = 150'000;
     constexpr std::size_t description = 1'000;
     constexpr std::size_t frame_line = 56;
-    std::size_t size = code + frames * frame_line;
+    std::size_t size = code + std::min(frames, most_page_frames) * frame_line;
     for (const auto& [number, summary] : sequences) {
         // Three numbers of four bytes become 16 characters.
         size += summary.series.size() * (description + summary.bin_times.size() * 16);

@@ -37,6 +37,8 @@ public:
     void on_counters(std::uint32_t /*sequence*/,
                      const std::vector<counter_description>& /*counters*/) override {}
 
+    void take(const counter_source& source, const counter_sample& sample) override;
+
     // To be called when the trace is read.
     void finish();
 
@@ -80,7 +82,6 @@ private:
         std::size_t level;
     };
 
-    void take(const counter_source& source, const counter_sample& sample) override;
     void end_run(state& current);
     void end_step_run(column& counter, std::size_t level);
     void add_steps(column& counter, std::size_t level, std::span<const value_range> steps);

@@ -156,6 +156,10 @@ public:
     std::uint64_t taken() const { return taken_; }
     std::uint64_t left_out() const { return left_out_; }
 
+    // The next sample, in order. Where several take the same samples, one of them puts these in order, and
+    // hands them on.
+    virtual void take(const counter_source& source, const counter_sample& sample) = 0;
+
 protected:
     const selection& wanted() const { return wanted_; }
 
@@ -169,7 +173,6 @@ private:
         std::size_t values = 0;  // in the window
     };
 
-    virtual void take(const counter_source& source, const counter_sample& sample) = 0;
     void hold(const counter_source& source, state& current);
     void take_first(const counter_source& source, state& current);
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <iosfwd>
 #include <map>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 namespace qel::vexa::report {
 
 struct comparison_output;
+struct layer_contrast;
 
 // The shortest decimal text that reads back as the same number.
 std::string exact_number(double value);
@@ -85,10 +87,12 @@ struct page_source {
     std::string file;  // the trace's name
     std::uint64_t file_size;
     const std::map<counter_source, sequence_summary>& sequences;
-    std::vector<std::string> problems;    // what could not be read or is missing, in words
-    const page_levels* levels = nullptr;  // of a page alone
-    std::vector<frame> frames;            // the same, by their starts
+    std::vector<std::string> problems;  // what could not be read or is missing, in words
+    std::span<const frame> frames;      // by their starts
     amount_form amounts = amount_form::per_second;
+    // Of a page alone; the contrasts are of each sequence that has samples, and none without frames.
+    const page_levels* levels = nullptr;
+    const std::vector<std::vector<layer_contrast>>* contrasts = nullptr;
 };
 
 // Everything that the summary knows, as one JSON object. Names stay; "version" counts up when one must
@@ -98,7 +102,10 @@ void write_json(std::ostream& out, const page_source& source);
 // The time 0 of a page: that of the earliest sample.
 std::uint64_t page_origin(const std::map<counter_source, sequence_summary>& sequences);
 
-// About how many bytes a page with so many frames has without its levels of detail.
+// A page shows so many frames, and of more the longest.
+inline constexpr std::size_t most_page_frames = 65536;
+
+// About how many bytes a page of a trace with so many frames has without its levels of detail.
 std::size_t page_base_size(const std::map<counter_source, sequence_summary>& sequences, std::size_t frames);
 
 // Two recordings to be shown over each other, each from its own beginning on.

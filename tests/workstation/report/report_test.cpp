@@ -575,7 +575,8 @@ TEST(Report, ShowsOtherGpusAsTheirs) {
 
 // An application's frames, on a clock that was set once, and more of the display's than are kept.
 TEST(Frames, StandOnTheClockOfSamples) {
-    frame_timeline timeline;
+    constexpr std::size_t most = 4096;
+    frame_timeline timeline(most);
     for (const auto& [own, raw] : {std::pair(100U, 1100U), {200U, 1250U}}) {
         timeline.on_clocks(nested(1, number(1, 6) + number(2, own)) +
                            nested(1, number(1, 5) + number(2, raw)));
@@ -591,7 +592,6 @@ TEST(Frames, StandOnTheClockOfSamples) {
     add(220, 231, 6, 4, number(2, 7) + text(5, "other") + number(6, 4));
     add(230, 220, 6, 4, layer);      // ends before it begins
     add(1, 21, 9, 2, number(2, 1));  // no snapshot has this clock
-    constexpr std::size_t most = frame_timeline::most_frames;
     for (std::size_t i = 0; i < 2 * most - 3; ++i) {
         const std::size_t start = 10'000 + 10 * i;
         add(start, start + (i > 1 && i % 2 == 1 ? 5 : 1), 5, 2, number(2, i) + number(7, 2));

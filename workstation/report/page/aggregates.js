@@ -59,7 +59,7 @@ const operations = {
 
 // A ratio is its expression over the sums of its operands, which a function gives. The mean of its samples would count idle
 // ones as much as busy ones.
-export function fromOperands(counter, sumFor) {
+function fromOperands(counter, sumFor) {
   const { sequence } = counter;
   const stack = [];
   for (const part of counter.formula) {
@@ -141,7 +141,7 @@ function percentiles(counter, range) {
 
 // ---- What the columns show ----
 
-export const isAmount = ({ kind, unit }) => (kind === undefined ? unit !== "percent" : kind === "amount");
+const isAmount = ({ kind, unit }) => (kind === undefined ? unit !== "percent" : kind === "amount");
 
 // What values of samples are multiplied by, and the unit that they then have: amounts can be shown per second.
 export function shownAs(counter) {

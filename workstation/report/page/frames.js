@@ -1,27 +1,26 @@
 // The frames of a trace: a lane of them above the charts, and a list of the longest.
-import { fromOperands, isAmount, sumOf } from "./aggregates.js";
 import { colorOf, fitCanvas } from "./charts.js";
 import { lowerBound, trace } from "./data.js";
 import { byId, element } from "./dom.js";
-import { short, spanText, timeText } from "./format.js";
+import { counted, short, spanText, timeText } from "./format.js";
 import { select } from "./selection.js";
 import { schedule, state } from "./state.js";
 import { goTo, moveView, timeAt } from "./view.js";
 
 const lane = byId("frames");
-const longest = 10;
 
-// By layer; the display's own have no name.
+// By layer. Numbers go on by one, except where frames did not fit into the page.
 const layers = new Map();
-for (const [start, end, expectedEnd, layer, jank, isDropped] of trace.frames?.list || []) {
+for (const [start, end, expectedEnd, layer, jank, isDropped, given] of trace.frames?.list || []) {
   if (!layers.has(layer)) layers.set(layer, []);
-  layers.get(layer).push({ start, end, expectedEnd, jank, isDropped: Boolean(isDropped) });
+  const number = given ?? (layers.get(layer).at(-1)?.number ?? 0) + 1;
+  layers.get(layer).push({ number, start, end, expectedEnd, jank, isDropped: Boolean(isDropped) });
 }
 let frames = [];
 let starts = new Float64Array(0);
+let total = 0;
 let current = -1;
 
-const nameOf = (layer) => trace.frames.layers[layer] || "the display";
 const isLate = ({ jank, isDropped }) => jank > 1 || isDropped;
 
 function reasonOf({ jank, isDropped }) {
@@ -31,8 +30,10 @@ function reasonOf({ jank, isDropped }) {
 
 function choose(layer) {
   frames = layers.get(layer);
+  total = trace.frames.layers[layer].frames;
   starts = Float64Array.from(frames, ({ start }) => start);
   current = -1;
+  byId("frames-longest").disabled = !contrastOf(layer);
   schedule();
 }
 
@@ -81,9 +82,9 @@ export function drawFrames() {
 }
 
 function describe(index) {
-  const { start, end, expectedEnd } = frames[index];
+  const { number, start, end, expectedEnd } = frames[index];
   const over = expectedEnd && end > expectedEnd ? `, ${spanText(end - expectedEnd)} past its expected end` : "";
-  return `Frame ${index + 1} of ${frames.length}: ${spanText(end - start)}, ${reasonOf(frames[index])}${over}`;
+  return `Frame ${number} of ${total}: ${spanText(end - start)}, ${reasonOf(frames[index])}${over}`;
 }
 
 function selectFrame(index) {
@@ -112,82 +113,26 @@ lane.addEventListener("pointerdown", (event) => {
 
 // ---- The longest ----
 
-// Ranges without what they share, so that no sample counts twice.
-function united(ranges) {
-  const result = [];
-  for (const range of ranges.toSorted((a, b) => a.from - b.from)) {
-    const before = result.at(-1);
-    if (before && range.from <= before.to) before.to = Math.max(before.to, range.to);
-    else result.push({ ...range });
-  }
-  return result;
-}
+// None of those beyond the first 64 layers.
+const contrastOf = (layer) => trace.frames.contrasts[state.sequence.index]?.[layer];
 
-// What a counter came to in the longest frames and in the rest of the time: an amount per second, a ratio over the sums of
-// its operands. Null while samples are still being unpacked.
-function compare(counter, ranges, all) {
-  let isExact = true;
-  const sumsOf = (of) => {
-    const total = { count: 0, sum: 0 };
-    for (const range of ranges) {
-      const part = sumOf(of, range);
-      isExact &&= part.isExact;
-      total.count += part.count;
-      total.sum += part.sum;
-    }
-    const whole = sumOf(of, all);
-    isExact &&= whole.isExact;
-    return [total, { count: whole.count - total.count, sum: whole.sum - total.sum }];
-  };
-  const sums = sumsOf(counter);
-  let values = sums.map(({ sum, count }) => sum / count);
-  if (isAmount(counter)) {
-    values = values.map((value) => value / counter.sequence.period);
-  } else if (counter.formula) {
-    values = values.map((_, i) => fromOperands(counter, (operand) => sumsOf(operand)[i].sum));
-  }
-  if (!isExact) return null;
-  if (sums.some(({ count }) => count === 0)) return { ratio: 1 };
-  const [long, other] = values;
-  return { counter, long, other, ratio: other ? long / other : long ? Infinity : 1 };
-}
-
-let asked = 0;
-async function tellCommon(chosen) {
-  const mine = asked += 1;
-  const body = byId("common");
-  const { sequence } = state;
-  const all = { from: frames[0].start, to: frames[frames.length - 1].end };
-  const ranges = united(chosen.map((index) => ({ from: frames[index].start, to: frames[index].end })));
-  const results = [];
-  let waiting = sequence.counters.filter(({ selected, min, max }) => selected && min !== max);
-  // The samples of all are asked for at once, and come when they are unpacked.
-  for (let tries = 0; waiting.length && tries < 200; tries += 1) {
-    waiting = waiting.filter((counter) => {
-      const result = compare(counter, ranges, all);
-      if (result?.counter) results.push(result);
-      return !result;
-    });
-    if (waiting.length) await new Promise((done) => setTimeout(done, 25));
-    if (mine !== asked) return;
-  }
-  const distance = ({ ratio }) => Math.abs(Math.log(Math.max(ratio, 1e-9)));
-  results.sort((a, b) => distance(b) - distance(a));
-  body.replaceChildren(...results.slice(0, 8).map(({ counter, long, other }) => {
-    const row = element("tr");
-    row.append(element("th", "", counter.name), element("td", "", short(long, counter.unit)), element("td", "", short(other, counter.unit)));
-    row.firstChild.scope = "row";
-    return row;
-  }));
+function commonRow({ id, name, unit, longest, others }) {
+  const row = element("tr");
+  const head = element("th", "", name);
+  head.scope = "row";
+  const counterUnit = state.sequence.counterOf.get(id).unit;
+  if (unit && counterUnit !== "percent") head.append(" ", element("small", "", unit));
+  row.append(head, ...[longest, others].map((value) => element("td", "", short(value ?? NaN, counterUnit))));
+  return row;
 }
 
 function openLongest() {
-  const byLength = frames.map((_, index) => index)
-    .sort((a, b) => (frames[b].end - frames[b].start) - (frames[a].end - frames[a].start)).slice(0, longest);
-  byId("longest").replaceChildren(...byLength.map((index) => {
-    const frame = frames[index];
+  const { longest, common } = contrastOf(Number(byId("layer").value));
+  byId("longest").replaceChildren(...longest.map((number) => {
+    const index = frames.findIndex((frame) => frame.number === number);
+    const { start, end } = frames[index];
     const row = element("tr");
-    const go = element("button", "", timeText(frame.start, 1e-4));
+    const go = element("button", "", timeText(start, 1e-4));
     go.type = "button";
     go.setAttribute("aria-label", `${go.textContent}: ${describe(index)}`);
     go.addEventListener("click", () => {
@@ -196,22 +141,23 @@ function openLongest() {
     });
     const cell = element("td");
     cell.append(go);
-    row.append(cell, element("td", "", spanText(frame.end - frame.start)), element("td", "", reasonOf(frame)));
+    row.append(cell, element("td", "", spanText(end - start)), element("td", "", reasonOf(frames[index])));
     return row;
   }));
-  const looking = element("td", "", "Looking at the samples …");
-  looking.colSpan = 3;
-  byId("common").replaceChildren(element("tr"));
-  byId("common").firstChild.append(looking);
+  byId("common").replaceChildren(...common.map(commonRow));
+  byId("common-part").hidden = common.length === 0;
+  byId("no-common").hidden = common.length !== 0;
   byId("frame-list").showModal();
-  tellCommon(byLength);
 }
 
 export function startFrames() {
   if (layers.size === 0) return;
   byId("frame-row").hidden = false;
   for (const layer of [...layers.keys()].sort((a, b) => a - b)) {
-    const choice = element("option", "", `${nameOf(layer)} (${layers.get(layer).length})`);
+    const { name, frames: all } = trace.frames.layers[layer];
+    const { length } = layers.get(layer);
+    const shown = length < all ? `the longest ${counted(length, "frame")} of ${all.toLocaleString("en")}` : all;
+    const choice = element("option", "", `${name || "the display"} (${shown})`);
     choice.value = layer;
     byId("layer").append(choice);
   }

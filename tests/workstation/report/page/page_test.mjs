@@ -293,7 +293,8 @@ test("frames are shown where the samples are, and the longest are found", async 
   const frames = Array.from({ length: 20 }, (_, i) =>
     ({ start: ms(10 * i), end: ms(10 * i + (i === 7 ? 19 : i < 10 ? 9 : 8)), expectedEnd: ms(10 * i + 9.5), jank: i === 7 ? 64 : 1 }));
   frames.push({ start: ms(50), end: ms(60), jank: 1, layer: "Game <i>#1" });
-  const page = await openClean(write("frames", Buffer.concat([counterTrace({ counters: counters.slice(0, 8), samples: 301 }), frameTrace(frames, 77e9)])));
+  const page = await openClean(write("frames", Buffer.concat([counterTrace({ counters: counters.slice(0, 8), samples: 301 }),
+    counterTrace({ counters: counters.slice(3, 6), samples: 301, sequence: 8 }), frameTrace(frames, 77e9)])));
   assert.ok(await page.evaluate("document.getElementById('frames').offsetHeight > 0"));
   assert.deepEqual(await page.evaluate("[...document.getElementById('layer').options].map(({ text }) => text)"),
     ["the display (20)", "Game <i>#1 (1)"]);
@@ -312,20 +313,37 @@ test("frames are shown where the samples are, and the longest are found", async 
   await page.press(".");
   assert.match(await page.text("#frame"), /^Frame 9 of 20: 9 ms, on time$/);
   assert.deepEqual(await numbers(page, "Ramp"), ["Min 81", "Mean 85", "Max 89"]);
-  // A ratio in the longest frames is that of the sums; the eighth frame holds the ninth, whose samples count once.
-  await page.evaluate('window.counterfeed.state.sequence.counterOf.get(65).formula = ["#4", "#200", "/"]');
+  // What the longest have in common is what --by-frame says of them.
+  const told = JSON.parse(execFileSync(process.env.COUNTERFEED_REPORT, ["--by-frame", "--json", join(folder, "frames.trace")]));
+  const { longest, common } = told.layers.find(({ layer }) => layer === "display");
+  assert.equal(common.length, 7);
+  const rowsOf = (selector) => page.evaluate(`[...document.querySelectorAll("${selector} tr")].map((row) => [...row.cells].map(({ textContent }) => textContent))`);
   await page.click("#frames-longest");
-  await page.until("document.querySelectorAll('#common tr').length === 7");
-  const inside = Array.from({ length: 198 }, (_, i) => i + 1).map((i) => (i > 70 && i < 90) || (i < 100 && i % 10 > 0));
-  const sum = (isInside, value) => inside.reduce((all, is, i) => all + (is === isInside ? value(i + 1) : 0), 0);
-  const ratio = (isInside) => `${Number((sum(isInside, (i) => i) / sum(isInside, (i) => i * 200 % 1000)).toFixed(3))} %`;
-  assert.equal(await page.evaluate("[...document.querySelectorAll('#common tr')].find((row) => row.textContent.startsWith('Wave')).textContent"),
-    `Wave <b>${ratio(true)}${ratio(false)}`);
+  const start = (number) => told.frames.find(({ layer, frame }) => layer === "display" && frame === number).startSeconds;
+  assert.deepEqual((await rowsOf("#longest")).map(([at]) => at), longest.map((number) => `${start(number).toFixed(4)} s`));
+  const size = (value) => (value >= 1e6 ? `${Number((value / 1e6).toPrecision(4))} M` : `${Number((value / 1e3).toPrecision(4))} k`);
+  assert.deepEqual(await rowsOf("#common"), common.map(({ name, unit, longest: inside, others }) => (unit === "percent"
+    ? [name, `${Number(inside.toPrecision(4))} %`, `${Number(others.toPrecision(4))} %`] : [`${name} ${unit}`, size(inside), size(others)])));
   await page.evaluate(readFileSync(process.env.AXE, "utf8"));
   assert.deepEqual(await page.evaluate("axe.run().then(({ violations }) => violations.map(({ id }) => id))"), []);
   await page.click("#longest button");
   assert.match(await page.text("#frame"), /^Frame 8 /);
+  // Of the other sequence they are the same, as its samples are.
+  const all = await rowsOf("#common");
+  await page.evaluate('{ const list = document.getElementById("session"); list.value = 1; list.dispatchEvent(new Event("change")); }');
+  await page.click("#frames-longest");
+  assert.deepEqual(await rowsOf("#common"), all.filter(([name]) => /Filler 20[012] /.test(name)));
   await page.close();
+
+  // Too many for a page: the shortest are left out, but for those in a list, and the others keep their numbers.
+  const many = Array.from({ length: 66000 }, (_, i) => ({ start: ms(0.004 * i), end: ms(0.004 * i + (i < 600 ? 0.002 : 0.003)), jank: 1 }));
+  many.push({ start: ms(50), end: ms(50.001), jank: 1, layer: "Rare" });
+  const crowded = await openClean(`${write("many", Buffer.concat([counterTrace({ counters: counters.slice(0, 4), samples: 301 }), frameTrace(many, 0)]))}#at=0.3`);
+  assert.deepEqual(await crowded.evaluate("[...document.getElementById('layer').options].map(({ text }) => text)"),
+    ["the display (the longest 65,536 frames of 66,000)", "Rare (1)"]);
+  await crowded.press(".");
+  assert.match(await crowded.text("#frame"), /^Frame 66000 of 66000: 3 µs/);
+  await crowded.close();
 });
 
 test("two traces are shown over each other, and what changed stands first", async () => {
