@@ -15,6 +15,9 @@ namespace {
 
 // The most values that a source holds back to bring its samples in order: a mebibyte of them.
 constexpr std::size_t most_held_values = std::size_t{1} << 16;
+// Of those of one time, so many are looked at for one that a sample can join: where a clock stands still, all
+// have one time.
+constexpr std::size_t most_looked_at = 16;
 // How far from its neighbours' a time is damaged.
 constexpr std::uint64_t damaged_distance = 60'000'000'000;
 
@@ -270,11 +273,15 @@ void ordered_listener::hold(const counter_source& source, state& current) {
                            [id](const counter_value& value) { return value.id == id; });
     };
     const auto same = current.window.equal_range(sample.timestamp);
-    const auto other = std::find_if(same.first, same.second, [&](const auto& held) {
+    auto end = same.first;
+    for (std::size_t i = 0; i < most_looked_at && end != same.second; ++i) {
+        ++end;
+    }
+    const auto other = std::find_if(same.first, end, [&](const auto& held) {
         return std::none_of(sample.values.begin(), sample.values.end(),
                             [&](const counter_value& value) { return has(held.second, value.id); });
     });
-    if (other != same.second) {
+    if (other != end) {
         std::vector<counter_value>& values = other->second.values;
         values.insert(values.end(), sample.values.begin(), sample.values.end());
     } else {
