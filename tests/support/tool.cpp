@@ -17,13 +17,16 @@ tool_result run_tool(const std::string& program, const std::vector<std::string>&
         .environment = {},
         .preload = {},
         .output = {}};
-    if (const std::string emulator = COUNTERFEED_EMULATOR; !emulator.empty()) {
-        setup.command.push_back(emulator);
-    }
     setup.command.push_back(program);
     setup.command.insert(setup.command.end(), arguments.begin(), arguments.end());
     const int status = run(setup);
     return {.status = status, .out = output.empty() ? read_file(out) : "", .err = read_file(err)};
+}
+
+std::string shown_on_terminal(const std::string& command, unsigned columns) {
+    return run_tool("/usr/bin/script",
+                    {"-qec", "stty cols " + std::to_string(columns) + "; " + command, "/dev/null"})
+        .out;
 }
 
 std::vector<std::string> words_of(const std::string& text) {

@@ -16,6 +16,9 @@ struct tool_result {
 tool_result run_tool(const std::string& program, const std::vector<std::string>& arguments,
                      const std::string& input = "/dev/null", const std::string& output = {});
 
+// What a line of the shell's shows on a terminal of this width. Lines end in a carriage return as well.
+std::string shown_on_terminal(const std::string& command, unsigned columns);
+
 // The parts of a text between vertical bars; none when it is empty.
 std::vector<std::string> words_of(const std::string& text);
 

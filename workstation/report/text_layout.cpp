@@ -43,9 +43,7 @@ std::string column_number(double value) {
     char text[32];
     if (size == std::round(size) && size < 1e5) {
         std::snprintf(text, sizeof text, "%.0f", value);
-    } else if (size >= 1e5) {
-        std::snprintf(text, sizeof text, "%.2g", value);
-    } else if (size < 0.0005) {
+    } else if (size >= 1e5 || size < 0.0005) {
         std::snprintf(text, sizeof text, "%.0e", value);
     } else {
         const int decimals = size < 9.9995 ? 3 : size < 99.995 ? 2 : size < 999.95 ? 1 : 0;

@@ -100,24 +100,19 @@ recorder record(const std::string& bytes) {
 
 struct run_result {
     int status;
-    std::string output;  // both streams
+    std::string output;  // and what it complains of behind it
 };
 
 run_result run_report(std::vector<std::string> arguments, const std::string& trace) {
     const temporary_folder folder;
     std::ofstream(folder.file("t.trace"), std::ios::binary) << trace;
-    arguments.insert(arguments.begin(), COUNTERFEED_REPORT);
     arguments.push_back(folder.file("t.trace"));
-    const int status = test_support::run({.command = arguments,
-                                          .environment = {},
-                                          .preload = {},
-                                          .output = folder.file("output"),
-                                          .of_this_build = true});
-    std::string output = test_support::read_file(folder.file("output"));
+    const test_support::tool_result result = test_support::run_tool(COUNTERFEED_REPORT, arguments);
+    std::string output = result.out + result.err;
     for (std::size_t at = 0; (at = output.find(arguments.back())) != std::string::npos;) {
         output.replace(at, arguments.back().size(), "TRACE");
     }
-    return {status, output};
+    return {result.status, output};
 }
 
 TEST(Report, ShowsWhatATraceHolds) {
@@ -187,14 +182,12 @@ TEST(Report, ShowsWhatATraceHolds) {
                                                          text(6, "Use <of> it") + text(6, "Absent")))))) +
              small_trace(),
          0,
-         "counterfeed-report: TRACE: the counter with id 9 was asked for, and the GPU that was recorded does "
-         "not "
-         "have it\n"
-         "counterfeed-report: TRACE: the counter \"Absent\" was asked for, and the GPU that was recorded "
-         "does not "
-         "have it\n"
          "1 counter; 3 samples over 0.002 s, one every 1.000 ms; amounts are totals\n\n"
-         " counter              unit  total\nOther\n Sent \"messages\", all M     1.000\n"},
+         " counter              unit  total\nOther\n Sent \"messages\", all M     1.000\n"
+         "counterfeed-report: TRACE: the counter with id 9 was asked for, and the GPU that was recorded does "
+         "not have it\n"
+         "counterfeed-report: TRACE: the counter \"Absent\" was asked for, and the GPU that was recorded "
+         "does not have it\n"},
         {{"--csv"},
          small_trace(),
          0,
@@ -270,18 +263,38 @@ TEST(Report, ShowsWhatATraceHolds) {
 TEST(Report, ReadsStandardInput) {
     const temporary_folder folder;
     std::ofstream(folder.file("t"), std::ios::binary) << small_trace();
-    const auto output_of = [&folder](const std::string& before, const std::string& after) {
-        const std::string command = before + COUNTERFEED_EMULATOR " " COUNTERFEED_REPORT " -c - " + after;
-        test_support::run({.command = {"/bin/sh", "-c", command},
-                           .environment = {},
-                           .preload = {},
-                           .output = folder.file("output")});
-        return test_support::read_file(folder.file("output"));
+    const auto output_of = [](const std::string& before, const std::string& after) {
+        const std::string command = before + COUNTERFEED_REPORT " -c - " + after;
+        const auto result = test_support::run_tool("/bin/sh", {"-c", command});
+        return result.out + result.err;
     };
     const std::string whole = run_report({"-c"}, small_trace()).output;
     EXPECT_EQ(output_of("cat " + folder.file("t") + " | ", ""), whole);
     EXPECT_EQ(output_of("", "<" + folder.file("t")), whole);
     EXPECT_EQ(output_of("", "<."), "counterfeed-report: can't read standard input: Is a directory\n");
+}
+
+// There are charts, headings that stand out and, while a trace is read, how far it is. The clock of this one
+// stands still, which must not make the reading longer.
+TEST(Report, KnowsATerminal) {
+    const temporary_folder folder;
+    const std::string one = sample(1'000'000'000, {{4, 1}, {0x10003, 100}});
+    std::string trace = two_counters;
+    while (trace.size() < 40'000'000) {
+        trace += one;
+    }
+    std::ofstream(folder.file("t"), std::ios::binary) << trace << sample(1'001'000'000, {{4, 1}});
+    const auto shown = [&folder](const std::string& settings) {
+        return test_support::shown_on_terminal(settings + " " COUNTERFEED_REPORT " " + folder.file("t"), 100);
+    };
+    const std::string rich = shown("LC_ALL=C.UTF-8 TERM=xterm");
+    for (const char* part :
+         {"\rReading: ", " % of 40 MB\x1b[K", "\r\x1b[K2 counters", "\x1b[1mOther\x1b[0m", "\u2588"}) {
+        EXPECT_NE(rich.find(part), std::string::npos) << part;
+    }
+    const std::string plain = shown("LC_ALL=C TERM=dumb COLUMNS=90");
+    EXPECT_NE(plain.find("#\r\n"), std::string::npos) << plain;
+    EXPECT_EQ(plain.find("\x1b[1m"), std::string::npos) << plain;
 }
 
 // A gate of a build farm: the counter that rose fails it, and what JSON says is what the terminal says.
@@ -327,7 +340,6 @@ TEST(Report, ComparesTwoTraces) {
     EXPECT_EQ(counter["kind"], "amount");
 }
 
-// A full disk must not look like a short table.
 // A frame of the application's, as the timeline tells it: on CLOCK_MONOTONIC, which is a second ahead of the
 // samples'.
 std::string app_frame(unsigned number_of_it, std::uint64_t begin, std::uint64_t end, unsigned jank = 1) {
@@ -393,6 +405,7 @@ TEST(Report, SumsUpEachFrame) {
     EXPECT_EQ(run_report({"--by-frame", "--html"}, trace).status, 2);
 }
 
+// A full disk must not look like a short table.
 TEST(Report, TellsWhenTheResultCanNotBeWritten) {
     EXPECT_EQ(run_report({"--csv", "-o", "/dev/full"}, small_trace()).status, 2);
     EXPECT_EQ(run_report({"--html", "-o", "/nonexistent/x"}, small_trace()).status, 2);
@@ -546,7 +559,9 @@ TEST(Report, ShowsOtherGpusAsTheirs) {
                         event(0, number(4, 3), interned + number(13, 1));
     for (const unsigned id : {4U, 6U, 7U, 8U, 9U}) {
         for (const unsigned i : {1U, 2U, 4U}) {
-            trace += event(i * 1'000'000'000, value(id, id * i) + (id == 9 && i == 4 ? number(4, 3) : ""));
+            const unsigned scale = id == 8 ? 10'000 : 1;  // its unit has no thousands
+            trace +=
+                event(i * 1'000'000'000, value(id, id * i * scale) + (id == 9 && i == 4 ? number(4, 3) : ""));
         }
     }
     // The mean of what is no amount is over the time for which each value stood, the first for as long as the
@@ -565,7 +580,7 @@ TEST(Report, ShowsOtherGpusAsTheirs) {
             "Memory & bus\n"
             " Reads             B/s    10.89  4.667  9.333  18.67  18.67  18.67\n"
             "Board\n"
-            " Heat              °C        22      8     16     32     32     32\n"
+            " Heat              °C     2e+05  80000  2e+05  3e+05  3e+05  3e+05\n"
             "\nSequence 7, GPU 1, Second: 1 counter; 3 samples over 3.000 s, one every 1500.000 ms; amounts "
             "are per second\n\n"
             " counter unit   mean    min    p50    p95    p99    max\n"
