@@ -116,13 +116,8 @@ esac
         return result;
     }
     std::string trace() const { return service.folder.file("trace"); }
-    // The report beside the tool is of this build's processor, and runs by itself only natively.
-    static bool is_native() { return std::string(COUNTERFEED_EMULATOR).empty(); }
     arguments with_output(arguments more, const arguments& names = {}) const {
         more.insert(more.end(), {"-o", trace(), "-t", "1"});
-        if (!is_native()) {
-            more.emplace_back("--record-only");
-        }
         more.insert(more.end(), names.begin(), names.end());
         return more;
     }
@@ -159,10 +154,8 @@ TEST_F(Record, NamesBecomeATraceHereAndBehindAdb) {
             const auto result = run_tool(RECORD, with_output(where, three_names));
             ASSERT_EQ(result.status, 0) << result.err;
             EXPECT_EQ(sampled(), three);
-            if (is_native()) {
-                EXPECT_THAT(result.out, HasSubstr("Fragment utilization"));
-                EXPECT_THAT(read_file(service.folder.file("trace.html")), HasSubstr("Fragment utilization"));
-            }
+            EXPECT_THAT(result.out, HasSubstr("Fragment utilization"));
+            EXPECT_THAT(read_file(service.folder.file("trace.html")), HasSubstr("Fragment utilization"));
             EXPECT_TRUE(std::filesystem::is_empty(service.folder.file("device")));
             EXPECT_EQ(run_tool(RECORD, with_output(where, three_names)).status, 1);  // the trace exists
             std::filesystem::remove(trace());
@@ -212,7 +205,8 @@ TEST_F(Record, AnyGpu) {
     EXPECT_THAT(run_tool(RECORD, with_output({}, {"Walk"})).err, HasSubstr("\n  Walks\n"));
 
     std::filesystem::remove(socket);
-    EXPECT_THAT(run_tool(RECORD, with_output({}, {"Walks"})).err, HasSubstr("no tracing service answers"));
+    EXPECT_THAT(run_tool(RECORD, with_output({}, {"Walks"})).err, HasSubstr("answers on this machine:\n"));
+    EXPECT_THAT(run_tool(RECORD, with_output({"--adb"}, {"Walks"})).err, HasSubstr("on the device:\n"));
 }
 
 TEST_F(Record, OffersOfOurGpusAreRecognised) {
