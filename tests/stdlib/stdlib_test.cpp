@@ -161,6 +161,10 @@ TEST(number, conversion_is_the_same_in_both_data_models) {
     EXPECT_EQ(convert("0x10", 0), converted(0, 16, 4));
     EXPECT_EQ(convert("10", 16), converted(0, 16, 2));
     EXPECT_EQ(convert(" 1", 37), converted(1, 0, 1));
+    for (const auto& [text, kind] : {std::pair("-7", 0U), {"NAN", 1U}, {" +0X10", 2U}, {"-0x1", 3U}}) {
+        const char* rest = text;
+        EXPECT_EQ(reject_vexastdlib_nonlinux_cases(&rest, nullptr, 16), kind) << text;
+    }
 }
 
 }  // namespace
