@@ -1,7 +1,6 @@
 #include "workstation/command_line/catalogue.h"
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
+#include <fmt/core.h>
 #include <fnmatch.h>
 #include <strings.h>
 
@@ -16,6 +15,7 @@
 
 #include "hwc/counter_expressions.h"
 #include "hwc/hwc_names.h"
+#include "workstation/command_line/output.h"
 #include "workstation/command_line/program.h"
 
 namespace qel::vexa::command_line {
@@ -180,10 +180,10 @@ gpu offered_gpu(const protocol::counter_source& offer) {
                .producer = offer.producer,
                .counters = {}};
     for (unsigned table = 1; table <= hwc::table_count; ++table) {
-        const hwc::counter_table& rows = hwc::counter_tables[table - 1];
-        if (offer.counters.size() == rows.size() &&
-            std::all_of(offer.counters.begin(), offer.counters.end(), [&rows](const auto& each) {
-                const hwc::vexa_counter_descriptor* const row = rows.find(each.id);
+        const hwc::counter_table& known = hwc::counter_tables[table - 1];
+        if (offer.counters.size() == known.size() &&
+            std::all_of(offer.counters.begin(), offer.counters.end(), [&known](const auto& each) {
+                const hwc::vexa_counter_descriptor* const row = known.find(each.id);
                 return row != nullptr && row->name == each.name;
             })) {
             result.table = table;
@@ -324,7 +324,7 @@ std::vector<counter> preset_counters(const gpu& from, const std::string& name) {
     const auto found = std::find_if(presets().begin(), presets().end(),
                                     [&name](const preset& each) { return each.name == name; });
     if (found == presets().end()) {
-        fail_usage(fmt::format("unknown preset \"{}\": there are {}", name, fmt::join(preset_names(), ", ")));
+        fail_usage(fmt::format("unknown preset \"{}\": there are {}", name, joined(preset_names(), ", ")));
     }
     std::vector<counter> result;
     std::copy_if(from.counters.begin(), from.counters.end(), std::back_inserter(result),

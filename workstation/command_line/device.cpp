@@ -1,6 +1,6 @@
 #include "workstation/command_line/device.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <filesystem>
 

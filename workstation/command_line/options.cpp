@@ -1,6 +1,6 @@
 #include "workstation/command_line/options.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
@@ -136,7 +136,7 @@ std::string options::table::for_bash(const std::string& program) const {
         const std::vector<std::string> words = choices_of(each);
         const std::string reply =
             !words.empty() ? fmt::format("mapfile -t COMPREPLY < <(compgen -W {} -- \"$word\")",
-                                         quoted(fmt::format("{}", fmt::join(words, " "))))
+                                         quoted(joined(words, " ")))
             : is_file(each->get_type_name()) ? "mapfile -t COMPREPLY < <(compgen -f -- \"$word\")"
                                              : "COMPREPLY=()";
         cases += fmt::format("        {}) {} ;;\n", pattern, reply);
@@ -174,7 +174,7 @@ std::string options::table::for_zsh(const std::string& program) const {
         if (each->get_items_expected_max() != 0) {
             const std::vector<std::string> words = choices_of(each);
             value = fmt::format(":{}:{}", each->get_type_name(),
-                                !words.empty()                   ? fmt::format("({})", fmt::join(words, " "))
+                                !words.empty()                   ? "(" + joined(words, " ") + ")"
                                 : is_file(each->get_type_name()) ? "_files"
                                                                  : "");
         }

@@ -1,11 +1,12 @@
 #include "workstation/command_line/output.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <vector>
 
@@ -99,6 +100,18 @@ void print(const rows& data, format how, std::initializer_list<const char*> tabl
             print_csv(data);
             break;
     }
+}
+
+void print(const std::string& text) {
+    std::fputs(text.c_str(), stdout);
+}
+
+std::string joined(const std::vector<std::string>& texts, const std::string& separator) {
+    std::string result;
+    for (const std::string& text : texts) {
+        result += &text == &texts.front() ? text : separator + text;
+    }
+    return result;
 }
 
 std::string csv_field(const std::string& text) {

@@ -3,8 +3,9 @@
 
 #include <cstddef>
 #include <initializer_list>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <vector>
 
 namespace qel::vexa::command_line {
 
@@ -20,6 +21,12 @@ enum class format { table, json, csv };
 // Floating-point numbers have 17 significant digits there, and in JSON as many as it takes to read the same
 // number back.
 void print(const rows& data, format how, std::initializer_list<const char*> table_columns);
+
+// Puts a text on standard output as it is.
+void print(const std::string& text);
+
+// The texts in one, with the separator between them.
+std::string joined(const std::vector<std::string>& texts, const std::string& separator);
 
 // A field of CSV, quoted if it has to be.
 std::string csv_field(const std::string& text);

@@ -1,7 +1,6 @@
 #include "workstation/command_line/trace_config.h"
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <bit>
@@ -32,11 +31,11 @@ constexpr const char* names_heading = "counter names";
 
 // Which GPUs have these counters: for one of the tables those of all products with it.
 std::string gpus_of(const gpu& of) {
-    std::vector<std::uint32_t> products;
+    std::vector<std::string> products;
     std::string ids;
     for (const gpu& each : all_gpus()) {
         if (each.table == of.table) {
-            products.push_back(static_cast<std::uint32_t>(*each.product));
+            products.push_back(std::to_string(static_cast<std::uint32_t>(*each.product)));
             for (const std::uint32_t id : gpu_ids(*each.product)) {
                 ids += fmt::format(" {:#x}", id);
             }
@@ -44,7 +43,7 @@ std::string gpus_of(const gpu& of) {
     }
     return products.empty() ? "GPUs that offer these counters alone"
                             : fmt::format("product{} {} alone: GPU ids{}", products.size() == 1 ? "" : "s",
-                                          fmt::join(products, ", "), ids);
+                                          joined(products, ", "), ids);
 }
 
 // A text within quotes of the text form.

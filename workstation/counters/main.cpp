@@ -1,13 +1,13 @@
 // counterfeed-counters: which counters a GPU has, what they mean, and trace configs that record them.
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
+#include <fmt/core.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -132,8 +132,7 @@ request read_command_line(int argument_count, char** arguments) {
     table.flag("-G,--gpus", "list the GPUs that --gpu takes",
                [&result] { set_action(result, action::list_gpus); });
     table.section("Which of them");
-    table.value("-P,--preset", "PRESET",
-                "those for a topic: " + fmt::format("{}", fmt::join(preset_names(), ", ")), result.preset,
+    table.value("-P,--preset", "PRESET", "those for a topic: " + joined(preset_names(), ", "), result.preset,
                 preset_names());
     table.value("-s,--search", "WORDS", "with all of these words in name or description; may be repeated",
                 [&result](const std::string& text) { add_words(result.words, text); });
@@ -243,10 +242,10 @@ void print_gpus(format how) {
 void print_details(const gpu& of, const counter& which) {
     const auto print_line = [](const char* heading, const std::string& value) {
         if (!value.empty()) {
-            fmt::print("  {:10}  {}\n", heading, value);
+            print(fmt::format("  {:10}  {}\n", heading, value));
         }
     };
-    fmt::print("{}\n", which.name);
+    print(which.name + "\n");
     print_line("id", std::to_string(which.id));
     print_line("unit", which.unit().empty() ? "none" : which.unit());
     print_line("block", which.block);
@@ -261,7 +260,7 @@ void print_details(const gpu& of, const counter& which) {
     }
     const std::size_t terminal = terminal_width();
     if (!which.description.empty()) {
-        fmt::print("\n{}", wrapped(which.description, terminal == 0 ? page_width : terminal));
+        print("\n" + wrapped(which.description, terminal == 0 ? page_width : terminal));
     }
 }
 
@@ -276,9 +275,8 @@ int main(int argument_count, char** arguments) {
     }
     const std::vector<counter> chosen = chosen_counters(asked);
     if (asked.what == action::config) {
-        fmt::print("{}", trace_config(*asked.of,
-                                      asked.operands ? add_operands(*asked.of, chosen, asked.timing) : chosen,
-                                      asked.timing));
+        print(trace_config(*asked.of, asked.operands ? add_operands(*asked.of, chosen, asked.timing) : chosen,
+                           asked.timing));
     } else if (asked.what == action::details || (chosen.size() == 1 && asked.how == format::table)) {
         for (const counter& each : chosen) {
             std::fputs(&each == &chosen.front() ? "" : "\n", stdout);

@@ -1,11 +1,11 @@
 // counterfeed-evaluate: the values of all counters in a recorded sample.
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <bit>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -138,7 +138,7 @@ void leave_out_what_needs_cycles(std::vector<counter>& chosen) {
         return needs_cycles;
     });
     if (!left_out.empty()) {
-        complain(fmt::format("without --cycles these are left out: {}", fmt::join(left_out, ", ")));
+        complain("without --cycles these are left out: " + joined(left_out, ", "));
     }
 }
 

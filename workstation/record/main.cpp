@@ -1,11 +1,11 @@
 // counterfeed-record: from the names of counters to a trace, its summary and its page.
 
-#include <fmt/format.h>
-#include <fmt/ranges.h>
+#include <fmt/core.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -65,9 +65,8 @@ request read_command_line(int argument_count, char** arguments) {
         "Exit status: 0 success, 1 no such service, counters or samples, or a config for another GPU, 2 "
         "wrong usage.");
     table.section("What to record");
-    table.value("-P,--preset", "PRESET",
-                fmt::format("the counters for a topic: {}", fmt::join(preset_names(), ", ")), result.preset,
-                preset_names());
+    table.value("-P,--preset", "PRESET", "the counters for a topic: " + joined(preset_names(), ", "),
+                result.preset, preset_names());
     table.value(
         "-c,--config", "FILE",
         "what this trace config says, if the ids in it have on the device the names that stand behind "
@@ -147,16 +146,15 @@ std::string make_config(const request& asked, const gpu& of) {
     }
     const std::vector<std::string> faults = faults_of_config(config, of);
     if (!faults.empty()) {
-        fail(exit_failure,
-             fmt::format("{} is for another GPU:\n  {}", asked.config, fmt::join(faults, "\n  ")));
+        fail(exit_failure, fmt::format("{} is for another GPU:\n  {}", asked.config, joined(faults, "\n  ")));
     }
     return config;
 }
 
 void show_progress(std::chrono::steady_clock::time_point start, std::uint64_t duration_s) {
     const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
-    fmt::print(stderr, "\rRecording {:.0f} s{} ... ", passed.count(),
-               duration_s != 0 ? fmt::format(" of {} s", duration_s) : ", until Ctrl-C");
+    const std::string whole = duration_s != 0 ? fmt::format(" of {} s", duration_s) : ", until Ctrl-C";
+    std::fputs(fmt::format("\rRecording {:.0f} s{} ... ", passed.count(), whole).c_str(), stderr);
 }
 
 // Records to the end of the config's duration, or to Ctrl-C.
@@ -183,7 +181,7 @@ void record(const request& asked, const place& where, const std::string& config)
                         }
                     });
     if (on_terminal) {
-        fmt::print(stderr, "\n");
+        std::fputs("\n", stderr);
     }
     if (result.status != 0) {
         fail(exit_failure, fmt::format("recording on {} failed:\n{}", where.name(), result.err));
@@ -202,10 +200,10 @@ void start_detached(const request& asked, const place& where, const std::string&
     if (result.status != 0 || process.empty()) {
         fail(exit_failure, fmt::format("recording on {} failed:\n{}", where.name(), result.err));
     }
-    fmt::print("Recording on {} goes on by itself. Stop it, fetch it and look at it with:\n{}\n",
-               where.name(), where.shown("kill " + process));
+    print(fmt::format("Recording on {} goes on by itself. Stop it, fetch it and look at it with:\n{}\n",
+                      where.name(), where.shown("kill " + process)));
     const std::string fetch = where.fetch_lines(asked.trace);
-    fmt::print("{}{}counterfeed-report {}\n", fetch, fetch.empty() ? "" : "\n", shell_line({asked.trace}));
+    print(fetch + (fetch.empty() ? "" : "\n") + "counterfeed-report " + shell_line({asked.trace}) + "\n");
 }
 
 // Whether the trace has values of counters.
@@ -233,7 +231,7 @@ void show_results(const request& asked) {
     const std::vector<std::string> page{program, "--html", "--output", asked.page, asked.trace};
     for (const std::vector<std::string>& command : {summary, page}) {
         if (asked.dry_run) {
-            fmt::print("{}\n", shell_line(command));
+            print(shell_line(command) + "\n");
             continue;
         }
         std::fflush(stdout);
@@ -243,7 +241,7 @@ void show_results(const request& asked) {
         }
     }
     if (!asked.dry_run) {
-        fmt::print("\nThe trace is {}, its page is {}\n", asked.trace, asked.page);
+        print(fmt::format("\nThe trace is {}, its page is {}\n", asked.trace, asked.page));
     }
 }
 
@@ -258,7 +256,7 @@ int main(int argument_count, char** arguments) {
         fail(exit_failure, asked.trace + " exists: give the trace another name with --output");
     }
     if (asked.dry_run) {
-        fmt::print("{}", config);
+        print(config);
     }
     if (asked.detached) {
         start_detached(asked, where, config);

@@ -1,10 +1,11 @@
 #include "workstation/record/place.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <filesystem>
 #include <utility>
 
+#include "workstation/command_line/output.h"
 #include "workstation/command_line/program.h"
 
 namespace qel::vexa::record {
@@ -42,7 +43,7 @@ std::string place::shown(const std::string& line) const {
 program_result place::shell(effect what, const std::string& line, const std::string& input,
                             const std::function<void(const std::string&)>& meanwhile) const {
     if (dry_run_) {
-        fmt::print("{}\n", shown(line));
+        command_line::print(shown(line) + "\n");
         if (what == effect::records) {
             return {.status = 0, .out = {}, .err = {}};
         }
@@ -67,7 +68,7 @@ void place::fetch(const std::string& file_here) const {
         return;
     }
     if (dry_run_) {
-        fmt::print("{}\n", fetch_lines(file_here));
+        command_line::print(fetch_lines(file_here) + "\n");
         return;
     }
     const std::string there = file_there(file_here);
