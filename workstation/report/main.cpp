@@ -603,8 +603,16 @@ void write_comparison_page(std::ostream& out, const settings& wanted, const comp
     std::vector<page_source> sources;
     std::vector<std::unique_ptr<page_levels>> levels;
     auto rest = static_cast<std::size_t>(wanted.page_megabytes * 1'000'000);
+    // Steps of about one length on both sides: what is alike is then to look alike.
+    const auto length = [](const summed_trace& trace) {
+        const sequence_summary& only = trace.sequences->begin()->second;
+        return static_cast<double>(only.last() - only.first);
+    };
+    const double longest = std::max(length(before), length(after));
     for (summed_trace* const trace : {&before, &after}) {
-        trace->summary.coarsen(wanted.page_bins());
+        const double share = longest > 0 ? length(*trace) / longest : 1;
+        const double bins = std::max(2.0, share * static_cast<double>(wanted.page_bins()));
+        trace->summary.coarsen(static_cast<std::size_t>(bins));
         sources.push_back(trace->as_source(wanted));
         rest -= std::min(rest, page_base_size(*trace->sequences, 0));
     }

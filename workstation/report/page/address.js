@@ -3,7 +3,7 @@ import { trace } from "./data.js";
 import { byId, search } from "./dom.js";
 import { state } from "./state.js";
 
-const texts = { q: search, show: byId("show"), columns: byId("columns"), amounts: byId("amounts") };
+const texts = { q: search, show: byId("show"), columns: byId("columns"), amounts: byId("amounts"), layer: byId("layer") };
 
 export function readAddress() {
   return new URLSearchParams(location.hash.slice(1));
@@ -57,7 +57,7 @@ export function writeAddress() {
     const second = (time) => String(Number(time.toFixed(9)));
     const rangeText = ({ from, to }) => `${second(from)}~${second(to)}`;
     for (const [name, control] of Object.entries(texts)) {
-      const usual = name === "amounts" && trace.amounts || (control.options ? control.options[0].value : "");
+      const usual = name === "amounts" && trace.amounts || (control.options?.[0]?.value ?? "");
       if (control.value !== usual) address.set(name, control.value);
     }
     if (byId("fit").checked) address.set("fit", "");

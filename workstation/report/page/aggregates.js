@@ -149,6 +149,12 @@ export function shownAs(counter) {
   return { factor: isRate ? 1 / counter.sequence.period : 1, unit: isRate ? `${counter.unit}/s` : counter.unit };
 }
 
+// The same unit in words.
+export function unitText(counter) {
+  const { unit } = shownAs(counter);
+  return unit === "/s" ? "per second" : unit;
+}
+
 export function columnsOf(counter, range) {
   const { factor, unit } = shownAs(counter);
   if (byId("columns").value === "percentiles") {

@@ -1,5 +1,5 @@
 // Drawing: a counter's chart, and what charts and time line share.
-import { columnsOf, shownAs } from "./aggregates.js";
+import { columnsOf, shownAs, unitText } from "./aggregates.js";
 import { changeColumns, sideHues } from "./compare.js";
 import { stepAt } from "./data.js";
 import { byId, element, hueName, setAttribute, setText } from "./dom.js";
@@ -91,7 +91,8 @@ function fillColumns(piece, range, count) {
   const span = (range.to - range.from) / count;
   const last = means.length - 1;
   let i = stepAt(edges, range.from);
-  const isDense = stepAt(edges, range.to) - i >= count;
+  const end = stepAt(edges, range.to);
+  const isDense = end - i >= (Math.min(edges[end + 1], range.to) - Math.max(edges[i], range.from)) / span;
   for (let column = 0; column < count; column += 1) {
     const from = range.from + span * (isDense ? column : column + 0.5);
     while (i < last && edges[i + 1] <= from) i += 1;
@@ -414,6 +415,9 @@ export function writeRows() {
   for (const row of state.visible) {
     const { counter, scale, missing, note, cells, plot } = row;
     if (!scale) continue;  // not drawn yet
+    const unit = unitText(counter);
+    setText(row.unit, unit);
+    if (row.unit.hidden !== !unit) row.unit.hidden = !unit;
     const figures = (counter.after ? changeColumns : columnsOf)(counter, state.selection || state.view);
     note.hidden = !missing;
     setText(note, missing ? `in steps of ${missing} samples: finer ones did not fit into the page` : "");

@@ -26,5 +26,6 @@ export function spanText(seconds) {
   const rounded = Number(seconds.toPrecision(4));  // what is shown: 0.99999 ms is 1 ms
   if (rounded >= 120) return `${digits(seconds / 60, 3)} min`;
   if (rounded >= 1) return `${digits(seconds, 4)} s`;
-  return rounded >= 1e-3 ? `${digits(seconds * 1e3, 4)} ms` : `${digits(seconds * 1e6, 4)} µs`;
+  if (rounded >= 1e-3) return `${digits(seconds * 1e3, 4)} ms`;
+  return rounded >= 1e-6 ? `${digits(seconds * 1e6, 4)} µs` : `${digits(seconds * 1e9, 4)} ns`;
 }

@@ -1,13 +1,14 @@
 // The frames of a trace: a lane of them above the charts, and a list of the longest.
 import { colorOf, fitCanvas } from "./charts.js";
 import { lowerBound, trace } from "./data.js";
-import { byId, element } from "./dom.js";
+import { byId, element, setText } from "./dom.js";
 import { counted, short, spanText, timeText } from "./format.js";
 import { select } from "./selection.js";
 import { schedule, state } from "./state.js";
 import { goTo, moveView, timeAt } from "./view.js";
 
 const lane = byId("frames");
+const leastRoom = 6;  // pixels for a frame and the mark beside it
 
 // By layer. Numbers go on by one, except where frames did not fit into the page.
 const layers = new Map();
@@ -20,6 +21,7 @@ let frames = [];
 let starts = new Float64Array(0);
 let total = 0;
 let current = -1;
+let chosen = null;  // the selection that it is
 
 const isLate = ({ jank, isDropped }) => jank > 1 || isDropped;
 
@@ -65,16 +67,15 @@ export function drawFrames() {
       context.fillRect(left, late ? 3 : 6, Math.max(done - left - (right - left > 4 ? 1 : 0), 1), late ? height - 6 : height - 12);
     }
   }
-  // Where each was to end, as far as there is room to see it.
+  // Where each was to end, if there is room to see it.
   context.fillStyle = colorOf("--text");
-  let marked = -1;
-  for (let i = first; i < end; i += 1) {
+  for (let i = first; i < end && (end - first) * leastRoom < width; i += 1) {
     const place = x(frames[i].expectedEnd);
-    if (!frames[i].expectedEnd || place < Math.max(marked + 4, 0) || place > width) continue;
-    marked = place;
-    context.fillRect(Math.round(place), 1, 1, height - 2);
+    if (frames[i].expectedEnd && place >= 0 && place <= width) context.fillRect(Math.round(place), 1, 1, height - 2);
   }
-  if (current >= 0) {
+  const isSelected = current >= 0 && state.selection === chosen;
+  setText(byId("frame"), isSelected ? describe(current) : "");
+  if (isSelected) {
     context.strokeStyle = colorOf("--text");
     context.lineWidth = 2;
     context.strokeRect(x(frames[current].start), 1, Math.max(x(frames[current].end) - x(frames[current].start), 2), height - 2);
@@ -98,12 +99,12 @@ function selectFrame(index) {
   }
   goTo(end);
   select(start, end);
+  chosen = state.selection;
   byId("live").textContent = describe(current);
-  byId("frame").textContent = describe(current);
 }
 
 export function stepFrame(direction) {
-  selectFrame(current < 0 ? lowerBound(starts, state.at) : current + direction);
+  selectFrame(current < 0 || state.selection !== chosen ? lowerBound(starts, state.at) : current + direction);
 }
 
 lane.addEventListener("pointerdown", (event) => {
@@ -153,6 +154,13 @@ function openLongest() {
 export function startFrames() {
   if (layers.size === 0) return;
   byId("frame-row").hidden = false;
+  byId("layer").addEventListener("change", () => choose(Number(byId("layer").value)));
+  byId("frames-longest").addEventListener("click", openLongest);
+  choose(Number(byId("layer").value));
+}
+
+// They are there before the address is read, which says which one is chosen.
+function offerLayers() {
   for (const layer of [...layers.keys()].sort((a, b) => a - b)) {
     const { name, frames: all } = trace.frames.layers[layer];
     const { length } = layers.get(layer);
@@ -161,7 +169,5 @@ export function startFrames() {
     choice.value = layer;
     byId("layer").append(choice);
   }
-  byId("layer").addEventListener("change", () => choose(Number(byId("layer").value)));
-  byId("frames-longest").addEventListener("click", openLongest);
-  choose(Number(byId("layer").value));
 }
+offerLayers();

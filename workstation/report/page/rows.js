@@ -44,7 +44,9 @@ function makeRow(counter) {
   row.pin.setAttribute("aria-label", `Pin ${counter.name} to the top`);
   row.what.tabIndex = row.pin.tabIndex = -1;
   const detail = element("p");
-  if (counter.unit) detail.append(element("span", "unit", counter.unit));
+  row.unit = element("span", "unit", counter.unit);
+  row.unit.hidden = !counter.unit;
+  detail.append(row.unit);
   if (counter.hardware) detail.append(element("code", "", counter.hardware));
   row.lay = button("lay", "+");
   row.lay.title = "Draw it over another chart";

@@ -1,9 +1,10 @@
 // The part of the time that is shown, and the cursor in it.
 import { shownAs } from "./aggregates.js";
 import { drawCursor } from "./charts.js";
-import { overviewOf, stepAt } from "./data.js";
+import { stepAt } from "./data.js";
 import { byId, overview, setAttribute, setText } from "./dom.js";
 import { short, timeText } from "./format.js";
+import { finest } from "./levels.js";
 import { schedule, state } from "./state.js";
 
 const calm = matchMedia("(prefers-reduced-motion: reduce)");
@@ -91,15 +92,23 @@ export function moveCursor(steps) {
   goTo(!isInside ? at : edges[place] ?? at + steps * step);
 }
 
+// What is drawn does not reach to a cursor that has gone out of view.
+function pieceAtCursor(counter, drawn) {
+  const { at } = state;
+  const isThere = drawn && at > drawn.edges[0] && at <= drawn.edges[drawn.edges.length - 1];
+  return isThere ? drawn : finest(counter, { from: at, to: at }, 1).piece;
+}
+
 function valueAt(row) {
   const { counter, piece, afterPiece } = row;
-  const text = (of, { edges, means }) => {
+  const text = (of, drawn) => {
+    const { edges, means } = pieceAtCursor(of, drawn);
     const { factor, unit } = shownAs(of);
     const isInside = state.at <= of.sequence.to;
     return short(isInside ? means[stepAt(edges, state.at)] * factor : NaN, unit);
   };
-  const value = text(counter, piece || overviewOf(counter));
-  return counter.after ? `${value}\n${text(counter.after, afterPiece || overviewOf(counter.after))}` : value;
+  const value = text(counter, piece);
+  return counter.after ? `${value}\n${text(counter.after, afterPiece)}` : value;
 }
 
 export function writeCursor() {

@@ -55,6 +55,8 @@ export async function startBrowser(program, moreFlags = []) {
             page.errors.push(params.entry.text);
           } else if (method === "Network.requestWillBeSent") {
             page.requests.push(params.request.url);
+          } else if (method === "Input.dragIntercepted") {
+            page.dragged = params.data;
           } else if (method === "Page.loadEventFired") {
             resolve();
           }

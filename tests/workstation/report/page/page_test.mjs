@@ -189,6 +189,10 @@ test("every sample is in the page, and is seen when it is looked at", async () =
   assert.deepEqual(await page.evaluate(`(() => { const { mins, means, maxs } = ${rowNamed("Ramp")}.row.piece;
     return [maxs[3] - mins[3], means[3] - mins[3]]; })()`), [15, 7.5]);
   await page.close();
+  // The cursor's value is that of its time, in view or not.
+  const far = await openClean(`${long}#view=12.3~12.33&at=5`);
+  await far.until(`${rowNamed("Ramp")}.row.cells.at.textContent === "5000"`);
+  await far.close();
 });
 
 test("a selection has true sums and percentiles, by address, mouse and key", async () => {
@@ -201,6 +205,8 @@ test("a selection has true sums and percentiles, by address, mouse and key", asy
   await choose("amounts", "second");
   await page.settle();
   assert.equal((await numbers(page, "Ramp"))[0], "Min 5.001 M");
+  assert.deepEqual(await Promise.all(["Ramp", "Filler 200", "Wave <b>"].map((name) => page.evaluate(`${rowNamed(name)}.row.unit.textContent`))),
+    ["byte/s", "per second", "percent"]);
   // A derived counter is its expression over the sums of its operands.
   await page.evaluate(`(() => {
     const { sequence } = window.counterfeed.state;
@@ -253,6 +259,17 @@ test("counters are drawn over others, and the address keeps everything", async (
   await page.evaluate(`${rowNamed("Wave <b>")}.focus()`);
   await page.press("o");
   assert.ok(await colorsIn(page, "Wave <b>") > plain);
+  // A name that is dragged onto a chart does the same.
+  const middleOf = (name, what) => page.evaluate(`(() => { const box = ${rowNamed(name)}.querySelector("${what}").getBoundingClientRect();
+    return { x: box.x + box.width / 2, y: box.y + box.height / 2 }; })()`);
+  const [from, to] = [await middleOf("Nothing at all", ".what"), await middleOf("Filler 200", ".plot")];
+  await page.call("Input.setInterceptDrags", { enabled: true });
+  await page.mouse("mousePressed", from.x, from.y, { buttons: 1 });
+  for (const moved of [10, 20]) await page.mouse("mouseMoved", from.x + moved, from.y, { buttons: 1 });
+  await page.settle();
+  for (const type of ["dragEnter", "dragOver", "drop"]) await page.call("Input.dispatchDragEvent", { type, ...to, data: page.dragged });
+  await page.mouse("mouseReleased", to.x, to.y);
+  assert.equal(await page.evaluate(`${rowNamed("Filler 200")}.querySelector(".legend").textContent`), "Nothing at all");
   for (const key of ["p", "w", "f"]) await page.press(key);
   await page.until("location.hash.includes('fit') && location.hash.includes('view') && location.hash.includes('over')");
   const url = await page.evaluate("location.href");
@@ -263,7 +280,7 @@ test("counters are drawn over others, and the address keeps everything", async (
   await again.until(`${look} === ${JSON.stringify(before)}`);
   assert.ok(await again.evaluate("document.getElementById('fit').checked"));
   await again.click(".over");
-  assert.equal(await again.evaluate("document.querySelectorAll('.over').length"), 0);
+  assert.equal(await again.evaluate("document.querySelectorAll('.over').length"), 1);
   const far = `${rowNamed("Filler 346")}.row.canvas.width`;
   assert.ok(await again.evaluate(`${far} < 2 || !${rowNamed("Filler 346")}.row.piece`));
   await again.evaluate("dispatchEvent(new Event('beforeprint'))");
@@ -313,6 +330,10 @@ test("frames are shown where the samples are, and the longest are found", async 
   await page.press(".");
   assert.match(await page.text("#frame"), /^Frame 9 of 20: 9 ms, on time$/);
   assert.deepEqual(await numbers(page, "Ramp"), ["Min 81", "Mean 85", "Max 89"]);
+  await page.press("Escape");
+  assert.equal(await page.text("#frame"), "");
+  await page.press(".");
+  assert.match(await page.text("#frame"), /^Frame 10 of 20/);
   // What the longest have in common is what --by-frame says of them.
   const told = JSON.parse(execFileSync(process.env.COUNTERFEED_REPORT, ["--by-frame", "--json", join(folder, "frames.trace")]));
   const { longest, common } = told.layers.find(({ layer }) => layer === "display");
@@ -331,9 +352,17 @@ test("frames are shown where the samples are, and the longest are found", async 
   // Of the other sequence they are the same, as its samples are.
   const all = await rowsOf("#common");
   await page.evaluate('{ const list = document.getElementById("session"); list.value = 1; list.dispatchEvent(new Event("change")); }');
+  await page.settle();
   await page.click("#frames-longest");
   assert.deepEqual(await rowsOf("#common"), all.filter(([name]) => /Filler 20[012] /.test(name)));
+  await page.evaluate('{ const list = document.getElementById("layer"); list.value = 1; list.dispatchEvent(new Event("change")); }');
+  await page.until("location.hash.includes('layer=1')");
+  const url = await page.evaluate("location.href");
   await page.close();
+  const again = await openClean(url);
+  await again.press(".");
+  assert.match(await again.text("#frame"), /^Frame 1 of 1: 10 ms/);
+  await again.close();
 
   // Too many for a page: the shortest are left out, but for those in a list, and the others keep their numbers.
   const many = Array.from({ length: 66000 }, (_, i) => ({ start: ms(0.004 * i), end: ms(0.004 * i + (i < 600 ? 0.002 : 0.003)), jank: 1 }));
@@ -373,7 +402,7 @@ test("two traces are shown over each other, and what changed stands first", asyn
   assert.match(await shown("Shrunk"), /^Before 40\.\d+ %, After 27\.\d+ %, Change −3\d(\.\d)? % changed$/);
   assert.match(await shown("Steady"), /chance\?$/);
   // Amounts are drawn as rates: those of "Steady" are at one height, those of "Grown" are not. And the first ends earlier.
-  const linesOf = (name) => page.evaluate(`(() => {
+  const linesOf = (name, on = page) => on.evaluate(`(() => {
     const { canvas } = ${rowNamed(name)}.row;
     const { data } = canvas.getContext("2d").getImageData(0, 0, canvas.width, canvas.height);
     const pixels = new Uint32Array(data.buffer);
@@ -382,13 +411,15 @@ test("two traces are shown over each other, and what changed stands first", asyn
       const pixel = Number("0xff" + hex.slice(5, 7) + hex.slice(3, 5) + hex.slice(1, 3));
       const places = [...pixels.keys()].filter((at) => pixels[at] === pixel).map((at) => [at / canvas.width, at % canvas.width / canvas.width]);
       const rows = places.filter(([, x]) => x < 0.5).map(([row]) => row);
-      return { height: rows.reduce((sum, row) => sum + row, 0) / rows.length, end: Math.max(...places.map(([, x]) => x)) };
+      return { height: rows.reduce((sum, row) => sum + row, 0) / rows.length, range: Math.max(...rows) - Math.min(...rows), end: Math.max(...places.map(([, x]) => x)) };
     });
   })()`);
   const [steady, grown] = [await linesOf("Steady"), await linesOf("Grown")];
   assert.ok(Math.abs(steady[0].height - steady[1].height) < 4, JSON.stringify(steady));
   assert.ok(grown[0].height - grown[1].height > 10, JSON.stringify(grown));
   assert.ok(Math.abs(steady[0].end - 0.8) < 0.02 && steady[1].end > 0.98, JSON.stringify(steady));
+  const stepLengths = await page.evaluate("window.counterfeed.state.sequence.sides.map(({ edges }) => (edges[2] - edges[1]).toFixed(6))");
+  assert.equal(stepLengths[0], stepLengths[1]);
   assert.match(await page.text("#sides"), /Before first\.trace.*4,000 samples, one every 1 ms.*After second\.trace.*one every 2 ms/);
   assert.match(await page.text("#alone"), /Only before: 1 counterLeft behind.*Only after: 1 counterNewcomer/);
   await page.press("ArrowDown");
@@ -398,6 +429,13 @@ test("two traces are shown over each other, and what changed stands first", asyn
   await page.press("End");
   assert.match(await cursorValue(page, "Shrunk"), /^–\n27\.\d+ %$/);
   await page.close();
+  // One is drawn as the other, though only the longer has more samples than there are pixels.
+  const wild = (samples, least) => traceOf(`wild-${samples}.trace`, { counters: [{ id: 1, name: "Wild", value: (i) => least + i % 2 }], samples });
+  execFileSync(process.env.COUNTERFEED_REPORT, ["--compare", wild(600, 0), wild(400, 3), "--html", "-o", join(folder, "wild.html")]);
+  const even = await openClean(pathToFileURL(join(folder, "wild.html")).href);
+  const ranges = (await linesOf("Wild", even)).map(({ range }) => range);
+  assert.ok(Math.abs(ranges[0] - ranges[1]) < 4, `${ranges}`);
+  await even.close();
   const part = await openClean(`${url}#selection=4.5~4.9`, { width: 390, height: 844, isPhone: true, isDark: true });
   await part.until(`${rowNamed("Shrunk")}.row.cells.columns[0].value.textContent !== ""`);
   assert.match((await numbers(part, "Shrunk")).join(), /^Before –,After 27\.\d+ %,Change –$/);
