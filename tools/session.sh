@@ -37,15 +37,31 @@ wait_for() {
 
 build() { cmake --preset "$1" && cmake --build --preset "$@"; }
 
-# build_all PRESET: sets the machine up, and builds the tools natively and what they watch in the preset.
+# build_all PRESET [TARGET...]: sets the machine up, and builds the tools and the further targets natively, and what they
+# watch in the preset.
 build_all() {
-    local variants=(native) log=out/$me-build.log
-    [[ $1 == release ]] || variants+=("$1")
-    tools/setup "${variants[@]}"
-    echo "Building the library, the launcher and the virtual GPU ..."
+    local preset=$1 variants=(native) log=out/$me-build.log
+    shift
+    [[ $preset == release ]] || variants+=("$preset")
     mkdir -p out
-    if ! { build release --target report counters virtual_gpu_frames &&
-        build "$1" --target counterfeed launcher virtual_gpu_preload; } >"$log" 2>&1; then
+    if [[ -x $service/traced ]]; then
+        tools/setup "${variants[@]}"
+    else
+        tools/setup tools
+        # Nothing of the tracing service is in the tools, and making it leaves a core idle for a good part of the time.
+        # Where their build fails, it is told below.
+        (
+            cmake --preset release -DCOUNTERFEED_DEVICE=OFF
+            exec nice ninja -C build/release -j 2 counterfeed-counters counterfeed-report
+        ) >"$log" 2>&1 &
+        processes=($!)
+        tools/setup "${variants[@]}"
+        wait "${processes[0]}" || true
+        processes=()
+    fi
+    echo "Building the library, the launcher and the virtual GPU ..."
+    if ! { build release --target report counters "$@" &&
+        build "$preset" --target counterfeed launcher virtual_gpu_preload; } >"$log" 2>&1; then
         tail -n 20 "$log" >&2
         echo "$me: the build failed; the whole log is $log" >&2
         exit 1
