@@ -287,7 +287,7 @@ TEST(Report, KnowsATerminal) {
     const auto shown = [&folder](const std::string& settings) {
         return test_support::shown_on_terminal(settings + " " COUNTERFEED_REPORT " " + folder.file("t"), 100);
     };
-    const std::string rich = shown("LC_ALL=C.UTF-8 TERM=xterm");
+    const std::string rich = shown("env -u NO_COLOR LC_ALL=C.UTF-8 TERM=xterm");
     for (const char* part :
          {"\rReading: ", " % of 40 MB\x1b[K", "\r\x1b[K2 counters", "\x1b[1mOther\x1b[0m", "\u2588"}) {
         EXPECT_NE(rich.find(part), std::string::npos) << part;
