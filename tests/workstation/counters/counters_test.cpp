@@ -291,7 +291,8 @@ TEST(Counters, GpusAndTextsAreWhole) {
     const tool_result help = run_tool(COUNTERS, {"-g", "99", "--walrus", "--help"});
     EXPECT_EQ(help.status, 0);
     check_width(help.out.substr(help.out.find("\n\n")));
-    EXPECT_THAT(help.out, HasSubstr("\n  -d, --default             selected by default\n"));
+    EXPECT_THAT(help.out,
+                HasSubstr("\nWhat to do with them:\n  -D, --details             show them in full\n"));
 }
 
 TEST(Counters, ShellCompletes) {
