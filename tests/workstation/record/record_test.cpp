@@ -304,10 +304,18 @@ TEST_F(Record, RecordingsEndWhenTold) {
 }
 
 TEST(RecordOptions, Complaints) {
-    for (const arguments& wrong :
-         {arguments{}, arguments{"-P", "overview", "GPU_ACTIVE"}, arguments{"-c", "x", "-t", "1"},
-          arguments{"-t", "1.5", "GPU_ACTIVE"}, arguments{"--walrus"}}) {
-        EXPECT_EQ(run_tool(RECORD, wrong).status, 2);
+    const std::pair<arguments, const char*> cases[] = {
+        {{}, "say what to record"},
+        {{"-P", "overview", "GPU_ACTIVE"}, "exclude each other"},
+        {{"-c", "x", "-t", "1"}, "stand in the config"},
+        {{"-c", "x", "-O"}, "goes without --with-operands"},
+        {{"-t", "1.5", "GPU_ACTIVE"}, "not \"1.5\""},
+        {{"--walrus"}, "--walrus"},
+    };
+    for (const auto& [wrong, message] : cases) {
+        const auto result = run_tool(RECORD, wrong);
+        EXPECT_EQ(result.status, 2);
+        EXPECT_THAT(result.err, HasSubstr(message));
     }
     EXPECT_EQ(run_tool(RECORD, {"--config", "/nonexistent", "--help"}).status, 0);
 }
