@@ -470,8 +470,9 @@ TEST(TraceReader, ReadsOnBehindDamage) {
 
 TEST(TraceReader, TextsCanNotActWhereTheyAreShown) {
     const std::string name = "a\x1b[2Jb\n\xc2\x9b\xff\xc3\xa9\xed\xa0\x80\xf0\x9f\x98";
-    const recorder result = record(descriptor(counter_spec(1, name, 0, true)));
+    const recorder result = record(descriptor(nested(1, text(2, name))));
     ASSERT_EQ(result.counters.size(), 1U);
+    EXPECT_EQ(result.counters[0].id, 0U) << "what a message lacks is 0";
     const std::string bad = "\xef\xbf\xbd";
     EXPECT_EQ(result.counters[0].name,
               "a" + bad + "[2Jb " + bad + bad + bad + "\xc3\xa9" + bad + bad + bad + bad + bad + bad);
