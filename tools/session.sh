@@ -37,8 +37,8 @@ wait_for() {
 
 build() { cmake --preset "$1" && cmake --build --preset "$@"; }
 
-# build_all PRESET [TARGET...]: sets the machine up, and builds the tools and the further targets natively, and what they
-# watch in the preset.
+# build_all PRESET [TARGET...]: sets the machine up, and builds the tools and the further targets natively, and what
+# they watch in the preset.
 build_all() {
     local preset=$1 variants=(native) log=out/$me-build.log
     shift
@@ -60,8 +60,10 @@ build_all() {
         processes=()
     fi
     echo "Building the library, the launcher and the virtual GPU ..."
-    if ! { build release --target report counters "$@" &&
-        build "$preset" --target counterfeed launcher virtual_gpu_preload; } >"$log" 2>&1; then
+    local targets=(report counters "$@") watched=(counterfeed launcher virtual_gpu_preload)
+    [[ $preset != release ]] || targets+=("${watched[@]}")
+    if ! { build release --target "${targets[@]}" &&
+        { [[ $preset == release ]] || build "$preset" --target "${watched[@]}"; }; } >"$log" 2>&1; then
         tail -n 20 "$log" >&2
         echo "$me: the build failed; the whole log is $log" >&2
         exit 1
