@@ -342,13 +342,14 @@ TEST(Report, ComparesTwoTraces) {
 
 // A frame of the application's, as the timeline tells it: on CLOCK_MONOTONIC, which is a second ahead of the
 // samples'.
-std::string app_frame(unsigned number_of_it, std::uint64_t begin, std::uint64_t end, unsigned jank = 1) {
+std::string app_frame(unsigned number_of_it, std::uint64_t begin, std::uint64_t end, unsigned jank = 1,
+                      const std::string& layer = "Scene") {
     const auto event = [](std::uint64_t time, unsigned field, const std::string& content) {
         return packet(number(58, 3) + number(8, time + 1'000'000'000) + nested(76, nested(field, content)),
                       9);
     };
     return event(begin, 4,
-                 number(1, number_of_it) + number(2, number_of_it) + text(5, "Scene") + number(9, jank)) +
+                 number(1, number_of_it) + number(2, number_of_it) + text(5, layer) + number(9, jank)) +
            event(end, 5, number(1, number_of_it));
 }
 
@@ -406,6 +407,20 @@ TEST(Report, SumsUpEachFrame) {
               std::string::npos);
     EXPECT_EQ(run_report({"--by-frame=other"}, trace).status, 2);
     EXPECT_EQ(run_report({"--by-frame", "--html"}, trace).status, 2);
+    // More than a page shows: the brief ones' list is whole all the same.
+    for (unsigned i = 1; i <= 12; ++i) {
+        trace += app_frame(i + 100, i * ms - 1000, i * ms, 1, "Brief");
+    }
+    for (unsigned i = 0; i < 65'536; ++i) {
+        trace += app_frame(i + 1000, 200 * ms + i * 10'000, 200 * ms + i * 10'000 + 9'000);
+    }
+    const std::string page = run_report({"--html"}, trace).output;
+    EXPECT_NE(page.find("shows the 65536 longest of 65569 frames"), std::string::npos);
+    std::size_t brief = 0;
+    for (std::size_t at = 0; (at = page.find(",0,1,1,0", at)) != std::string::npos; ++at) {
+        ++brief;
+    }
+    EXPECT_EQ(brief, 10U);
 }
 
 // A full disk must not look like a short table.
