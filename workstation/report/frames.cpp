@@ -1,6 +1,7 @@
 #include "workstation/report/frames.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "workstation/protocol/messages.h"
@@ -21,10 +22,14 @@ enum : std::uint32_t {
     frame_end = 5
 };
 
+enum buffer_event : std::uint32_t { buffer_dequeue = 1, buffer_present_fence = 8, buffer_cancel = 13 };
+
 constexpr std::uint32_t clock_monotonic_raw = 5;
 constexpr std::uint32_t present_dropped = 4;
 // Frames that never end and predictions that nobody asks for must not gather.
 constexpr std::size_t most_open = 4096;
+// A mark can be told after later ones of the same buffer.
+constexpr std::size_t most_dequeued = 4;
 
 template <typename Map>
 void forget_oldest(Map& map) {
@@ -61,7 +66,7 @@ std::string jank_text(const frame& one) {
         }
         bit <<= 1;
     }
-    return !result.empty() ? result : one.jank > 1 ? "late" : "on time";
+    return !result.empty() ? result : one.jank > 1 ? "late" : one.jank == 1 ? "on time" : "not judged";
 }
 
 std::vector<frame_layer> layers_of(std::span<const frame> frames) {
@@ -179,7 +184,68 @@ void frame_timeline::on_event(std::uint64_t time, std::uint32_t clock, std::stri
             ended.begun.expected_end = expected->second;
             expected_ends_.erase(expected);
         }
+        if (!has_timeline_) {
+            has_timeline_ = true;
+            finished_.clear();
+            left_out_ = 0;
+        }
         add({.whole = std::move(ended.begun), .clock = clock});
+        return true;
+    });
+}
+
+// A frame goes from the moment when its buffer was handed out for drawing to that when the display showed it.
+void frame_timeline::on_buffer_event(std::uint64_t time, std::uint32_t clock, std::string_view event) {
+    if (has_timeline_) {
+        return;
+    }
+    for_each_field(event, [&](const field& each) {
+        if (each.id != 1 || !each.is_bytes()) {
+            return true;
+        }
+        std::uint32_t number = 0;
+        std::uint32_t type = 0;
+        std::uint32_t buffer_number = 0;
+        std::string layer;
+        for_each_field(each.bytes, [&](const field& part) {
+            return part.id == 1   ? take_number(part, number)
+                   : part.id == 2 ? take_number(part, type)
+                   : part.id == 3 ? protocol::take_text(part, layer)
+                                  : part.id != 5 || take_number(part, buffer_number);
+        });
+        const buffer key(clock, layer, buffer_number);
+        if (type == buffer_dequeue) {
+            std::set<std::uint64_t>& starts = dequeued_[key];
+            starts.insert(time);
+            if (starts.size() > most_dequeued) {
+                starts.erase(starts.begin());
+            }
+            forget_oldest(dequeued_);
+            return true;
+        }
+        const auto found = dequeued_.find(key);
+        if ((type != buffer_present_fence && type != buffer_cancel) || found == dequeued_.end()) {
+            return true;
+        }
+        const auto behind = found->second.upper_bound(time);
+        if (behind == found->second.begin()) {
+            return true;
+        }
+        const auto begun = std::prev(behind);
+        if (type == buffer_cancel) {
+            found->second.erase(begun);
+        } else {
+            const std::uint64_t start = *begun;
+            found->second.erase(found->second.begin(), behind);
+            add({.whole = {.start = start,
+                           .end = time,
+                           .expected_end = 0,
+                           .token = number,
+                           .layer = std::move(layer),
+                           .jank = 0,
+                           .is_dropped = false},
+                 .clock = clock});
+        }
         return true;
     });
 }

@@ -1,14 +1,16 @@
-// The frames of a trace's frame timeline: when the display and each surface had them ready, and which were
-// late.
+// The frames of a trace: when the display and each surface had them ready, and which were late, from its
+// frame timeline, or else from the marks that the compositor sets on a frame's way through a buffer.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 namespace qel::vexa::report {
@@ -19,7 +21,7 @@ struct frame {
     std::uint64_t expected_end;  // 0 when nothing was expected of it
     std::int64_t token;
     std::string layer;   // empty for the display's
-    std::uint32_t jank;  // bits as in the tracing protocol's JankType; up to 1 means none
+    std::uint32_t jank;  // bits as in the tracing protocol's JankType: 0 is not judged, 1 means none
     bool is_dropped;
 };
 
@@ -36,7 +38,7 @@ inline constexpr std::array jank_reasons{"scheduling of the compositor",
 
 // A layer's name; "display" for the display's own frames.
 std::string layer_name(const std::string& layer);
-// What the timeline says of a frame: "on time", or what made it late or dropped.
+// What the trace says of a frame: "on time", what made it late or dropped, or "not judged".
 bool is_late(const frame& one);
 std::string jank_text(const frame& one);
 
@@ -52,7 +54,7 @@ std::vector<frame_layer> layers_of(std::span<const frame> frames);
 // Each frame's number in its layer, from 1 on.
 std::vector<std::size_t> numbers_of(std::span<const frame> frames);
 
-// Takes the frame timeline of a trace while it is read, in a bounded amount of memory: of more frames than
+// Takes the frames of a trace while it is read, in a bounded amount of memory: of more frames than
 // the limit the shortest are left out.
 class frame_timeline {
 public:
@@ -65,6 +67,10 @@ public:
     void on_clocks(std::string_view snapshot);
     // A FrameTimelineEvent, with its packet's time and clock.
     void on_event(std::uint64_t time, std::uint32_t clock, std::string_view event);
+
+    // A GraphicsFrameEvent, with its packet's time and clock. Where there is a frame timeline it says more,
+    // and is what counts.
+    void on_buffer_event(std::uint64_t time, std::uint32_t clock, std::string_view event);
 
     // To be called when the trace is read: the frames by their starts. Those whose clock no snapshot has are
     // left out.
@@ -83,6 +89,9 @@ private:
         std::uint32_t clock;
     };
 
+    // The clock, the layer and the number of a buffer.
+    using buffer = std::tuple<std::uint32_t, std::string, std::uint32_t>;
+
     void add(finished&& one);
     void leave_out_shortest();
 
@@ -91,6 +100,8 @@ private:
     std::map<std::uint32_t, std::map<std::uint64_t, std::uint64_t>> raw_time_;
     std::map<std::int64_t, started> started_;  // by cookie
     std::map<std::pair<std::string, std::int64_t>, std::uint64_t> expected_ends_;
+    std::map<buffer, std::set<std::uint64_t>> dequeued_;  // when: the latest ones of each
+    bool has_timeline_ = false;
     std::vector<finished> finished_;
     std::uint64_t left_out_ = 0;
 };

@@ -185,6 +185,9 @@ public:
     void on_frame_event(std::uint64_t time, std::uint32_t clock, std::string_view event) override {
         frames_.on_event(time, clock, event);
     }
+    void on_buffer_event(std::uint64_t time, std::uint32_t clock, std::string_view event) override {
+        frames_.on_buffer_event(time, clock, event);
+    }
     frame_timeline& frames() { return frames_; }
 
     void on_unreadable(const unreadable_part& part) override {

@@ -34,6 +34,7 @@ enum packet_field : std::uint32_t {
     packet_state_cleared = 41,
     packet_compressed_packets = 50,
     packet_gpu_counter_event = 52,
+    packet_buffer_event = 57,
     packet_clock = 58,
     packet_frame_event = 76,
     packet_gpu_info = 128,
@@ -110,6 +111,7 @@ struct packet_content {
     std::string_view config;
     std::string_view clocks;
     std::string_view frame_event;
+    std::string_view buffer_event;
     std::uint32_t clock;  // that the sample's time is on
     std::string_view compressed;
     bool is_zstd;
@@ -124,7 +126,7 @@ struct packet_content {
         sample.timestamp = 0;
         sample.values.clear();
         gpus.clear();
-        config = compressed = clocks = frame_event = {};
+        config = compressed = clocks = frame_event = buffer_event = {};
         clock = default_clock;
     }
 };
@@ -222,6 +224,9 @@ bool read_packet(std::string_view bytes, packet_content& content) {
                 return take_number(each, content.clock);
             case packet_frame_event:
                 content.frame_event = each.bytes;
+                return each.is_bytes();
+            case packet_buffer_event:
+                content.buffer_event = each.bytes;
                 return each.is_bytes();
             case packet_ftrace_events:
                 // What the service adds stands last. What looks like this field behind it is the next packet,
@@ -378,6 +383,9 @@ private:
         }
         if (!content.frame_event.empty()) {
             listener_.on_frame_event(content.sample.timestamp, content.clock, content.frame_event);
+        }
+        if (!content.buffer_event.empty()) {
+            listener_.on_buffer_event(content.sample.timestamp, content.clock, content.buffer_event);
         }
         if (content.compressed.empty() || !may_be_compressed) {
             return nullptr;

@@ -53,6 +53,9 @@ public:
     // A FrameTimelineEvent, with the time of its packet and the number of the clock that it is on.
     virtual void on_frame_event(std::uint64_t /*time*/, std::uint32_t /*clock*/, std::string_view /*event*/) {
     }
+    // A GraphicsFrameEvent, likewise.
+    virtual void on_buffer_event(std::uint64_t /*time*/, std::uint32_t /*clock*/,
+                                 std::string_view /*event*/) {}
     virtual void on_unreadable(const unreadable_part& /*part*/) {}
     // Now and then: the number of bytes that are behind the reader.
     virtual void on_progress(std::uint64_t /*bytes*/) {}

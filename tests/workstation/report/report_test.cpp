@@ -646,6 +646,41 @@ TEST(Frames, StandOnTheClockOfSamples) {
     }
 }
 
+// What the compositor says of buffers is told out of order, and counts as long as there is no timeline.
+TEST(Frames, OfOlderDevicesComeFromTheirBuffers) {
+    enum : unsigned { dequeue = 1, queue = 2, present = 8, cancel = 13 };
+    const auto mark = [](std::uint64_t time, unsigned type, unsigned buffer, unsigned number_of_frame) {
+        return packet(number(58, 5) + number(8, time) +
+                          nested(57, nested(1, number(1, number_of_frame) + number(2, type) + text(3, "app") +
+                                                   number(5, buffer))),
+                      9);
+    };
+    std::string trace = descriptor(counter_spec(4, "Triangles", 27, true)) + sample(20, {{4, 2}}) +
+                        sample(40, {{4, 4}}) + sample(60, {{4, 8}});
+    trace += mark(5, present, 1, 1);  // began before the trace
+    trace += mark(10, dequeue, 1, 0) + mark(12, queue, 1, 2) + mark(20, dequeue, 2, 0);
+    trace += mark(40, dequeue, 1, 0) + mark(42, dequeue, 1, 0) + mark(43, cancel, 1, 0);
+    trace += mark(30, present, 1, 2) + mark(21, cancel, 2, 0) + mark(45, present, 2, 3);
+    trace += mark(60, present, 1, 4);
+    const auto frames = [](const std::string& of) {
+        const auto json =
+            nlohmann::json::parse(run_report({"--by-frame", "--json", "--amounts=total"}, of).output);
+        std::string result;
+        for (const auto& one : json["frames"]) {
+            result += one["layer"].get<std::string>() + " " + one["startNs"].dump() + " " +
+                      one["token"].dump() + " " + one["jankText"].get<std::string>() + " " +
+                      one["values"].dump() + "\n";
+        }
+        return result;
+    };
+    EXPECT_EQ(frames(trace), "app 10 2 not judged [2.0]\napp 40 4 not judged [8.0]\n");
+    trace += packet(nested(6, nested(1, number(1, 5) + number(2, 1)) +
+                                  nested(1, number(1, 3) + number(2, 1'000'000'001))),
+                    1);
+    trace += mark(70, dequeue, 1, 0) + app_frame(9, 30, 40) + mark(80, present, 1, 5);
+    EXPECT_EQ(frames(trace), "Scene 30 9 on time [4.0]\n");
+}
+
 // However many samples there are, the bins are few, and together they are the samples.
 TEST(Summary, BinsHoldEverySampleOnce) {
     for (const std::uint64_t count : {1U, 15U, 16U, 17U, 1000U, 4096U}) {

@@ -27,7 +27,7 @@ const isLate = ({ jank, isDropped }) => jank > 1 || isDropped;
 
 function reasonOf({ jank, isDropped }) {
   const reasons = trace.frames.reasons.filter((_, i) => jank & 2 << i);
-  return [...(isDropped ? ["dropped"] : []), ...reasons].join(", ") || (jank > 1 ? "late" : "on time");
+  return [...(isDropped ? ["dropped"] : []), ...reasons].join(", ") || ["not judged", "on time"][jank] || "late";
 }
 
 function choose(layer) {
