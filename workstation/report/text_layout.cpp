@@ -41,10 +41,10 @@ std::vector<std::string> wrapped(std::string_view text, std::size_t width) {
 std::string column_number(double value) {
     const double size = std::fabs(value);
     char text[32];
-    if (size == std::round(size) && size < 1e5) {
-        std::snprintf(text, sizeof text, "%.0f", value);
-    } else if (size >= 1e5 || size < 0.0005) {
+    if (value >= 999'999.5 || value <= -99'999.5 || (size != 0 && size < 0.0005)) {
         std::snprintf(text, sizeof text, "%.0e", value);
+    } else if (size == std::round(size)) {
+        std::snprintf(text, sizeof text, "%.0f", value);
     } else {
         const int decimals = size < 9.9995 ? 3 : size < 99.995 ? 2 : size < 999.95 ? 1 : 0;
         std::snprintf(text, sizeof text, "%.*f", decimals, value);

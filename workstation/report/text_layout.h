@@ -18,8 +18,8 @@ std::string right_aligned(const std::string& text, std::size_t width);
 // The text in lines of at most so many columns, broken between words where that is possible.
 std::vector<std::string> wrapped(std::string_view text, std::size_t width);
 
-// Four digits of a number that its unit's prefix has brought near to one, and one digit and an exponent of
-// one that is far from it all the same: no more characters than leave a blank in a column.
+// Four digits of a number that its unit's prefix has brought near to one, all whole digits of a larger one,
+// and one digit and an exponent where six characters have no room for it: they leave a blank in a column.
 std::string column_number(double value);
 
 void write_line(std::ostream& out, std::string line);

@@ -599,7 +599,7 @@ TEST(Report, ShowsOtherGpusAsTheirs) {
             "Memory & bus\n"
             " Reads             B/s    10.89  4.667  9.333  18.67  18.67  18.67\n"
             "Board\n"
-            " Heat              °C     2e+05  80000  2e+05  3e+05  3e+05  3e+05\n"
+            " Heat              °C    220000  80000 159744 319488 319488 320000\n"
             "\nSequence 7, GPU 1, Second: 1 counter; 3 samples over 3.000 s, one every 1500.000 ms; amounts "
             "are per second\n\n"
             " counter unit   mean    min    p50    p95    p99    max\n"
