@@ -1,6 +1,7 @@
 // The form of the derived counters' list.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 #include <tuple>
 
@@ -41,6 +42,16 @@ struct derived_row {
 
     constexpr table_set tables() const {
         return std::apply([](const auto&... variant) { return (variant.tables | ...); }, variants);
+    }
+    // The place of the table's variant; the number of variants for a table without one.
+    constexpr std::size_t variant_in(unsigned table) const {
+        return std::apply(
+            [table](const auto&... variant) {
+                std::size_t place = 0;
+                static_cast<void>(((variant.tables.contains(table) || (++place, false)) || ...));
+                return place;
+            },
+            variants);
     }
     // Named, described in each table, and no table in two variants.
     constexpr bool is_sound() const {

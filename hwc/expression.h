@@ -12,6 +12,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <type_traits>
 
@@ -41,7 +42,9 @@ struct constant_text {
 
 // A counter by its hardware name, before the name has become an id.
 template <constant_text name>
-struct named_counter : expression_base {};
+struct named_counter : expression_base {
+    static constexpr auto ids = ids_of(name.view());
+};
 
 // A raw counter by its id. It reads as 0 when the profiler's table has no such row.
 struct counter_operand : expression_base {
@@ -143,7 +146,11 @@ constexpr auto resolve(warp_size_constant /*size*/) {
 }
 template <unsigned table, constant_text name>
 constexpr auto resolve(named_counter<name> /*counter*/) {
-    return counter_operand(id_in_table(table, name.view()));
+    const std::optional<std::uint32_t> id = named_counter<name>::ids[table - 1];
+    if (!id) {
+        throw "the table has no counter with this hardware name";
+    }
+    return counter_operand(*id);
 }
 template <unsigned table, operation op, typename Left, typename Right>
 constexpr auto resolve(binary<op, Left, Right> e) {
@@ -180,11 +187,11 @@ constexpr void collect_ids(const binary<op, Left, Right>& e, operand_ids& found)
 }
 
 template <expression auto resolved>
-constexpr operand_ids operands_of() {
+inline constexpr operand_ids operands_of = [] {
     operand_ids found;
     collect_ids(resolved, found);
     return found;
-}
+}();
 
 // The evaluator of a resolved expression: a function with all ids and constants fixed in it. Tables in which
 // the operands have the same ids share one.
@@ -192,7 +199,7 @@ template <expression auto resolved>
 saturating_double evaluate(const profiler& context, const std::uint32_t* sample) {
     constexpr block_classes classes = [] {
         block_classes found = 0;
-        for (const std::uint32_t id : operands_of<resolved>()) {
+        for (const std::uint32_t id : operands_of<resolved>) {
             found |= raw_values::class_of(id);
         }
         return found;

@@ -8,9 +8,9 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <tuple>
-#include <type_traits>
 #include <utility>
 
 #include "hwc/derived_rows.h"
@@ -87,36 +87,28 @@ constexpr auto join_text() {
 template <std::size_t row_index, std::size_t variant_index>
 constexpr auto joined_text = join_text<row_index, variant_index>();
 
-template <unsigned table, std::size_t row_index, std::size_t variant_index>
-void add_variant(counter_table& result) {
-    constexpr const auto& row = derived_row_at<row_index>();
-    constexpr const auto& variant = variant_at<row_index, variant_index>();
-    if constexpr (variant.tables.contains(table)) {
-        constexpr auto resolved = resolve<table>(variant.value);
-        constexpr operand_ids dependencies = operands_of<resolved>();
-        result.insert(
-            {.id = derived_id(table, row_index),
-             .name = row.name,
-             .description = joined_text<row_index, variant_index>.data(),
-             .numerator_units = row.in_units.numerator,
-             .denominator_units = row.in_units.denominator,
-             .select_by_default = row.selected == selection::by_default,
-             .dependencies = {dependencies.ids.begin(), dependencies.ids.begin() + dependencies.count},
-             .evaluator = evaluate<resolved>});
-    }
-}
+// What a derived row is in a table that has it.
+struct derived_entry {
+    const char* name;
+    const char* description;
+    units in_units;
+    selection selected;
+    const operand_ids* dependencies;
+    counter_evaluator* evaluator;
+};
 
-template <unsigned table, std::size_t row_index, std::size_t... variants>
-void add_row(counter_table& result, std::index_sequence<variants...> /*all*/) {
-    (add_variant<table, row_index, variants>(result), ...);
-}
-template <unsigned table, std::size_t... rows>
-void add_derived(counter_table& result, std::index_sequence<rows...> /*all*/) {
-    static_assert((derived_row_at<rows>().is_sound() && ...));
-    (add_row<table, rows>(
-         result, std::make_index_sequence<
-                     std::tuple_size_v<std::remove_cvref_t<decltype(derived_row_at<rows>().variants)>>>()),
-     ...);
+template <unsigned table, std::size_t row_index>
+constexpr derived_entry derived_entry_of() {
+    constexpr const auto& row = derived_row_at<row_index>();
+    static_assert(row.is_sound());
+    constexpr std::size_t variant_index = row.variant_in(table);
+    constexpr auto resolved = resolve<table>(variant_at<row_index, variant_index>().value);
+    return {.name = row.name,
+            .description = joined_text<row_index, variant_index>.data(),
+            .in_units = row.in_units,
+            .selected = row.selected,
+            .dependencies = &operands_of<resolved>,
+            .evaluator = evaluate<resolved>};
 }
 
 // How many rows each table has. The lists must come out at these numbers.
@@ -152,8 +144,24 @@ constexpr bool sizes_are_right() {
 }
 static_assert(sizes_are_right());
 
+// The derived rows of a table, in the order of their ids.
 template <unsigned table>
-counter_table build_table() {
+constexpr auto derived_entries = []<std::size_t... places>(std::index_sequence<places...>) {
+    constexpr auto rows = [] {
+        std::array<std::size_t, sizeof...(places)> result{};
+        std::size_t count = 0;
+        for (std::size_t row = 0; row < tables_of_derived_rows.size(); ++row) {
+            if (tables_of_derived_rows[row].contains(table)) {
+                result[count++] = row;
+            }
+        }
+        return result;
+    }();
+    return std::array{derived_entry_of<table, rows[places]>()...};
+}
+(std::make_index_sequence<table_sizes[table - 1].derived>());
+
+counter_table build_table(unsigned table, std::span<const derived_entry> derived) {
     counter_table result;
     result.reserve(table_sizes[table - 1].all());
     job_manager::add_to(result, table);
@@ -168,8 +176,21 @@ counter_table build_table() {
                    .select_by_default = false,
                    .dependencies = {},
                    .evaluator = nullptr});
-    add_derived<table>(result, std::make_index_sequence<tables_of_derived_rows.size()>());
+    for (std::uint32_t id = first_derived_id; const derived_entry& row : derived) {
+        result.insert({.id = id++,
+                       .name = row.name,
+                       .description = row.description,
+                       .numerator_units = row.in_units.numerator,
+                       .denominator_units = row.in_units.denominator,
+                       .select_by_default = row.selected == selection::by_default,
+                       .dependencies = {row.dependencies->begin(), row.dependencies->end()},
+                       .evaluator = row.evaluator});
+    }
     return result;
+}
+template <unsigned table>
+counter_table build_table() {
+    return build_table(table, derived_entries<table>);
 }
 
 // The table of each product, by the product's number.

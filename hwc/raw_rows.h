@@ -1,6 +1,7 @@
 // The raw counters' four lists, and hardware names across them.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -25,18 +26,19 @@ constexpr void for_each_raw_row(auto take) {
     take_all(shader_core_rows);
 }
 
-// The id of a hardware counter in a table. A name that the table lacks does not compile.
-constexpr std::uint32_t id_in_table(unsigned table, std::string_view hardware_name) {
-    std::optional<std::uint32_t> found;
+// The ids of a hardware counter, by table number less one; nothing for a table that lacks the name.
+constexpr std::array<std::optional<std::uint32_t>, table_count> ids_of(std::string_view hardware_name) {
+    std::array<std::optional<std::uint32_t>, table_count> result;
     for_each_raw_row([&](const raw_row& row) {
-        if (row.hardware_name == hardware_name && row.tables().contains(table)) {
-            found = row.id_in(table);
+        if (row.hardware_name == hardware_name) {
+            for (unsigned table = 1; table <= table_count; ++table) {
+                if (row.tables().contains(table)) {
+                    result[table - 1] = row.id_in(table);
+                }
+            }
         }
     });
-    if (!found) {
-        throw "the table has no counter with this hardware name";
-    }
-    return *found;
+    return result;
 }
 
 }  // namespace qel::vexa::hwc
