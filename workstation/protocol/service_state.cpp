@@ -12,7 +12,7 @@ namespace {
 enum state_field : std::uint32_t { state_producers = 1, state_sources = 2 };
 enum producer_field : std::uint32_t { producer_id = 1, producer_name = 2 };
 enum source_field : std::uint32_t { source_descriptor = 1, source_producer = 2 };
-enum descriptor_field : std::uint32_t { descriptor_name = 1, descriptor_gpu_counters = 5 };
+enum source_descriptor_field : std::uint32_t { descriptor_name = 1, descriptor_gpu_counters = 5 };
 
 constexpr std::string_view counters_source_name = "gpu.counters";
 

@@ -13,6 +13,8 @@ namespace qel::vexa::report {
 
 namespace {
 
+using json = nlohmann::ordered_json;
+
 // Powers of two, for batches are put together two by two. What has fewer time steps than the middle one is
 // too short.
 constexpr std::size_t most_batches = 32;
@@ -343,7 +345,6 @@ bool gate::fails(const compared_counter& counter) const {
 }
 
 nlohmann::ordered_json comparison_in_json(const comparison_output& what) {
-    using json = nlohmann::ordered_json;
     const auto finite = [](double value) { return std::isfinite(value) ? json(value) : json(nullptr); };
     json result{{"version", 1},
                 {"before", what.before},

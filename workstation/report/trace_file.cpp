@@ -66,7 +66,7 @@ constexpr std::size_t max_header = 11;
 constexpr std::size_t max_packet = std::size_t{64} << 20;
 // A packet at which reading may go on behind a damage: bounds what a search through garbage costs.
 constexpr std::size_t max_resumed_packet = std::size_t{1} << 20;
-constexpr std::size_t piece_size = std::size_t{1} << 20;
+constexpr std::size_t read_piece_size = std::size_t{1} << 20;
 constexpr std::uint64_t progress_step = std::uint64_t{4} << 20;
 
 bool read_value(std::string_view bytes, counter_value& value) {
@@ -287,7 +287,7 @@ private:
         begin_ = 0;
         // A claimed length is believed piece by piece, so that it takes no more memory than the file has.
         for (std::size_t count = 1; end_ < wanted && count != 0; end_ += count) {
-            buffer_.resize(std::max(buffer_.size(), end_ + piece_size));
+            buffer_.resize(std::max(buffer_.size(), end_ + read_piece_size));
             count = source_.read(buffer_.data() + end_, buffer_.size() - end_);
         }
     }
