@@ -129,10 +129,7 @@ public:
         context.in_hand_ = sample;
         context.classes_in_hand_ = classes;
     }
-    ~sample_in_hand() {
-        context_.in_hand_ = nullptr;
-        context_.classes_in_hand_ = 0;
-    }
+    ~sample_in_hand() { context_.in_hand_ = nullptr; }
     sample_in_hand(const sample_in_hand&) = delete;
     sample_in_hand& operator=(const sample_in_hand&) = delete;
 
