@@ -8,10 +8,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
+#include <map>
 #include <optional>
 
+#include "hwc/measure_unit.h"
 #include "tests/support/driven_data_source.h"
 #include "tests/support/platform_log.h"
 #include "tests/support/process.h"
@@ -212,6 +215,8 @@ TEST_F(DataSource, ThreadThatEndsEarly) {
 
 TEST_F(DataSource, StopDoesNotWaitForThePeriod) {
     const reader_factory factory = make_factory(test_support::every(1'000'000'000));
+    // The quicker of two with each reader, for a busy machine may stand still in between.
+    std::chrono::nanoseconds quickest[] = {std::chrono::seconds(1), std::chrono::seconds(1)};
     for (const useconds_t delay : {0U, 20000U, 1U, 20001U}) {
         data_source source;
         source.set_up(number(1, 1'000'000'000), delay % 2 == 0 ? &factory : nullptr);
@@ -219,8 +224,11 @@ TEST_F(DataSource, StopDoesNotWaitForThePeriod) {
         ::usleep(delay);
         const auto begin = std::chrono::steady_clock::now();
         source.stop();
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
+        quickest[delay % 2] = std::min(quickest[delay % 2], std::chrono::steady_clock::now() - begin);
         EXPECT_FALSE(source.reader);
+    }
+    for (const std::chrono::nanoseconds time : quickest) {
+        EXPECT_LT(time, std::chrono::milliseconds(500));
     }
 }
 
@@ -229,7 +237,10 @@ TEST_F(DataSource, ManySessionsLeaveNothingBehind) {
     const reader_factory none = [] { return nullptr; };
     std::ptrdiff_t driver_samples = 0;
     held_resources before{};
-    for (useconds_t session = 0; session < 1010; ++session) {
+    constexpr std::ptrdiff_t enough_samples = 500;
+    // More sessions where a busy machine gives the driver less time in each.
+    for (useconds_t session = 0; session < 1010 || (driver_samples < enough_samples && session < 20'000);
+         ++session) {
         if (session == 10) {
             before = held_resources::now();
         }
@@ -244,9 +255,32 @@ TEST_F(DataSource, ManySessionsLeaveNothingBehind) {
         }
         machine::clear_requests();
     }
-    EXPECT_GT(driver_samples, 500);
+    EXPECT_GE(driver_samples, enough_samples);
     EXPECT_EQ(machine::open_now(), virtual_gpu::open_counts{});
     EXPECT_TRUE(test_support::nothing_left(before));
+}
+
+// The words for units are the names that the protocol has for their numbers.
+TEST(Units, HaveTheProtocolsNumbersAndNames) {
+    using protocol = perfetto::protos::pbzero::GpuCounterDescriptor;
+#define UNIT(name) \
+    { static_cast<std::uint32_t>(protocol::name), #name }
+    const std::map<std::uint32_t, std::string> units = {
+        UNIT(BIT),         UNIT(KILOBIT),   UNIT(MEGABIT),   UNIT(GIGABIT),    UNIT(TERABIT),
+        UNIT(PETABIT),     UNIT(BYTE),      UNIT(KILOBYTE),  UNIT(MEGABYTE),   UNIT(GIGABYTE),
+        UNIT(TERABYTE),    UNIT(PETABYTE),  UNIT(HERTZ),     UNIT(KILOHERTZ),  UNIT(MEGAHERTZ),
+        UNIT(GIGAHERTZ),   UNIT(TERAHERTZ), UNIT(PETAHERTZ), UNIT(NANOSECOND), UNIT(MICROSECOND),
+        UNIT(MILLISECOND), UNIT(SECOND),    UNIT(MINUTE),    UNIT(HOUR),       UNIT(VERTEX),
+        UNIT(PIXEL),       UNIT(TRIANGLE),  UNIT(MILLIWATT), UNIT(WATT),       UNIT(KILOWATT),
+        UNIT(JOULE),       UNIT(VOLT),      UNIT(AMPERE),    UNIT(CELSIUS),    UNIT(FAHRENHEIT),
+        UNIT(KELVIN),      UNIT(PERCENT),   UNIT(PRIMITIVE), UNIT(FRAGMENT),   UNIT(INSTRUCTION)};
+#undef UNIT
+    for (auto [number, name] : units) {
+        std::transform(name.begin(), name.end(), name.begin(),
+                       [](unsigned char c) { return std::tolower(c); });
+        EXPECT_EQ(hwc::unit_word(number), name);
+    }
+    EXPECT_EQ(hwc::unit_word(41), nullptr);
 }
 
 using DataSourceDeathTest = DataSource;
