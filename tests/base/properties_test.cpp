@@ -9,6 +9,7 @@
 
 #include "base/vexa_base_context.h"
 #include "tests/support/answers.h"
+#include "tests/support/failing_calls.h"
 #include "virtual_gpu/machine.h"
 
 namespace {
@@ -35,6 +36,15 @@ base_gpu_props read(const bytes& blob) {
     base_gpu_props props;
     std::memset(&props, 0xa5, sizeof props);
     EXPECT_EQ(basep_ioctl_get_properties(&ctx, &props), BASE_SUCCESS);
+    test_support::calls.failing_malloc = 1;
+    EXPECT_EQ(basep_ioctl_get_properties(&ctx, &props), BASE_FAILURE);  // and nothing changed
+    base_hwcnt_reader_setup_record setup{};
+    std::int32_t reader = -1;
+    machine::fail(request_kind::reader_setup, EIO);
+    change_answer = [](auto...) { return 0; };
+    EXPECT_EQ(basep_ioctl_hwcnt_reader_setup(&ctx, &setup, &reader), BASE_SUCCESS);
+    change_answer = nullptr;
+    EXPECT_EQ(reader, 0) << "a descriptor like any other";
     uku_close(&ctx);
     return props;
 }

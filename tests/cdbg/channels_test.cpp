@@ -29,6 +29,7 @@ struct open_channel {
     }
     ~open_channel() {
         cdbgp_channel_close(&channel);
+        EXPECT_TRUE(channel.conversion_buffer == nullptr && channel.conversion_size == 0);
         cdbgp_channel_term(&shared);
     }
     open_channel(const open_channel&) = delete;
@@ -134,6 +135,7 @@ TEST(channels, a_stream_that_takes_nothing_fails_the_message_and_not_the_log) {
 }
 
 TEST(channels, destinations_that_fail_to_open) {
+    const int mutexes = calls.mutexes;
     cdbgp_destination_set none = {};
     cdbgp_channel channel = {};
     calls.failing_mutex_init = 1;
@@ -146,7 +148,6 @@ TEST(channels, destinations_that_fail_to_open) {
     const temporary_folder folder;
     setenv("EXTERNAL_STORAGE", folder.file("").c_str(), 1);
     const held_resources before = held_resources::now();
-    const int mutexes = calls.mutexes;
     for (const auto& [name, failing_mutex_init] : {std::pair("out", 0), {"none/out", 0}, {"out", 1}}) {
         const bool opens = *name == 'o' && failing_mutex_init == 0;
         cdbgp_destination_set set = {};
@@ -183,7 +184,8 @@ TEST(channels, newline_conversion) {
         {1, 2, "a\nb", 4, 2, "a"},      {1, 3, "", 1, 3, "\r\n"},
         {1, 3, "", 0, 3, "\r\n"},       {1, 2, "", 0, 1, ""},
         {1, 0, "ab", 3, 1, ""},         {1, 9, "abc", 3, 5, "ab\r\n"},
-        {2, 9, "ab", 3, 0, "?"},
+        {1, 9, "\n", 2, 3, "\r\n"},     {2, 9, "ab", 3, 0, "?"},
+        {0, 9, "a", 2, 3, "a\n"},
     };
     for (const auto& row : rows) {
         // Memory of that size exactly, so that a sanitizer sees a byte too many.
@@ -225,6 +227,7 @@ TEST(channels, lengths_that_only_a_check_would_find) {
         {30, "abcd", 30, 29, "abcd\n***MESSAGE TRUNCATED***\n\0"s},
         {4, "abc", 9, 3, "\n***"s},
         {4, "abc", 3, 3, "abc\0"s},
+        {1, "", 5, 0, "\n"},
         {0, "", -1, -1, ""},
         {0, "", 5, -1, ""},
     };

@@ -102,19 +102,46 @@ TEST(print, emergency_message_of_every_length_around_its_array) {
     EXPECT_EQ(cdbgp_channels[0].ring.data, nullptr) << "diagnostics was started";
 }
 
-// With each mutex in turn missing: what is reported, and which of the streams is lost for good. A second
-// start reads the file and the environment again.
+TEST(print, a_buffer_keeps_account_of_its_room) {
+    const std::string formatting_error = "\n***FORMATTING ERROR***\n";
+    for (const auto& [first, second, expected] : {std::tuple("%d", "-", std::string("1-")),
+                                                  {"%045d", "-", std::string(14, '0') + truncated},
+                                                  {"%d", "%e", "1" + formatting_error},
+                                                  {"%e", "%d", formatting_error}}) {
+        char text[40] = "before";
+        cdbgp_buffer buffer;
+        cdbgp_buffer_init(&buffer, nullptr, 0);
+        cdbgp_buffer_init(&buffer, text, sizeof text);
+        EXPECT_STREQ(text, "");
+        cdbgp_buffer_printf(&buffer, first, 1);
+        cdbgp_buffer_printf(&buffer, second, 1);
+        cdbgp_buffer_finish(&buffer);
+        EXPECT_EQ(text, expected);
+        EXPECT_EQ(buffer.offset, expected.size());
+        EXPECT_EQ(buffer.remaining, sizeof text - expected.size());
+        EXPECT_EQ(buffer.total, static_cast<std::int32_t>(expected.size()));
+    }
+}
+
+// With each mutex in turn missing, and each channel's memory: what is reported, and which of the streams is
+// lost for good. A second start reads the file and the environment again.
 TEST(start_up, each_failure_is_reported_undone_and_tried_again) {
     const std::string spin_lock = "Initialization of spin lock failed (1)\n";
     const std::string shared = "cdbgp_channel_init\nIniting shared dests 0x3: failed to init 0x";
     const std::string some_lost = ". Some debug output may not appear due to this\n";
     strings reports = {"cdbgp_env_init\n" + spin_lock, "cdbgp_control_init\n" + spin_lock,
                        shared + "2" + some_lost, shared + "1" + some_lost};
+    strings of_channels;
     for (const char* channel : {"0", "0", "1", "1", "2", "2", "3", "3", "3"}) {
-        reports.push_back("cdbgp_print_init\nInitialization of CDBG channel " + std::string(channel) +
-                          " failed (3)\n");
+        of_channels.push_back("cdbgp_print_init\nInitialization of CDBG channel " + std::string(channel) +
+                              " failed (3)\n");
     }
+    reports.insert(reports.end(), of_channels.begin(), of_channels.end());
     reports.insert(reports.end(), {"cdbgp_failure_init\n" + spin_lock, ""});
+    // The same of their memory, which is asked for behind that of three settings.
+    const int with_memory = static_cast<int>(reports.size());
+    constexpr int blocks_of_settings = 6;
+    reports.insert(reports.end(), of_channels.begin(), of_channels.end());
     for (int failing = 1; const std::string& report : reports) {
         SCOPED_TRACE(failing);
         const bool starts = report.empty() || report.starts_with(shared);
@@ -122,7 +149,8 @@ TEST(start_up, each_failure_is_reported_undone_and_tried_again) {
             const settings file({}, "SETTING=before");
             setenv("VEXA_OWN", "before", 1);
             const int mutexes = calls.mutexes, blocks = calls.blocks;
-            calls.failing_mutex_init = failing;
+            calls.failing_mutex_init = failing <= with_memory ? failing : 0;
+            calls.failing_malloc = failing <= with_memory ? 0 : failing - with_memory + blocks_of_settings;
             cdbg_print_to_error_channel("first");
             EXPECT_TRUE(starts || (calls.mutexes == mutexes && calls.blocks == blocks));
             std::ofstream(file.path()) << "SETTING=after";
@@ -137,7 +165,7 @@ TEST(start_up, each_failure_is_reported_undone_and_tried_again) {
                                 (starts ? "6/vexa:first\n6/vexa:before before\n" : "6/vexa:after after\n"));
         ++failing;
     }
-    EXPECT_EQ(reports.size(), start_up_mutexes + 1U);
+    EXPECT_EQ(with_memory, start_up_mutexes + 1);
 }
 
 TEST(start_up, a_print_by_an_initialiser_is_dropped_and_a_quit_is_silent) {

@@ -43,6 +43,10 @@ std::string said(const std::string& function, const std::string& message) {
 
 // Fills a store, and gives what it said on the way and what the names stand for.
 seen fill(const strings& names) {
+    const auto descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = descriptors();
     const int mutexes = calls.mutexes;
     EXPECT_EQ(cdbgp_env_init(), 0U);
     strings values;
@@ -51,6 +55,7 @@ seen fill(const strings& names) {
     }
     cdbgp_env_term();
     EXPECT_EQ(calls.mutexes, mutexes);
+    EXPECT_LE(descriptors(), before);
     return {take_log(), values};
 }
 
@@ -140,9 +145,9 @@ TEST(environment_store, a_process_is_named_by_the_last_component_of_its_first_wo
         {"com.app:a:b", "com.app:a:b"},
         {text('n', 600), text('n', 511)},
         {text('d', 508) + "/abc", "ab"},
+        {"no file", ""},
         {"bin/", ""},
         {"", ""},
-        {"no file", ""},
         {"line\nend", none},
     };
     std::string content = "line:KEY=line";
@@ -275,6 +280,9 @@ TEST(permissions, a_text_allows_up_to_its_first_bad_element) {
     } cases[] = {
         {"", 0},
         {"OSU_F,STDLIB_ALL,BASE_W,CUTILS_E,UNKNOWN_I", 0, {{20, 8}, {21, 7}, {1, 2}, {14, 4}, {0, 1}}},
+        {"UKU_W,COUNTERFEED_W,HWC_W,HARDWARE_W,LOGGING_W,STX_W,MODULE08_W,MODULE19_W,MODULE33_W",
+         0,
+         {{2, 2}, {4, 2}, {5, 2}, {6, 2}, {7, 2}, {22, 2}, {8, 2}, {19, 2}, {33, 2}}},
         {"ALL_ALL", 7},
         {"ALLOC_WARN", 2},
         {"_WARN,ALL_", 1, {{0, 3}}},

@@ -45,17 +45,28 @@ TEST(Launcher, GivesUpAfterOneLogLineWithoutAGpu) {
         ASSERT_EQ(lines.size(), 2U) << gpu;
         EXPECT_EQ(lines[0].rfind("counterfeed E ", 0), 0U);
         EXPECT_NE(lines[0].find(" Failed to register vexa_gpu_data_source"), std::string::npos);
-        EXPECT_EQ(lines[1].rfind("counterfeed-launcher: ", 0), 0U);
+        EXPECT_EQ(lines[1].find("counterfeed-launcher: " COUNTERFEED_LIBRARY " gave up: "), 0U);
     }
-    process_setup without_library = launcher_setup("none", output, {});
-    for (const auto& [argument, status, said] : {std::tuple("/nonexistent.so", 1, "/nonexistent.so"),
-                                                 {"-h", 0, "Usage: "},
-                                                 {"--help", 0, "Usage: "},
-                                                 {"-V", 0, "counterfeed-launcher 0."},
-                                                 {"--walrus", 2, "\"--walrus\""}}) {
-        without_library.command[1] = argument;
-        EXPECT_EQ(test_support::run(without_library), status) << argument;
-        EXPECT_NE(read_file(output).find(said), std::string::npos) << argument;
+    process_setup setup = launcher_setup("none", output, {});
+    const std::string launcher = setup.command[0];
+    const struct {
+        std::vector<std::string> words;
+        int status;
+        const char* said;
+    } cases[] = {{{"/nonexistent.so"}, 1, "can't load the library: /nonexistent.so"},
+                 {{COUNTERFEED_VIRTUAL_GPU}, 1, " is not the counter library: "},
+                 {{}, 1, "libcounterfeed.so"},
+                 {{"-h"}, 0, "Usage: "},
+                 {{"--help"}, 0, "Usage: "},
+                 {{"-V"}, 0, "counterfeed-launcher 0."},
+                 {{"--version"}, 0, "counterfeed-launcher 0."},
+                 {{"--walrus", "more"}, 2, "counterfeed-launcher: there is no such option: \"--walrus\""},
+                 {{COUNTERFEED_LIBRARY, "more"}, 2, "one library at most: \"more\""}};
+    for (const auto& [words, status, said] : cases) {
+        setup.command = words;
+        setup.command.insert(setup.command.begin(), launcher);
+        EXPECT_EQ(test_support::run(setup), status) << said;
+        EXPECT_NE(read_file(output).find(said), std::string::npos) << read_file(output);
     }
 }
 
@@ -80,6 +91,8 @@ TEST(Launcher, ParksInSilenceWithoutAService) {
         "", output, {"PERFETTO_PRODUCER_SOCK_NAME=" + folder.file("nobody"), "VIRTUAL_GPU_SEAM=" + seam}));
     EXPECT_TRUE(eventually([&] { return !read_file(seam).empty(); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    // Its first thread waits for nothing, without taking time.
+    EXPECT_NE(read_file("/proc/" + std::to_string(running.id()) + "/stat").find(") S "), std::string::npos);
     EXPECT_TRUE(running.is_running());
     EXPECT_EQ(read_file(output), "");
 }

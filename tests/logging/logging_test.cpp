@@ -95,12 +95,12 @@ TEST(Logging, CallbackSeesTheCallSiteAndTheTextUpToItsLimit) {
     const unsigned first_line = __LINE__ + 1;
     logger.e("number %d\n", 12);
     logger.w("%s", "no newline");
-    logging::print::log::e(test_tag, "plain");
+    logging::print::log::e(test_tag, "plain %d", 3);
     logger.e("%s", longest.c_str());
     logger.e("%s more", longest.c_str());
     logger.e("%s", "");
     logger.e("lost %lc", 0x20ac);  // no such character in the C locale
-    const std::string texts[] = {"number 12\n", "no newline", "plain",           longest,
+    const std::string texts[] = {"number 12\n", "no newline", "plain 3",         longest,
                                  longest,       "",           "failed to format"};
     ASSERT_EQ(seen.messages.size(), std::size(texts));
     for (unsigned i = 0; i < std::size(texts); ++i) {

@@ -28,7 +28,8 @@ static void* ending_of_thread(void* word) {
     pthread_t thread;
     void* result = NULL;
     ended_with = NULL;
-    EXPECT(osup_sem_init(&arrived, 0) == OSUP_SUCCESS && osup_sync_object_init(&open_now) == OSUP_SUCCESS);
+    EXPECT(osup_sem_init(&arrived, 1) == OSUP_SUCCESS && osup_sem_trywait(&arrived) == OSUP_SUCCESS &&
+           osup_sync_object_init(&open_now) == OSUP_SUCCESS);
     EXPECT(osup_thread_create(&thread, end_with_word, word) == 0);
     EXPECT(osup_sem_wait(&arrived) == 1 && osup_sem_trywait(&arrived) == 1);
     EXPECT(osup_sync_object_set_and_broadcast(&open_now) == 0 && osup_sync_object_wait(&open_now) == 0);
@@ -36,6 +37,11 @@ static void* ending_of_thread(void* word) {
     EXPECT(osup_sync_object_clear(&open_now) == 0 &&
            osup_sync_object_timedwait(&open_now, 9) == OSUP_FAILURE);
     EXPECT(pthread_mutex_unlock(&open_now.mutex) == EPERM); /* it knows its owner */
+    EXPECT(osup_sync_object_set_and_broadcast(&open_now) == 0 &&
+           osup_sync_object_timedwait(&open_now, 9) == OSUP_SUCCESS);
+    EXPECT(pthread_mutex_lock(&open_now.mutex) == 0);
+    EXPECT(osup_sync_object_timedwait(&open_now, 9) == OSUP_FAILURE &&
+           pthread_mutex_unlock(&open_now.mutex) == 0);
     EXPECT(osup_sync_object_term(&open_now) == 0 && osup_sem_term(&arrived) == 0);
     return ended_with;
 }

@@ -239,6 +239,7 @@ TEST(format_float, rules) {
            infinity, infinity, infinity, negative_nan, negative_nan);
     prints("0." + std::string(323, '0') + "49406564584124655", "%.340f",
            std::bit_cast<double>(std::uint64_t{1}));
+    prints("0." + std::string(323, '0') + "9881313", "%.330f", std::bit_cast<double>(std::uint64_t{2}));
     prints("1 2.5 3", "%d %.1f %d", 1, 2.5, 3);  // an aligned argument between others
 }
 
