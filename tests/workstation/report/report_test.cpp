@@ -22,6 +22,7 @@
 #include "tests/support/tool.h"
 #include "tests/support/wire.h"
 #include "workstation/report/frames.h"
+#include "workstation/report/page_levels.h"
 #include "workstation/report/summary.h"
 #include "workstation/report/trace_file.h"
 #include "workstation/report/writers.h"
@@ -247,6 +248,34 @@ TEST(Report, ShowsWhatATraceHolds) {
          "",
          2,
          "counterfeed-report: --bins is a whole number from 2 to 65536, not \"3.5\"\n" + hint},
+        {{"--amounts=week"},
+         "",
+         2,
+         "counterfeed-report: --amounts is sample, second or total, not \"week\"\n" + hint},
+        {{"--to=1s"}, "", 2, "counterfeed-report: --to is a number of seconds, not \"1s\"\n" + hint},
+        {{"--from=-1"}, "", 2, "counterfeed-report: --from is a number of seconds, not \"-1\"\n" + hint},
+        {{"--fail-if", "GPU = 5"},
+         "",
+         2,
+         "counterfeed-report: a limit is NAME, > or <, and a number or percentage, not \"GPU = 5\"\n" + hint},
+        {{"--charts=often"},
+         "",
+         2,
+         "counterfeed-report: --charts is auto, always or never, not \"often\"\n" + hint},
+        {{"--csv=tall"},
+         "",
+         2,
+         "counterfeed-report: the form of --csv is wide or long, not \"tall\"\n" + hint},
+        {{"--after=x"},
+         "",
+         2,
+         "counterfeed-report: --before, --after and --fail-if belong to --compare\n" + hint},
+        {{"--compare"}, "", 2, "counterfeed-report: a comparison is of two traces\n" + hint},
+        {{"--compare", "x", "y"},
+         "",
+         2,
+         "counterfeed-report: more traces of a side are given with --before and --after\n" + hint},
+        {{"x"}, "", 2, "counterfeed-report: one trace at a time\n" + hint},
     };
     for (const auto& c : cases) {
         const run_result result = run_report(c.arguments, c.trace);
@@ -304,9 +333,10 @@ TEST(Report, ComparesTwoTraces) {
         std::string trace = descriptor(counter_spec(6, "GPU active cycles", 0, true) +
                                        counter_spec(7, "GPU interrupt pending cycles", 0, true) +
                                        counter_spec(is_after ? 8 : 9, "Fragment tasks", 0, true));
-        for (std::uint64_t i = 0; i < 400; ++i) {
+        for (std::uint64_t i = 0; i < (is_after ? 150 : 400); ++i) {
             const auto value = static_cast<double>(i * 37 % 101);
-            trace += sample(i * 1'000'000, {{6, (1000 + value) * (is_after ? 1.1 : 1)}, {7, 500 - value}});
+            trace += sample((i + (is_after ? 9'000 : 0)) * 1'000'000,
+                            {{6, (1000 + value) * (is_after ? 1.1 : 1)}, {7, 500 - value}});
         }
         std::ofstream(folder.file(is_after ? "after" : "before"), std::ios::binary) << trace;
     }
@@ -318,16 +348,34 @@ TEST(Report, ComparesTwoTraces) {
     const auto result = compare({"--fail-if", "gpu active > +5%", "--fail-if", "interrupt > 5%"});
     EXPECT_EQ(result.status, 3) << result.err;
     EXPECT_NE(result.out.find("2 counters compared, 1 changed by more than chance"), std::string::npos);
-    const std::string line = " GPU active cycles M/s   1.050  1.155    +10 %     +9.8 % .. +10 %\n";
+    const std::string line = " GPU active cycles M/s   1.050  1.155    +10 %     +9.6 % .. +10 %\n";
     EXPECT_NE(result.out.find(line), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("Failed: gpu active > +5%: \"GPU active cycles\" changed by +10 %\n"),
               std::string::npos);
     EXPECT_EQ(compare({"--fail-if", "gpu active > +15%"}).status, 0);
     EXPECT_EQ(compare({"--fail-if", "absent > +15%"}).status, 2);
     EXPECT_EQ(compare({"--csv"}).status, 2);
+    EXPECT_EQ(compare({"-o", folder.file("before")}).err,
+              "counterfeed-report: " + folder.file("before") + " is the trace itself\n");
     const auto json = nlohmann::json::parse(compare({"--json"}).out);
+    // The page of both says the same, in steps of one length, and has the samples of both.
+    const std::string page = compare({"--html", "--bins=64"}).out;
+    const std::size_t data = page.find("{\"file\":");
+    const auto held = nlohmann::json::parse(page.substr(data, page.find("</script>", data) - data));
+    EXPECT_EQ(held["comparison"], nlohmann::json::parse(compare({"--json", "--bins=64"}).out));
+    EXPECT_EQ(held["file"], "before \u2192 after");
+    EXPECT_EQ(held["sequences"].size(), 2U);
+    for (const std::size_t side : {0U, 1U}) {
+        const auto& shown = held["sequences"][side];
+        EXPECT_EQ(shown["file"], side == 0 ? "before" : "after");
+        EXPECT_EQ(shown["samples"], side == 0 ? 400 : 150);
+        EXPECT_EQ(shown["samplesPerBin"], 8);
+        EXPECT_EQ(shown["first"], 0);
+        EXPECT_NE(page.find("level-" + std::to_string(side) + "-0-0"), std::string::npos);
+        EXPECT_NE(page.find("level-" + std::to_string(side) + "-t-0"), std::string::npos);
+    }
     EXPECT_EQ(json["counters"].size(), 2U);
-    EXPECT_NEAR(json["counters"][0]["changePercent"].get<double>(), 10, 1e-9);
+    EXPECT_NEAR(json["counters"][0]["changePercent"].get<double>(), 9.978, 1e-3);
     EXPECT_EQ(json["counters"][0]["changed"], true);
     EXPECT_EQ(json["counters"][1]["changed"], false);
     const auto summary =
@@ -338,18 +386,28 @@ TEST(Report, ComparesTwoTraces) {
     EXPECT_NEAR(counter["perSecond"].get<double>() / counter["perSample"].get<double>(), 1000, 1e-6);
     EXPECT_EQ(counter["value"], counter["perSecond"]);
     EXPECT_EQ(counter["kind"], "amount");
+    EXPECT_EQ(summary["sequences"][0]["counters"][1].dump(),
+              R"({"block":"Job manager","count":400,"id":7,"kind":"amount","max":499999.9999999999,)"
+              R"("min":399999.9999999999,"name":"GPU interrupt pending cycles","p50":449999.9999999999,)"
+              R"("p95":494999.9999999999,"p99":498999.9999999999,"perSample":450.09000000000003,)"
+              R"("perSecond":450089.99999999994,"selected":true,"shownUnit":"per second","total":180036.0,)"
+              R"("unit":"","value":450089.99999999994,"weighting":"exact"})");
+    EXPECT_EQ(summary["sequences"][0]["counters"][2]["total"], nullptr);
+    EXPECT_EQ(summary["sequences"][0]["lastNs"], 399'000'000);
+    EXPECT_EQ(summary["sequences"][0]["periodSeconds"], 0.001);
 }
 
 // A frame of the application's, as the timeline tells it: on CLOCK_MONOTONIC, which is a second ahead of the
 // samples'.
 std::string app_frame(unsigned number_of_it, std::uint64_t begin, std::uint64_t end, unsigned jank = 1,
-                      const std::string& layer = "Scene") {
+                      const std::string& layer = "Scene", const std::string& more = {}) {
     const auto event = [](std::uint64_t time, unsigned field, const std::string& content) {
         return packet(number(58, 3) + number(8, time + 1'000'000'000) + nested(76, nested(field, content)),
                       9);
     };
-    return event(begin, 4,
-                 number(1, number_of_it) + number(2, number_of_it) + text(5, layer) + number(9, jank)) +
+    return event(
+               begin, 4,
+               number(1, number_of_it) + number(2, number_of_it) + text(5, layer) + number(9, jank) + more) +
            event(end, 5, number(1, number_of_it));
 }
 
@@ -423,6 +481,78 @@ TEST(Report, SumsUpEachFrame) {
     EXPECT_EQ(brief, 10U);
 }
 
+// Each form of a line for each frame, to the letter: two layers, a frame that was late, one that was dropped,
+// one without samples, and two counters of one name.
+TEST(Report, ShowsFramesInEachForm) {
+    const auto expected = [](unsigned token, std::uint64_t begin, std::uint64_t end,
+                             const std::string& layer) {
+        const auto event = [](std::uint64_t time, unsigned field, const std::string& content) {
+            return packet(
+                number(58, 3) + number(8, time + 1'000'000'000) + nested(76, nested(field, content)), 9);
+        };
+        return event(begin, 3, number(1, token + 500) + number(2, token) + text(5, layer)) +
+               event(end, 5, number(1, token + 500));
+    };
+    constexpr std::uint64_t ms = 1'000'000;
+    std::string trace =
+        packet(nested(6, nested(1, number(1, 5) + number(2, 1)) +
+                             nested(1, number(1, 3) + number(2, 1'000'000'001))),
+               1) +
+        descriptor(counter_spec(4, "Reads, all", 7, true) + counter_spec(5, "Reads, all", 7, true) +
+                   counter_spec(6, "Load", 37, true));
+    for (unsigned i = 1; i <= 12; ++i) {
+        trace += sample(i * ms,
+                        i == 7 ? std::vector<std::pair<unsigned, double>>{{4, 7e6}}
+                               : std::vector<std::pair<unsigned, double>>{{4, i * 1e6}, {5, 2}, {6, i * 5}});
+    }
+    trace += expected(1, 0, 3 * ms, "Scene") + app_frame(1, 0, 3 * ms + 1) +
+             app_frame(2, 3 * ms + 1, 7 * ms, 64) +
+             app_frame(3, 7 * ms, 8 * ms, 1, "A layer with a long name", number(6, 4)) +
+             app_frame(4, 8 * ms + 1, 8 * ms + 5) + app_frame(5, 8 * ms + 5, 12 * ms, 2 + 16);
+    const auto shown = [&trace](std::vector<std::string> options) {
+        options.insert(options.begin(), "--by-frame");
+        return run_report(options, trace).output;
+    };
+    EXPECT_EQ(
+        shown({}),
+        R"(Scene: 4 frames, 2 late, the longest 4.00 ms; A layer with a long name: 1 frames, 1 late, the longest 1.00 ms
+  a  Reads, all, GB/s
+  b  Reads, all, kB/s
+  c  Load, %
+
+layer                  frame   start s       ms late       a       b       c
+Scene                      1   -0.0010     3.00        2.000   1.818   9.839
+Scene                      2    0.0020     4.00 late   5.500   1.818      25
+A layer with a long        1    0.0060     1.00 lost       8   1.818      40
+Scene                      3    0.0070     0.00            -       -       -
+Scene                      4    0.0070     4.00 late   10.50   1.818   52.50
+
+Longest frames of Scene
+      2    0.0020     4.00  the application's deadline
+      4    0.0070     4.00  scheduling of the compositor, the compositor's CPU deadline
+      1   -0.0010     3.00  on time
+      3    0.0070     0.00  on time
+
+Longest frames of A layer with a long name
+      1    0.0060     1.00  dropped
+)");
+    EXPECT_EQ(
+        shown({"--csv", "--amounts=total"}),
+        R"csv(layer,frame,token,start_s,start_ns,duration_ms,expected_ms,jank,dropped,samples,"Reads, all (4)","Reads, all (5)",Load
+Scene,1,1,-0.001,0,3.000001,3,1,0,3,6000000,6,9.838709677419354
+Scene,2,2,0.002000001,3000001,3.999999,,64,0,4,22000000,6,25
+A layer with a long name,1,3,0.006,7000000,1,,1,1,1,8000000,2,40
+Scene,3,4,0.007000001,8000001,4e-06,,1,0,0,,,
+Scene,4,5,0.007000005,8000005,3.999995,,18,0,4,42000000,8,52.5
+)csv");
+    const std::string json = shown({"--json", "--amounts=sample", "-m", "load"});
+    EXPECT_EQ(
+        json.substr(0, json.find("\n{\"layer\":\"A ")),
+        R"({"version":1,"file":"t.trace","sequence":7,"gpu":0,"amounts":"sample","counters":[{"id":6,"name":"Load","block":"Other","kind":"ratio","unit":"percent","shownUnit":"percent"}],"frames":[
+{"layer":"Scene","frame":1,"token":1,"startSeconds":-0.001,"startNs":0,"durationMs":3.000001,"expectedMs":3.0,"jank":1,"jankText":"on time","late":false,"dropped":false,"samples":3,"values":[9.838709677419354]},
+{"layer":"Scene","frame":2,"token":2,"startSeconds":0.002000001,"startNs":3000001,"durationMs":3.999999,"expectedMs":null,"jank":64,"jankText":"the application's deadline","late":true,"dropped":false,"samples":4,"values":[25.0]},)");
+}
+
 // A full disk must not look like a short table.
 TEST(Report, TellsWhenTheResultCanNotBeWritten) {
     EXPECT_EQ(run_report({"--csv", "-o", "/dev/full"}, small_trace()).status, 2);
@@ -430,6 +560,11 @@ TEST(Report, TellsWhenTheResultCanNotBeWritten) {
     EXPECT_EQ(test_support::run_tool(COUNTERFEED_REPORT, {"--help"}, "/dev/null", "/dev/full").status, 2);
     EXPECT_EQ(test_support::run_tool(COUNTERFEED_REPORT, {"--offered", "/nonexistent"}).err,
               "counterfeed-report: can't read /nonexistent: No such file or directory\n");
+    EXPECT_EQ(test_support::run_tool(COUNTERFEED_REPORT, {"--offered", "/dev/null"}).err,
+              "counterfeed-report: no GPU counters are offered in /dev/null\n");
+    EXPECT_EQ(test_support::run_tool(COUNTERFEED_REPORT, {"/nonexistent"}).status, 2);
+    EXPECT_NE(test_support::shown_on_terminal(COUNTERFEED_REPORT " --html x", 80).find("with --output FILE"),
+              std::string::npos);
 }
 
 TEST(TraceReader, GivesAllThatIsWholeOfACutTrace) {
@@ -849,6 +984,176 @@ std::string decode_base64(const std::string& text) {
         }
     }
     return result;
+}
+
+// The texts of a page's levels by their ids; of each the runs' kinds and numbers, those that stand for
+// nothing as not-a-number.
+struct level_run {
+    char kind;
+    std::vector<double> numbers;
+};
+template <typename Number>
+std::vector<double> unshuffled(const std::string& bytes) {
+    const std::size_t count = (bytes.size() - 1) / sizeof(Number);
+    std::vector<double> result;
+    for (std::size_t i = 0; i < count; ++i) {
+        std::string one;
+        for (std::size_t byte = 0; byte < sizeof(Number); ++byte) {
+            one += bytes[1 + byte * count + i];
+        }
+        Number number;
+        std::memcpy(&number, one.data(), sizeof number);
+        const bool is_none = std::is_integral_v<Number> && number == std::numeric_limits<Number>::min();
+        result.push_back(is_none ? NAN : static_cast<double>(number));
+    }
+    return result;
+}
+std::map<std::string, std::vector<level_run>> unpacked(const std::string& elements) {
+    std::map<std::string, std::vector<level_run>> result;
+    std::istringstream lines(elements);
+    std::vector<level_run>* runs = nullptr;
+    for (std::string line; std::getline(lines, line);) {
+        if (const std::size_t begin = line.find("level-"); begin != std::string::npos) {
+            const std::size_t end = line.find("\">");
+            runs = &result[line.substr(begin + 6, end - begin - 6)];
+            line.erase(0, end + 2);
+        }
+        if (line == "</script>") {
+            continue;
+        }
+        std::string bytes = decode_base64(line);
+#ifdef COUNTERFEED_ZLIB
+        uLongf size = 100'000;
+        std::string whole(size, '\0');
+        EXPECT_EQ(
+            ::uncompress(reinterpret_cast<Bytef*>(whole.data()), &size,
+                         reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uLong>(bytes.size())),
+            Z_OK);
+        bytes = whole.substr(0, size);
+#endif
+        runs->push_back({bytes[0], bytes[0] == 'i'   ? unshuffled<std::int32_t>(bytes)
+                                   : bytes[0] == 'f' ? unshuffled<float>(bytes)
+                                                     : unshuffled<double>(bytes)});
+    }
+    return result;
+}
+
+// In each level every sample is where it belongs, and where there is not room for all, the finest levels go
+// first.
+TEST(Page, LevelsHoldEverySample) {
+    constexpr std::size_t count = 20'000;
+    constexpr std::size_t counters = 5;
+    constexpr std::uint64_t origin = 900;
+    const auto time_of = [](std::size_t i) { return 1000 + 10 * i + i % 3; };
+    // Whole numbers with gaps; fractions; what only doubles hold; what floats hold as well; what never
+    // changes.
+    const auto value_of = [](std::size_t counter, std::size_t i) {
+        const auto number = static_cast<double>(i * 37 % 1009);
+        const double values[counters] = {i % 5 == 0 || i / 16 % 7 == 3 ? NAN
+                                         : i == 3001                   ? 2147483647.0
+                                                                       : -number,
+                                         number / 10, i % 2048 == 70 ? 1e300 : 3e9 + number,
+                                         i % 2 == 0 ? 2147483648.0 : -2147483648.0, 7};
+        return values[counter];
+    };
+    const auto read_into = [&](ordered_listener& target) {
+        for (std::size_t i = 0; i < count; ++i) {
+            counter_sample sample{time_of(i), {}};
+            for (unsigned counter = 0; counter < counters; ++counter) {
+                sample.values.push_back({counter, value_of(counter, i)});
+            }
+            target.on_sample(7, sample);
+        }
+    };
+    trace_summary summary(16, {});
+    std::vector<counter_description> descriptions;
+    for (unsigned counter = 0; counter < counters; ++counter) {
+        descriptions.push_back(unknown_counter(counter));
+        descriptions.back().select_by_default = counter == 1;
+    }
+    summary.on_counters(7, descriptions);
+    read_into(summary);
+    const auto& sequences = summary.finish();
+    const auto texts_of = [&](std::size_t limit) {
+        page_levels levels(sequences, {}, origin, limit, 5);
+        read_into(levels);
+        levels.finish();
+        std::ostringstream out;
+        levels.write(out);
+        return out.str();
+    };
+    const std::string whole = texts_of(10'000'000);
+    const auto texts = unpacked(whole);
+    EXPECT_EQ(texts.size(), 3 * (counters - 1 + 1)) << "the last counter is in the overview";
+    std::size_t step = 1;
+    for (std::size_t level = 0; level < 3; ++level, step *= 16) {
+        const std::size_t run = level == 0 ? 2048 : 1024;
+        for (std::size_t counter = 0; counter < counters; ++counter) {
+            const bool is_time = counter == counters - 1;
+            const auto& runs =
+                texts.at("5-" + (is_time ? "t" : std::to_string(counter)) + "-" + std::to_string(level));
+            ASSERT_EQ(runs.size(), (count + step * run - 1) / (step * run));
+            for (std::size_t at = 0; at < runs.size(); ++at) {
+                const std::size_t end = std::min((at + 1) * run * step, count);
+                std::vector<double> least, most, mean;
+                if (is_time) {
+                    least.push_back(at == 0 ? 0 : static_cast<double>(time_of(at * run * step - 1) - origin));
+                }
+                for (std::size_t i = at * run * step; i < end; i += step) {
+                    const std::size_t behind = std::min(i + step, end);
+                    if (is_time) {
+                        const std::uint64_t before = i == 0 ? origin : time_of(i - 1);
+                        least.push_back(static_cast<double>(time_of(behind - 1) - before));
+                        continue;
+                    }
+                    value_range range;
+                    for (std::size_t each = i; each < behind; ++each) {
+                        if (!std::isnan(value_of(counter, each))) {
+                            range.add(value_of(counter, each));
+                        }
+                    }
+                    const bool is_none = range.count == 0;
+                    const auto shown = [&](double value) {
+                        constexpr double limit = std::numeric_limits<float>::max();
+                        return is_none                ? NAN
+                               : runs[at].kind == 'f' ? static_cast<float>(std::clamp(value, -limit, limit))
+                                                      : value;
+                    };
+                    least.push_back(shown(range.least));
+                    most.push_back(shown(range.most));
+                    mean.push_back(shown(range.mean()));
+                }
+                EXPECT_EQ(runs[at].kind, is_time ? 'd' : level == 0 ? "ifdf"[counter] : 'f');
+                if (level != 0) {
+                    least.insert(least.end(), most.begin(), most.end());
+                    least.insert(least.end(), mean.begin(), mean.end());
+                }
+                EXPECT_TRUE(
+                    std::equal(least.begin(), least.end(), runs[at].numbers.begin(), runs[at].numbers.end(),
+                               [](double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }))
+                    << "counter " << counter << " level " << level << " run " << at;
+            }
+        }
+    }
+    for (const std::size_t percent : {90U, 50U, 20U}) {
+        const std::string some = texts_of(whole.size() * percent / 100);
+        const auto kept = unpacked(some);
+        EXPECT_LT(some.size(), whole.size() * percent / 100);
+        std::size_t last_lost = 0, first_kept = 10;
+        for (std::size_t level = 0; level < 3; ++level) {
+            for (std::size_t counter = 0; counter < counters - 1; ++counter) {
+                const std::size_t rank = 2 * level + (counter == 1 ? 1 : 0);
+                if (kept.contains("5-" + std::to_string(counter) + "-" + std::to_string(level))) {
+                    first_kept = std::min(first_kept, rank);
+                } else {
+                    last_lost = std::max(last_lost, rank);
+                }
+            }
+        }
+        EXPECT_LE(last_lost, first_kept) << percent;
+        EXPECT_LT(first_kept, 10U);
+        EXPECT_EQ(kept.contains("5-t-0"), first_kept < 2);
+    }
 }
 
 TEST(Page, HoldsTheDataAndNothingFromElsewhere) {
