@@ -310,6 +310,11 @@ done
     EXPECT_THAT(zsh, HasSubstr("\n    '*-b[of this hardware block\\: job-manager, "));
     EXPECT_THAT(zsh, HasSubstr("\n    '*--block[of this hardware block\\: job-manager, "));
     EXPECT_THAT(zsh, HasSubstr("]:BLOCK:(job-manager tiler memory-system shader-core gpu)' \\\n"));
+    EXPECT_THAT(
+        run_tool(COUNTERS, {"--print-manual"}).out,
+        testing::AllOf(
+            HasSubstr(".\n.SS What to do with them\n.TP\n.B \\-D, \\-\\-details\nshow them in full.\n"),
+            HasSubstr("\\(aqperfetto \\-\\-query\\-raw\\(aq, \\- for standard input")));
 }
 
 TEST(Counters, Complaints) {

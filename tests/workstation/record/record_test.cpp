@@ -10,6 +10,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <sstream>
 
 #include "tests/support/tool.h"
 #include "tests/support/tracing_service.h"
@@ -217,6 +218,15 @@ TEST_F(Record, OffersOfOurGpusAreRecognised) {
     const std::string expected = run_tool(COUNTERS, {"-g", "9", "--json"}).out;
     EXPECT_EQ(run_tool(COUNTERS, {"--device", state, "--json"}).out, expected);
     EXPECT_EQ(run_tool(COUNTERS, {"-i", "-", "--json"}, state).out, expected);
+    std::set<std::string> offered;
+    for (const json& each : json::parse(expected)) {
+        offered.insert(each["id"].dump() + "\t" + each["name"].get<std::string>());
+    }
+    std::istringstream lines(run_tool(REPORT, {"--offered", state}).out);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_EQ(offered.erase(line), 1U) << line;
+    }
+    EXPECT_TRUE(offered.empty());
     EXPECT_EQ(run_tool(COUNTERS, {"--device", service.folder.file("adb"), "--json"}).status, 1);
     EXPECT_EQ(std::system(("perfetto --query >" + state).c_str()), 0);
     EXPECT_THAT(run_tool(COUNTERS, {"--device", state}).err, HasSubstr("\"perfetto --query-raw\" prints"));
