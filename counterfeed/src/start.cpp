@@ -1,9 +1,8 @@
 #include "counterfeed/src/start.h"
 
-#include <perfetto.h>
 #include <unistd.h>
 
-#include "counterfeed/src/vexa_gpu_data_source.h"
+#include "counterfeed/src/registration.h"
 #include "logging/logging.h"
 
 namespace qel::vexa::counterfeed {
@@ -14,10 +13,7 @@ constexpr logging::tag start_tag("counterfeed");
 constexpr unsigned parking_interval_seconds = 10;
 
 void do_main() {
-    perfetto::TracingInitArgs arguments;
-    arguments.backends = perfetto::kSystemBackend;
-    perfetto::Tracing::Initialize(arguments);
-
+    connect_to_tracing_service();
     if (!register_vexa_gpu_data_source()) {
         logging::print::log::e(start_tag, "Failed to register vexa_gpu_data_source\n");
         return;

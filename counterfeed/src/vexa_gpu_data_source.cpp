@@ -100,6 +100,12 @@ std::thread start_thread(Body body) noexcept {
 
 }  // namespace
 
+void connect_to_tracing_service() {
+    perfetto::TracingInitArgs arguments;
+    arguments.backends = perfetto::kSystemBackend;
+    perfetto::Tracing::Initialize(arguments);
+}
+
 bool register_vexa_gpu_data_source() {
     std::error_code ec;
     const hwc::product product(device_path, ec);

@@ -9,14 +9,10 @@
 #include <thread>
 
 #include "counterfeed/src/hwc_reader.h"
+#include "counterfeed/src/registration.h"
 #include "logging/logging.h"
 
 namespace qel::vexa::counterfeed {
-
-// Detects the GPU and offers the data source, with a description of every counter of that GPU, to the tracing
-// service. False when the GPU can't be identified. True otherwise, deliberately without a look at whether the
-// SDK took it.
-bool register_vexa_gpu_data_source();
 
 // The SDK makes the object when a session enables the data source and calls its operations on the SDK's own
 // thread, in the order OnSetup, OnStart, OnStop. None of them reports a failure to the SDK: a failed session
