@@ -144,6 +144,7 @@ TEST(channels, destinations_that_fail_to_open) {
               "6/vexa:cdbgp_channel_open\nIniting dest bitpattern 0xa for channel 2: failed dests bitpattern "
               "is 0x2. Some debug output may not appear from this channel.\n");
     cdbgp_channel_close(&channel);
+    EXPECT_EQ(channel.private_destinations.active, 0U);
 
     const temporary_folder folder;
     setenv("EXTERNAL_STORAGE", folder.file("").c_str(), 1);

@@ -107,6 +107,7 @@ TEST(print, a_buffer_keeps_account_of_its_room) {
     for (const auto& [first, second, expected] : {std::tuple("%d", "-", std::string("1-")),
                                                   {"%045d", "-", std::string(14, '0') + truncated},
                                                   {"%d", "%e", "1" + formatting_error},
+                                                  {"%d", "%030d%e", "1" + formatting_error},
                                                   {"%e", "%d", formatting_error}}) {
         char text[40] = "before";
         cdbgp_buffer buffer;
@@ -253,10 +254,13 @@ TEST(forks, a_child_prints_unless_another_thread_was_at_it) {
     };
     const outcome quiet = run_apart([] {
         const settings some({"VEXA_SETTING=1"});
+        calls.failing_mutex_init = 1;
+        cdbg_print_to_error_channel("lost, and a child starts for itself");
+        EXPECT_EQ(fate_of_child(), 2);
         cdbg_print_to_error_channel("first");
         EXPECT_EQ(fate_of_child(), 2);
     });
-    EXPECT_EQ(children(quiet), 4) << quiet.output << quiet.error;
+    EXPECT_EQ(children(quiet), 8) << quiet.output << quiet.error;
     // Each channel's slot in turn, and each lock, as another thread would hold it.
     for (int held = 0; held < 8; ++held) {
         const outcome seen = run_apart([held] {

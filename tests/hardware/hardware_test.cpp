@@ -73,13 +73,14 @@ TEST(Info, DamagedBlobsAndTheirErrors) {
 }
 
 TEST(Info, NumbersComeFromTheirKeys) {
+    // Against the order of the keys, so that none may store what belongs to the next.
     const auto [error, gpu] =
-        decode(sound + property(3, 1, 2) + property(4, 1, 3) + property(15, 0, 4) +
-               property(29, 2, 0x07123456) + property(99, 3, ~0ULL) + property(0x3fffffff, 0, 1));
+        decode(property(99, 3, ~0ULL) + property(0x3fffffff, 0, 1) + property(29, 2, 0x07123456) +
+               property(15, 0, 4) + property(4, 1, 3) + property(3, 1, 2) + sound);
     ASSERT_FALSE(error);
     EXPECT_EQ(std::tuple(static_cast<std::uint32_t>(gpu.product), gpu.minor_revision, gpu.major_revision,
-                         gpu.l2_slice_count),
-              std::tuple(9U, 2U, 3U, 4U));
+                         gpu.l2_slice_count, gpu.bus_width_bytes),
+              std::tuple(9U, 2U, 3U, 4U, 16U));
     // The later of two wins; a value wider than its number counts with its low word.
     EXPECT_EQ(decode(sound + property(15, 0, 4) + property(15, 3, 0xffff'ffff'0000'0002)).gpu.l2_slice_count,
               2U);

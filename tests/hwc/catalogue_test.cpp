@@ -229,13 +229,9 @@ TEST(Catalogue, ValuesAreThoseOfTheSecondStatement) {
                                                                                                gapped.end());
             std::vector<double> reported(rows.size());
             // Raw counters first and by themselves, when no other row asks for their blocks.
-            const auto derived =
-                static_cast<std::size_t>(std::find_if(rows.begin(), rows.end(),
-                                                      [](const hwc::vexa_counter_descriptor& row) {
-                                                          return row.evaluator != nullptr;
-                                                      }) -
-                                         rows.begin());
-            for (const auto& [first, end] : {std::pair(std::size_t{0}, derived), {derived, rows.size()}}) {
+            const auto raw = static_cast<std::size_t>(std::count_if(
+                rows.begin(), rows.end(), [](const auto& row) { return row.get().evaluator == nullptr; }));
+            for (const auto& [first, end] : {std::pair(std::size_t{0}, raw), {raw, rows.size()}}) {
                 hwc::reported_rows(profiler, std::span(rows).subspan(first, end - first))
                     .evaluate(gpu.words.data(),
                               [&, at = &reported[first]](std::size_t i, double value) { at[i] = value; });

@@ -86,6 +86,7 @@ TEST(Profiler, OtherIds) {
          {256U, 300U, 65534U, 65536U, 0xffffffffU}) {  // the last two are rows without evaluator
         EXPECT_EQ(value_of(profiler, sample, id), 0.0) << id;
     }
+    EXPECT_EQ(value_of(profiler, sample, 192), 1.0) << "a word that no counter has is averaged too";
     // Without slices there is nothing to read.
     EXPECT_EQ(value_of(hwc::profiler(hand_made_gpu(no_counters, 0, 0), 5), {}, 128), 0.0);
     // Counter hardware whose layout of cores isn't known gives no shader core values.

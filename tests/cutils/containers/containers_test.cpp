@@ -161,6 +161,8 @@ TEST(Strdict, TakesAnyTextAndLetsGoOfWhatIterationHasPassed) {
         cutils_string key;
         cutils_strdict_iter_next(&key, &iterator, nullptr);
         ASSERT_EQ(std::string_view(key.text, key.length), name);
+        const std::uint32_t hash = dictionary.table[dictionary.first].hash;
+        EXPECT_EQ(cutilsp_strdict_lookup(&dictionary, &key, hash), dictionary.first);
         EXPECT_EQ(cutils_strdict_remove(&dictionary, name, nullptr), 0U);
     }
     EXPECT_TRUE(dictionary.count == 0 && dictionary.used == 5 && dictionary.first == CUTILS_STRDICT_NONE &&
