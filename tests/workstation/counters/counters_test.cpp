@@ -307,6 +307,7 @@ done
     const tool_result result = run_tool("/bin/bash", {folder.file("script")});
     EXPECT_EQ(result.out, "--block\nshader-core\n0xa004 0xa003 0xa007 0xa002\n\n") << result.err;
     const std::string zsh = run_tool(COUNTERS, {"--print-completion", "zsh"}).out;
+    EXPECT_THAT(zsh, testing::StartsWith("#compdef counterfeed-counters\n\n_arguments -s"));
     EXPECT_THAT(zsh, HasSubstr("\n    '*-b[of this hardware block\\: job-manager, "));
     EXPECT_THAT(zsh, HasSubstr("\n    '*--block[of this hardware block\\: job-manager, "));
     EXPECT_THAT(zsh, HasSubstr("]:BLOCK:(job-manager tiler memory-system shader-core gpu)' \\\n"));
@@ -348,7 +349,7 @@ TEST(Counters, Complaints) {
         {"-g|9|-j|-c", 2, "--json and --csv exclude each other"},
         {"-g|9|-P|overview|GPU_ACTIVE", 2, "--preset and names exclude each other"},
         {"-g|9|-C|-D", 2, "--details, --config and --gpus exclude each other"},
-        {"--gpus|-g|9", 2, "--gpus lists all GPUs"},
+        {"--gpus|-g|9", 2, "--gpus lists all GPUs, and goes with no choice of a GPU or of counters\n"},
         {"--no-such-option", 2, "--help"},
     };
     for (const auto& c : cases) {

@@ -315,10 +315,10 @@ TEST_F(Record, RecordingsEndWhenTold) {
 
 TEST(RecordOptions, Complaints) {
     const std::pair<arguments, const char*> cases[] = {
-        {{}, "say what to record"},
-        {{"-P", "overview", "GPU_ACTIVE"}, "exclude each other"},
-        {{"-c", "x", "-t", "1"}, "stand in the config"},
-        {{"-c", "x", "-O"}, "goes without --with-operands"},
+        {{}, "say what to record: names, --preset or --config\n"},
+        {{"-P", "overview", "GPU_ACTIVE"}, "names, --preset and --config exclude each other\n"},
+        {{"-c", "x", "-t", "1"}, "--period and --duration stand in the config\n"},
+        {{"-c", "x", "-O"}, "--config says all that is recorded, and goes without --with-operands\n"},
         {{"-t", "1.5", "GPU_ACTIVE"}, "not \"1.5\""},
         {{"--walrus"}, "--walrus"},
     };
