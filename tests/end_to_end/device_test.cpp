@@ -173,7 +173,7 @@ TEST(Device, EightSessionsAtATime) {
 
 // Frames and samples of a session, as the report reads them.
 struct frames_and_samples : report::trace_listener {
-    report::frame_timeline timeline;
+    report::frame_collector timeline;
     std::vector<report::counter_sample> samples;
 
     void on_counters(std::uint32_t /*sequence*/,
@@ -183,7 +183,7 @@ struct frames_and_samples : report::trace_listener {
     }
     void on_clocks(std::string_view snapshot) override { timeline.on_clocks(snapshot); }
     void on_frame_event(std::uint64_t time, std::uint32_t clock, std::string_view event) override {
-        timeline.on_event(time, clock, event);
+        timeline.on_timeline_event(time, clock, event);
     }
 };
 

@@ -94,7 +94,7 @@ std::vector<std::size_t> numbers_of(std::span<const frame> frames) {
     return result;
 }
 
-void frame_timeline::on_clocks(std::string_view snapshot) {
+void frame_collector::on_clocks(std::string_view snapshot) {
     std::map<std::uint32_t, std::uint64_t> times;
     for_each_field(snapshot, [&times](const field& each) {
         if (each.id != 1 || !each.is_bytes()) {
@@ -120,7 +120,7 @@ void frame_timeline::on_clocks(std::string_view snapshot) {
     }
 }
 
-void frame_timeline::on_event(std::uint64_t time, std::uint32_t clock, std::string_view event) {
+void frame_collector::on_timeline_event(std::uint64_t time, std::uint32_t clock, std::string_view event) {
     for_each_field(event, [&](const field& each) {
         if (each.id < expected_display || each.id > frame_end || !each.is_bytes()) {
             return true;
@@ -195,7 +195,7 @@ void frame_timeline::on_event(std::uint64_t time, std::uint32_t clock, std::stri
 }
 
 // A frame goes from the moment when its buffer was handed out for drawing to that when the display showed it.
-void frame_timeline::on_buffer_event(std::uint64_t time, std::uint32_t clock, std::string_view event) {
+void frame_collector::on_buffer_event(std::uint64_t time, std::uint32_t clock, std::string_view event) {
     if (has_timeline_) {
         return;
     }
@@ -250,14 +250,14 @@ void frame_timeline::on_buffer_event(std::uint64_t time, std::uint32_t clock, st
     });
 }
 
-void frame_timeline::add(finished&& one) {
+void frame_collector::add(finished&& one) {
     finished_.push_back(std::move(one));
     if (finished_.size() >= limit_ + limit_ / 4) {
         leave_out_shortest();
     }
 }
 
-void frame_timeline::leave_out_shortest() {
+void frame_collector::leave_out_shortest() {
     if (finished_.size() <= limit_) {
         return;
     }
@@ -269,7 +269,7 @@ void frame_timeline::leave_out_shortest() {
     finished_.resize(limit_);
 }
 
-std::vector<frame> frame_timeline::finish() {
+std::vector<frame> frame_collector::finish() {
     leave_out_shortest();
     std::vector<frame> result;
     for (finished& one : finished_) {

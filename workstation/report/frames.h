@@ -56,17 +56,17 @@ std::vector<std::size_t> numbers_of(std::span<const frame> frames);
 
 // Takes the frames of a trace while it is read, in a bounded amount of memory: of more frames than
 // the limit the shortest are left out.
-class frame_timeline {
+class frame_collector {
 public:
     // An hour of two layers at 60 Hz has 432000.
     static constexpr std::size_t most_frames = std::size_t{1} << 19;
 
-    explicit frame_timeline(std::size_t limit = most_frames) : limit_(limit) {}
+    explicit frame_collector(std::size_t limit = most_frames) : limit_(limit) {}
 
     // A ClockSnapshot.
     void on_clocks(std::string_view snapshot);
     // A FrameTimelineEvent, with its packet's time and clock.
-    void on_event(std::uint64_t time, std::uint32_t clock, std::string_view event);
+    void on_timeline_event(std::uint64_t time, std::uint32_t clock, std::string_view event);
 
     // A GraphicsFrameEvent, with its packet's time and clock. Where there is a frame timeline it says more,
     // and is what counts.

@@ -183,12 +183,12 @@ public:
     void on_config(std::string_view config) override { target_.on_config(config); }
     void on_clocks(std::string_view snapshot) override { frames_.on_clocks(snapshot); }
     void on_frame_event(std::uint64_t time, std::uint32_t clock, std::string_view event) override {
-        frames_.on_event(time, clock, event);
+        frames_.on_timeline_event(time, clock, event);
     }
     void on_buffer_event(std::uint64_t time, std::uint32_t clock, std::string_view event) override {
         frames_.on_buffer_event(time, clock, event);
     }
-    frame_timeline& frames() { return frames_; }
+    frame_collector& frames() { return frames_; }
 
     void on_unreadable(const unreadable_part& part) override {
         constexpr std::size_t most_problems = 10;
@@ -226,7 +226,7 @@ public:
 
 private:
     trace_listener& target_;
-    frame_timeline frames_;
+    frame_collector frames_;
     trace_input& input_;
     const bool shows_progress_;
     const char* activity_ = "";
@@ -342,12 +342,12 @@ void add_left_out(std::vector<std::string>& problems, const ordered_listener& re
 }
 
 // Those of the wanted time.
-std::vector<frame> frames_of(frame_timeline& timeline, const selection& wanted, const std::string& trace) {
-    std::vector<frame> result = timeline.finish();
+std::vector<frame> frames_of(frame_collector& collector, const selection& wanted, const std::string& trace) {
+    std::vector<frame> result = collector.finish();
     std::erase_if(result,
                   [&wanted](const frame& one) { return one.end < wanted.from || one.start > wanted.to; });
-    if (timeline.left_out() != 0) {
-        complain(trace + ": " + std::to_string(timeline.left_out()) +
+    if (collector.left_out() != 0) {
+        complain(trace + ": " + std::to_string(collector.left_out()) +
                  " frames are left out: their clock is in no snapshot, or there are too many");
     }
     return result;

@@ -749,15 +749,15 @@ TEST(Report, ShowsOtherGpusAsTheirs) {
 // An application's frames, on a clock that was set once, and more of the display's than are kept.
 TEST(Frames, StandOnTheClockOfSamples) {
     constexpr std::size_t most = 4096;
-    frame_timeline timeline(most);
+    frame_collector collector(most);
     for (const auto& [own, raw] : {std::pair(100U, 1100U), {200U, 1250U}}) {
-        timeline.on_clocks(nested(1, number(1, 6) + number(2, own)) +
-                           nested(1, number(1, 5) + number(2, raw)));
+        collector.on_clocks(nested(1, number(1, 6) + number(2, own)) +
+                            nested(1, number(1, 5) + number(2, raw)));
     }
-    auto add = [&timeline, cookie = 0U](std::uint64_t start, std::uint64_t end, std::uint32_t clock,
-                                        unsigned kind, const std::string& content) mutable {
-        timeline.on_event(start, clock, nested(kind, number(1, ++cookie) + content));
-        timeline.on_event(end, clock, nested(5, number(1, cookie)));
+    auto add = [&collector, cookie = 0U](std::uint64_t start, std::uint64_t end, std::uint32_t clock,
+                                         unsigned kind, const std::string& content) mutable {
+        collector.on_timeline_event(start, clock, nested(kind, number(1, ++cookie) + content));
+        collector.on_timeline_event(end, clock, nested(5, number(1, cookie)));
     };
     const std::string layer = number(2, 7) + text(5, "layer");
     add(90, 140, 6, 3, layer);
@@ -769,8 +769,8 @@ TEST(Frames, StandOnTheClockOfSamples) {
         const std::size_t start = 10'000 + 10 * i;
         add(start, start + (i > 1 && i % 2 == 1 ? 5 : 1), 5, 2, number(2, i) + number(7, 2));
     }
-    const std::vector<frame> frames = timeline.finish();
-    EXPECT_EQ(timeline.left_out(), most + 1);
+    const std::vector<frame> frames = collector.finish();
+    EXPECT_EQ(collector.left_out(), most + 1);
     ASSERT_EQ(frames.size(), most - 1);
     using row = std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::int64_t, std::string,
                            std::uint32_t, bool>;
