@@ -54,7 +54,7 @@ TEST(Launcher, GivesUpAfterOneLogLineWithoutAGpu) {
         int status;
         const char* said;
     } cases[] = {{{"/nonexistent.so"}, 1, "can't load the library: /nonexistent.so"},
-                 {{COUNTERFEED_VIRTUAL_GPU}, 1, " is not the counter library: "},
+                 {{COUNTERFEED_VIRTUAL_GPU}, 1, COUNTERFEED_VIRTUAL_GPU " is not the counter library: "},
                  {{}, 1, "libcounterfeed.so"},
                  {{"-h"}, 0, "Usage: "},
                  {{"--help"}, 0, "Usage: "},
