@@ -91,7 +91,7 @@ void basep_hwcnt_reader_term(vinstr_state* state, std::uint32_t stage) {
     }
 }
 
-// Older drivers know the legacy request alone, which leaves the features at 0.
+// Older drivers know the legacy request alone, and tell of no features.
 bool query_api_version(vinstr_state* state) {
     base_hwcnt_reader_api_record record{};
     if (!request(state, BASE_REQUEST_GET_API_VERSION_WITH_FEATURES, &record)) {
@@ -99,6 +99,7 @@ bool query_api_version(vinstr_state* state) {
         if (!request(state, BASE_REQUEST_GET_API_VERSION, &record)) {
             return false;
         }
+        record.features = 0;
     }
     state->api_version = record.api_version;
     state->features = record.features;
