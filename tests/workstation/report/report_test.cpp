@@ -642,6 +642,12 @@ std::string deflated(const std::string& bytes, int window_bits) {
 
 TEST(TraceReader, CompressedPacketsAndFiles) {
     const std::string trace = small_trace();
+    // More than one piece of the reader's, and of what is unpacked.
+    std::string many = two_counters;
+    for (std::uint64_t i = 0; i < 60'000; ++i) {
+        many += sample(i, {{4, 1.0}, {0x10003, 2.0}});
+    }
+    std::vector<std::string> long_ones{many};
     std::vector<std::string> whole;
     std::vector<std::string> broken;
 #ifdef COUNTERFEED_ZLIB
@@ -656,23 +662,25 @@ TEST(TraceReader, CompressedPacketsAndFiles) {
     broken.push_back(file.substr(0, 40));
     broken.push_back(packet(text(50, deflated(trace.substr(0, trace.size() - 1), MAX_WBITS))));
     broken.push_back(packet(text(50, deflated(two_counters + "\x0a\xff", MAX_WBITS))));
-    // More than one piece of the reader's.
-    std::string many = two_counters;
-    for (std::uint64_t i = 0; i < 60'000; ++i) {
-        many += sample(i, {{4, 1.0}, {0x10003, 2.0}});
-    }
-    for (const std::string& bytes : {many, deflated(many, MAX_WBITS + 16)}) {
-        EXPECT_EQ(record(bytes).samples.size(), 60'000U);
-        EXPECT_EQ(record(bytes).samples.back().timestamp, 59'999U);
-    }
+    long_ones.push_back(deflated(many, MAX_WBITS + 16));
+    long_ones.push_back(packet(text(50, deflated(many, MAX_WBITS))));
 #endif
 #ifdef COUNTERFEED_ZSTD
-    std::string frame(ZSTD_compressBound(trace.size()), '\0');
-    frame.resize(ZSTD_compress(frame.data(), frame.size(), trace.data(), trace.size(), 1));
+    const auto framed = [](const std::string& bytes) {
+        std::string frame(ZSTD_compressBound(bytes.size()), '\0');
+        frame.resize(ZSTD_compress(frame.data(), frame.size(), bytes.data(), bytes.size(), 1));
+        return frame;
+    };
+    long_ones.push_back(packet(text(133, framed(many))));
+    const std::string frame = framed(trace);
     whole.push_back(packet(text(133, frame)));
     broken.push_back(packet(text(133, frame.substr(0, frame.size() - 1))));
     broken.push_back(packet(text(133, std::string("xyz"))));
 #endif
+    for (const std::string& bytes : long_ones) {
+        EXPECT_EQ(record(bytes).samples.size(), 60'000U);
+        EXPECT_EQ(record(bytes).samples.back().timestamp, 59'999U);
+    }
     for (const std::string& bytes : whole) {
         const recorder result = record(bytes);
         EXPECT_EQ(result.samples.size(), 3U);
