@@ -89,6 +89,7 @@ constexpr auto joined_text = join_text<row_index, variant_index>();
 
 // What a derived row is in a table that has it.
 struct derived_entry {
+    std::uint32_t id;
     const char* name;
     const char* description;
     units in_units;
@@ -103,7 +104,8 @@ constexpr derived_entry derived_entry_of() {
     static_assert(row.is_sound());
     constexpr std::size_t variant_index = row.variant_in(table);
     constexpr auto resolved = resolve<table>(variant_at<row_index, variant_index>().value);
-    return {.name = row.name,
+    return {.id = derived_id(table, row_index),
+            .name = row.name,
             .description = joined_text<row_index, variant_index>.data(),
             .in_units = row.in_units,
             .selected = row.selected,
@@ -176,8 +178,8 @@ counter_table build_table(unsigned table, std::span<const derived_entry> derived
                    .select_by_default = false,
                    .dependencies = {},
                    .evaluator = nullptr});
-    for (std::uint32_t id = first_derived_id; const derived_entry& row : derived) {
-        result.insert({.id = id++,
+    for (const derived_entry& row : derived) {
+        result.insert({.id = row.id,
                        .name = row.name,
                        .description = row.description,
                        .numerator_units = row.in_units.numerator,
