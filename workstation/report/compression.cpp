@@ -14,7 +14,7 @@ namespace qel::vexa::report {
 
 namespace {
 
-[[maybe_unused]] constexpr std::size_t unpacked_piece_size = std::size_t{1} << 16;
+[[maybe_unused]] constexpr std::size_t compression_piece_size = std::size_t{1} << 16;
 [[maybe_unused]] constexpr const char* damaged = "damaged compressed packets";
 constexpr const char* unsupported = "compressed packets, which this build can't read";
 
@@ -29,9 +29,9 @@ const char* inflate_all(std::string_view bytes, std::size_t most, std::string& r
     int status = Z_OK;
     while (status == Z_OK && result.size() < most) {
         const std::size_t done = result.size();
-        result.resize(done + unpacked_piece_size);
+        result.resize(done + compression_piece_size);
         stream.next_out = reinterpret_cast<Bytef*>(result.data() + done);
-        stream.avail_out = static_cast<uInt>(unpacked_piece_size);
+        stream.avail_out = static_cast<uInt>(compression_piece_size);
         status = inflate(&stream, Z_NO_FLUSH);
         result.resize(result.size() - stream.avail_out);
     }
@@ -52,14 +52,14 @@ const char* decompress_zstd(std::string_view bytes, std::size_t most, std::strin
     bool is_full = true;  // the last piece: more may be to come without further input
     while ((in.pos < in.size || is_full) && result.size() < most) {
         const std::size_t done = result.size();
-        result.resize(done + unpacked_piece_size);
-        ZSTD_outBuffer out{result.data() + done, unpacked_piece_size, 0};
+        result.resize(done + compression_piece_size);
+        ZSTD_outBuffer out{result.data() + done, compression_piece_size, 0};
         status = ZSTD_decompressStream(context.get(), &out, &in);
         result.resize(done + out.pos);
         if (ZSTD_isError(status) != 0) {
             return damaged;
         }
-        is_full = out.pos == unpacked_piece_size;
+        is_full = out.pos == compression_piece_size;
     }
     return status == 0 && in.pos == in.size ? nullptr : damaged;
 }
@@ -86,7 +86,7 @@ const char* decompress([[maybe_unused]] std::string_view bytes, [[maybe_unused]]
 #ifdef COUNTERFEED_ZLIB
 struct byte_source::gzip_decoder {
     z_stream stream{};
-    std::vector<char> input = std::vector<char>(unpacked_piece_size);
+    std::vector<char> input = std::vector<char>(compression_piece_size);
     bool is_ready = false;
     bool is_between_members = false;  // where the file may end
 
@@ -137,7 +137,7 @@ std::size_t byte_source::read(char* bytes, std::size_t count) {
     while (done < count && fault_ == nullptr) {
         if (stream.avail_in == 0) {
             stream.next_in = reinterpret_cast<Bytef*>(decoder_->input.data());
-            stream.avail_in = static_cast<uInt>(read_file(decoder_->input.data(), unpacked_piece_size));
+            stream.avail_in = static_cast<uInt>(read_file(decoder_->input.data(), compression_piece_size));
             if (stream.avail_in == 0) {
                 fault_ = decoder_->is_between_members ? nullptr : "the compressed file is cut short";
                 break;
